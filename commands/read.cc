@@ -1,0 +1,76 @@
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <new>
+#include <string>
+
+#include "commands/commands.h"
+#include "commands/reply.h"
+#include "mms/wrapper_mms.h"
+
+namespace {
+
+const size_t COUNT_FIELD_LEN = 8;
+
+// Body bytes of a success reply besides the data and the command word:
+// "OK_" + 0x0A, eight digits + 0x0A, the counted-field prefix, the data's
+// 0x0A and the list's closing 0x0A.
+const size_t READ_REPLY_FIXED = 4 + 9 + COUNTED_PREFIX_LEN + 1 + 1 + 1;
+
+}  // namespace
+
+int maxReadCount(size_t wordLength) {
+  const size_t fixed = READ_REPLY_FIXED + wordLength;
+  return fixed >= FRAME_MAX_BODY ? 0 : static_cast<int>(FRAME_MAX_BODY - fixed);
+}
+
+ResultCode commandRead(const ParamList& request) {
+  if (!acceptRequest(request, 3, "READ"))
+    return COMMAND_REFUSED;
+  if (request[2].size() != COUNT_FIELD_LEN)
+    return COMMAND_REFUSED;
+  ParamList reply = startReply(request);
+  if (!g_wrapperMms || !g_wrapperMms->isConnected()) {
+    reply.push_back(STATUS_ERR);
+    return sendReply(reply);
+  }
+
+  try {
+    const int count = atoi(request[2].c_str());
+    // A reply carries at most 65,535 body bytes; a count it could not carry,
+    // or a negative one, is refused before the stream is touched so that no
+    // byte of the stream is lost.
+    if (count < 0 || count > maxReadCount(request[1].size())) {
+      reply.push_back(STATUS_ERR);
+      return sendReply(reply);
+    }
+    // The library writes behind room for the counted-field prefix, and the
+    // buffer then becomes the reply's last element as it is: the frame is
+    // the only copy of the data.
+    std::string buffer(static_cast<size_t>(count) + COUNTED_PREFIX_LEN, '\0');
+    int n = 0;
+    const ResultCode rc =
+        g_wrapperMms->read(&buffer[COUNTED_PREFIX_LEN], count, n);
+    // A count the library reports outside 1..count (a negative error value
+    // passed through as a count) cannot describe bytes in the buffer.
+    if (rc == RESULT_OK && n > 0 && n <= count) {
+      char digits[16];
+      snprintf(digits, sizeof digits, "%08d", n);
+      reply.push_back(STATUS_OK);
+      reply.push_back(digits);
+      buffer[0] = 0x00;
+      buffer[1] = static_cast<char>((n >> 8) & 0xFF);
+      buffer[2] = static_cast<char>(n & 0xFF);
+      buffer[3] = 0x00;
+      buffer.resize(static_cast<size_t>(n) + COUNTED_PREFIX_LEN);
+      reply.push_back(std::move(buffer));
+    } else if (rc == MMS_NO_DATA) {
+      reply.push_back(STATUS_EOF);
+    } else {
+      reply.push_back(STATUS_ERR);
+    }
+  } catch (const std::bad_alloc&) {
+    reply.push_back(STATUS_ERR);
+  }
+  return sendReply(reply);
+}

@@ -1,0 +1,3 @@
+#include "core/process.h"
+
+int main() { return runProcess(); }

@@ -1,0 +1,252 @@
+// The socket callbacks libmms uses for every connection of a stream. Each
+// wait is bounded by MEDIA_TIMEOUT_S of no readiness; a transfer that keeps
+// moving is never cut off.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include "channel/wait.h"
+#include "mms/wrapper_mms.h"
+
+namespace {
+
+const int MEDIA_TIMEOUT_S = 7;
+
+// Log writes may touch errno; the connect loop decides on the errno of the
+// last failed system call, so every log write in it keeps errno as it was.
+class KeepErrno {
+ public:
+  KeepErrno() : saved_(errno) {}
+  ~KeepErrno() { errno = saved_; }
+  int value() const { return saved_; }
+
+ private:
+  int saved_;
+};
+
+void logConnect(const char* text) {
+  KeepErrno keep;
+  std::cerr << "[WrapperMms::io_tcp_connect]" << text << std::endl;
+}
+
+void logConnectErr(const char* text) {
+  KeepErrno keep;
+  fputs(text, stderr);
+}
+
+int newTcpSocket() { return socket(AF_INET, SOCK_STREAM, IPPROTO_TCP); }
+
+bool setBlockingFlags(int fd, int flags) {
+  return fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != -1;
+}
+
+// Puts back the blocking mode that a failed attempt had switched off.
+void restoreAfterFailure(int fd, bool wasNonBlocking, int savedFlags) {
+  if (!wasNonBlocking && !setBlockingFlags(fd, savedFlags))
+    logConnectErr("ERR - set Blocking\n");
+}
+
+// One connection attempt to one address on `fd`. Returns true when `fd` is
+// connected (and back in its former blocking mode).
+bool tryAddress(int fd, const sockaddr_in& addr) {
+  const int savedFlags = fcntl(fd, F_GETFL);
+  if (savedFlags == -1) {
+    logConnectErr("ERR - get socket option\n");
+    return false;
+  }
+  const bool wasNonBlocking = (savedFlags & O_NONBLOCK) != 0;
+  if (!wasNonBlocking && fcntl(fd, F_SETFL, savedFlags | O_NONBLOCK) == -1) {
+    logConnectErr("ERR - set nonblocking\n");
+    return false;
+  }
+
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) {
+    if (wasNonBlocking || setBlockingFlags(fd, savedFlags))
+      return true;
+    logConnectErr("ERR - set Blocking\n");
+    return false;
+  }
+  if (errno != EINPROGRESS) {
+    {
+      KeepErrno keep;
+      fprintf(stderr, "ERR - connect\n errno = %d / msg = %s\n", keep.value(),
+              strerror(keep.value()));
+    }
+    restoreAfterFailure(fd, wasNonBlocking, savedFlags);
+    return false;
+  }
+
+  const WaitResult ready = waitFd(fd, WAIT_WRITABLE, MEDIA_TIMEOUT_S);
+  if (ready != WAIT_READY) {
+    if (ready == WAIT_TIMEOUT) {
+      // The wait gave up on a connection in progress: say so in errno, as
+      // connect left it, so the caller knows to start on a fresh socket.
+      errno = EINPROGRESS;
+      logConnectErr("ERR - timeout\n");
+    } else {
+      KeepErrno keep;
+      fprintf(stderr, "ERR - select : %d\n", keep.value());
+    }
+    restoreAfterFailure(fd, wasNonBlocking, savedFlags);
+    return false;
+  }
+
+  int pending = 0;
+  socklen_t len = sizeof pending;
+  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &len) == -1) {
+    {
+      KeepErrno keep;
+      fprintf(stderr, "ERR - getsockopt : %d\n", keep.value());
+    }
+    restoreAfterFailure(fd, wasNonBlocking, savedFlags);
+    return false;
+  }
+  if (pending != 0) {
+    errno = EINPROGRESS;
+    {
+      KeepErrno keep;
+      fprintf(stderr, "ERR - connect with select : %d\n", pending);
+    }
+    restoreAfterFailure(fd, wasNonBlocking, savedFlags);
+    return false;
+  }
+  if (!wasNonBlocking && !setBlockingFlags(fd, savedFlags))
+    logConnectErr("ERR - set Blocking\n");
+  return true;
+}
+
+// io_read and io_write are one loop; this names the difference.
+struct Transfer {
+  const char* name;            // "[WrapperMms::io_read()] " ...
+  WaitFor waitFor;
+  const char* transferError;   // "read error! errno=" / "write error! errno="
+  bool zeroIsEnd;              // a read of 0 is the end of the stream
+};
+
+const Transfer READ_TRANSFER = {"[WrapperMms::io_read()] ", WAIT_READABLE,
+                                "read error! errno=", true};
+const Transfer WRITE_TRANSFER = {"[WrapperMms::io_write()] ", WAIT_WRITABLE,
+                                 "write error! errno=", false};
+
+ssize_t transferOnce(const Transfer& t, int fd, char* buf, size_t len) {
+  if (t.waitFor == WAIT_READABLE)
+    return ::read(fd, buf, len);
+  // A server that has gone away must cost the stream, not the process:
+  // no SIGPIPE, the error comes back as EPIPE instead.
+  return ::send(fd, buf, len, MSG_NOSIGNAL);
+}
+
+mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
+  errno = 0;
+  if (buf == nullptr) {
+    std::cerr << t.name << "invalid argument!" << std::endl;
+    return -1;
+  }
+  if (fd == -1) {
+    std::cerr << t.name << "invalid socket!" << std::endl;
+    return -1;
+  }
+  if (num <= 0)
+    return 0;
+
+  mms_off_t total = 0;
+  while (total < num) {
+    const WaitResult ready = waitFd(fd, t.waitFor, MEDIA_TIMEOUT_S);
+    if (ready == WAIT_TIMEOUT) {
+      std::cerr << t.name << "select timeout!" << std::endl;
+      return total > 0 ? total : -1;
+    }
+    if (ready == WAIT_ERROR) {
+      const int err = errno;
+      std::cerr << t.name << "select error! errno=" << err << std::endl;
+      return total > 0 ? total : -1;
+    }
+    const ssize_t n =
+        transferOnce(t, fd, buf + total, static_cast<size_t>(num - total));
+    if (n < 0) {
+      const int err = errno;
+      std::cerr << t.name << t.transferError << err << std::endl;
+      return total;
+    }
+    if (n == 0 && t.zeroIsEnd) {
+      std::cerr << t.name << "EOF" << std::endl;
+      return total;
+    }
+    total += n;
+  }
+  return total;
+}
+
+}  // namespace
+
+int WrapperMms::io_tcp_connect(void* /*data*/, const char* host, int port) {
+  logConnect("");
+  if (host == nullptr) {
+    logConnect(" invalid argument!");
+    return -1;
+  }
+  const hostent* h = gethostbyname(host);
+  if (h == nullptr) {
+    std::cerr << "[WrapperMms::io_tcp_connect] unable to resolve host: "
+              << host << std::endl;
+    return -1;
+  }
+  int fd = newTcpSocket();
+  if (fd == -1) {
+    const int err = errno;
+    std::cerr << "[WrapperMms::io_tcp_connect] failed to create socket: "
+              << err << std::endl;
+    return -1;
+  }
+  // The library expects a blocking socket back.
+  const int flags = fcntl(fd, F_GETFL);
+  if (fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+    const int err = errno;
+    std::cerr << "[WrapperMms::io_tcp_connect] can't put socket in "
+                 "non-blocking mode: "
+              << err << std::endl;
+    ::close(fd);
+    return -1;
+  }
+  if (h->h_addr_list == nullptr || h->h_addr_list[0] == nullptr) {
+    ::close(fd);
+    return -1;
+  }
+
+  for (char** entry = h->h_addr_list; *entry != nullptr; ++entry) {
+    sockaddr_in addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port & 0xFFFF));
+    memcpy(&addr.sin_addr, *entry, 4);
+    if (tryAddress(fd, addr))
+      return fd;
+    logConnect(" connect failed.");
+    // A socket whose connect is still in progress cannot be pointed at
+    // another address; anything else can be tried again as it is.
+    if (errno == EINPROGRESS) {
+      ::close(fd);
+      fd = newTcpSocket();
+    }
+  }
+  ::close(fd);
+  return -1;
+}
+
+mms_off_t WrapperMms::io_read(void* /*data*/, int socket, char* buf,
+                              mms_off_t num) {
+  return transferAll(READ_TRANSFER, socket, buf, num);
+}
+
+mms_off_t WrapperMms::io_write(void* /*data*/, int socket, char* buf,
+                               mms_off_t num) {
+  return transferAll(WRITE_TRANSFER, socket, buf, num);
+}

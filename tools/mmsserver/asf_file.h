@@ -1,0 +1,33 @@
+#ifndef HALVARINE_TOOLS_MMSSERVER_ASF_FILE_H
+#define HALVARINE_TOOLS_MMSSERVER_ASF_FILE_H
+
+// An ASF file cut the way both MMS transports serve it: the header (the
+// Header Object plus the 50-byte start of the Data Object) and the data
+// packets of fixed size that follow.
+
+#include <stdint.h>
+#include <string>
+#include <vector>
+
+struct AsfFile {
+  std::string header;          // Header Object + 50-byte Data Object header
+  uint32_t packetSize = 0;     // from the File Properties Object
+  std::vector<std::string> packets;  // each exactly packetSize bytes
+  uint64_t fileSize = 0;       // from the File Properties Object
+  std::string fileId;          // 16 bytes, from the File Properties Object
+  uint64_t playDuration100ns = 0;
+};
+
+// Loads and cuts an ASF file. Returns false and sets `error` on a file that
+// cannot be read or is not a well-formed ASF file.
+bool loadAsfFile(const std::string& path, AsfFile& out, std::string& error);
+
+// Same, from bytes already in memory.
+bool parseAsf(const std::string& bytes, AsfFile& out, std::string& error);
+
+// A generated well-formed ASF stream of about `bytes` bytes (one audio stream,
+// packets of `packetSize` bytes with a deterministic payload), for throughput
+// work where the committed sample is too small.
+std::string generateAsf(uint64_t bytes, uint32_t packetSize = 8192);
+
+#endif
