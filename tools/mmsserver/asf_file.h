@@ -5,6 +5,7 @@
 // Header Object plus the 50-byte start of the Data Object) and the data
 // packets of fixed size that follow.
 
+#include <stddef.h>
 #include <stdint.h>
 #include <string>
 #include <vector>
@@ -29,5 +30,23 @@ bool parseAsf(const std::string& bytes, AsfFile& out, std::string& error);
 // packets of `packetSize` bytes with a deterministic payload), for throughput
 // work where the committed sample is too small.
 std::string generateAsf(uint64_t bytes, uint32_t packetSize = 8192);
+
+// The header followed by every packet: the bytes a client of either
+// transport hands its caller for `file`.
+std::string asfStreamBytes(const AsfFile& file);
+
+// Rewrites the minimum and maximum packet size of the File Properties Object
+// inside `header` (as kept in AsfFile::header). False when the header has no
+// File Properties Object.
+bool patchPacketSize(std::string& header, uint32_t packetSize);
+
+// Little-endian wire fields, as ASF and both MMS framings use them. The
+// readers take an offset that the caller has checked against the size.
+void putLe16(std::string& out, uint16_t v);
+void putLe32(std::string& out, uint32_t v);
+void putLe64(std::string& out, uint64_t v);
+uint16_t getLe16(const std::string& in, size_t at);
+uint32_t getLe32(const std::string& in, size_t at);
+uint64_t getLe64(const std::string& in, size_t at);
 
 #endif

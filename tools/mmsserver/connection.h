@@ -14,7 +14,10 @@
 
 class Connection {
  public:
-  Connection(int fd, const Faults& faults);   // takes ownership of fd
+  // Takes ownership of fd. `stopFd`, when not -1, is a descriptor that turns
+  // readable when the server stops; every wait watches it, so a stalled or
+  // slow session ends promptly on shutdown.
+  Connection(int fd, const Faults& faults, int stopFd = -1);
   ~Connection();                               // closes (or resets) the socket
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -24,7 +27,7 @@ class Connection {
   // Reads an HTTP request head up to and including the blank line (at most
   // 64 KiB). False on end of stream, error, silence or an over-long head.
   bool readHttpHead(std::string& head);
-  // True when the client has sent something that can be read now.
+  // True when the client has sent something (or closed) within timeoutMs.
   bool readable(int timeoutMs);
 
   // Sends all bytes through the fault policy. False when the session must
@@ -37,10 +40,22 @@ class Connection {
   int fd() const { return fd_; }
 
  private:
+  bool sendNow(const char* p, size_t n);  // no faults; false when the client is gone
+  void stall();                            // until the client leaves or the server stops
+  void reset();                            // RST instead of FIN
+
   int fd_;
   Faults faults_;
+  int stopFd_;
   int64_t sent_ = 0;
 };
+
+// The servers' one readiness wait: `fd` ready for `events` (poll flags; -1
+// waits for none), `stopFd` readable (-1: not watched), or `timeoutMs`
+// passed (-1: no limit). Hang-up and errors on `fd` count as ready, so the
+// next read or write reports them.
+enum class WaitOutcome { READY, TIMEOUT, STOPPED, FAILED };
+WaitOutcome waitFor(int fd, short events, int stopFd, int timeoutMs);
 
 // One whole session of each protocol on an accepted connection: reads the
 // client's requests, answers them and streams `file`. Returns when the

@@ -1,4 +1,399 @@
-// Placeholder until the MMST session is written.
-#include "tools/mmsserver/connection.h"
+// The server side of MMS over TCP. A client walks through a fixed opening
+// (connect, funnel info, protocol select, open file, header request, stream
+// selection, start playing); the server answers each step, sends the ASF
+// header as header data packets and then the file's data packets, ends with
+// an end-of-stream report and waits for the client to leave. Anything the
+// two clients we serve (libmms and ffmpeg) would never send ends the session.
 
-void serveMmstConnection(Connection&, const AsfFile&) {}
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+
+#include "tools/mmsserver/connection.h"
+#include "tools/mmsserver/mmst_wire.h"
+
+namespace {
+
+using mmst::Command;
+
+// Declared instead of the real values by the header faults. Far beyond what
+// any client buffers, yet not so near 2^32 that a client's arithmetic wraps.
+constexpr uint32_t kAbsurdHeaderBytes = 0x10000000;
+constexpr uint32_t kAbsurdPacketBytes = 0x10000000;
+
+// Reported in replies outside a play run; neither client reads it.
+constexpr uint32_t kPlayIncarnationIdle = 0xF0F0F0EF;
+constexpr uint32_t kOpenFileId = 1;
+// A stored file: libmms takes a file as live unless these attributes say
+// otherwise, and a live stream cannot report its length.
+constexpr uint32_t kFileCanSeekCanStride = 0x01800000;
+
+const char kServerVersion[] = "9.0.0.0";
+const char kFunnelName[] = "Funnel Of The Gods";
+
+void logLine(const std::string& text) { fprintf(stderr, "mmst: %s\n", text.c_str()); }
+
+std::string hex16(uint16_t v) {
+  char buf[8];
+  snprintf(buf, sizeof buf, "0x%02x", v);
+  return buf;
+}
+
+// Strings in replies are UTF-16LE with a terminating zero; ours are ASCII.
+void putUtf16(std::string& out, const char* ascii) {
+  for (const char* p = ascii; *p; ++p) putLe16(out, static_cast<uint8_t>(*p));
+  putLe16(out, 0);
+}
+
+uint32_t utf16Units(const char* ascii) {
+  return static_cast<uint32_t>(std::char_traits<char>::length(ascii) + 1);
+}
+
+void putDouble(std::string& out, double v) {
+  uint64_t bits = 0;
+  static_assert(sizeof bits == sizeof v, "IEEE double expected");
+  memcpy(&bits, &v, sizeof bits);
+  putLe64(out, bits);
+}
+
+class MmstSession {
+ public:
+  MmstSession(Connection& conn, const AsfFile& file)
+      : conn_(conn), file_(file), started_(std::chrono::steady_clock::now()) {}
+
+  void run();
+
+ private:
+  enum class Next { kGoOn, kEnd };
+  using Handler = Next (MmstSession::*)(const Command&);
+  struct Entry {
+    uint16_t id;
+    Handler handler;
+  };
+  static const Entry kCommands[];
+
+  bool readCommand(Command& cmd);
+  Next dispatch(const Command& cmd);
+  bool reply(uint16_t id, const std::string& body);
+  bool sendNextPacket();
+  bool sendHeader(uint8_t incarnation);
+  std::string replyPrefix(uint32_t playIncarnation) const;
+
+  Next onConnect(const Command& cmd);
+  Next onFunnelInfo(const Command& cmd);
+  Next onConnectFunnel(const Command& cmd);
+  Next onOpenFile(const Command& cmd);
+  Next onReadBlock(const Command& cmd);
+  Next onStreamSwitch(const Command& cmd);
+  Next onStartPlaying(const Command& cmd);
+  Next onPong(const Command& cmd);
+  Next onCloseFile(const Command& cmd);
+
+  Connection& conn_;
+  const AsfFile& file_;
+  const std::chrono::steady_clock::time_point started_;
+  uint32_t sequence_ = 0;
+  bool connected_ = false;
+  bool opened_ = false;
+  bool playing_ = false;
+  uint8_t mediaIncarnation_ = 0;
+  size_t nextPacket_ = 0;
+};
+
+const MmstSession::Entry MmstSession::kCommands[] = {
+    {mmst::cs::kConnect, &MmstSession::onConnect},
+    {mmst::cs::kFunnelInfo, &MmstSession::onFunnelInfo},
+    {mmst::cs::kConnectFunnel, &MmstSession::onConnectFunnel},
+    {mmst::cs::kOpenFile, &MmstSession::onOpenFile},
+    {mmst::cs::kReadBlock, &MmstSession::onReadBlock},
+    {mmst::cs::kStreamSwitch, &MmstSession::onStreamSwitch},
+    {mmst::cs::kStartPlaying, &MmstSession::onStartPlaying},
+    {mmst::cs::kPong, &MmstSession::onPong},
+    {mmst::cs::kCloseFile, &MmstSession::onCloseFile},
+};
+
+void MmstSession::run() {
+  for (;;) {
+    // While playing, a client command (close, keepalive, a new start) is
+    // taken between two data packets; otherwise the session waits for one.
+    if (playing_ && !conn_.readable(0)) {
+      if (!sendNextPacket()) return;
+      continue;
+    }
+    Command cmd;
+    if (!readCommand(cmd) || dispatch(cmd) == Next::kEnd) return;
+  }
+}
+
+bool MmstSession::readCommand(Command& cmd) {
+  std::string bytes(mmst::kLeadBytes, '\0');
+  if (!conn_.readExact(&bytes[0], bytes.size())) return false;  // gone or silent
+  const size_t total = mmst::messageSize(bytes);
+  if (total == 0) {
+    logLine("client sent something that is not a command message");
+    return false;
+  }
+  bytes.resize(total);
+  if (!conn_.readExact(&bytes[mmst::kLeadBytes], total - mmst::kLeadBytes)) return false;
+  std::string why;
+  if (!mmst::parseCommand(bytes, cmd, why)) {
+    logLine("bad command message: " + why);
+    return false;
+  }
+  if (cmd.direction != mmst::kToServer) {
+    logLine("command " + hex16(cmd.id) + " does not go client to server");
+    return false;
+  }
+  return true;
+}
+
+MmstSession::Next MmstSession::dispatch(const Command& cmd) {
+  for (const Entry& e : kCommands) {
+    if (e.id == cmd.id) return (this->*e.handler)(cmd);
+  }
+  logLine("unexpected command " + hex16(cmd.id));
+  return Next::kEnd;
+}
+
+bool MmstSession::reply(uint16_t id, const std::string& body) {
+  const auto elapsed = std::chrono::steady_clock::now() - started_;
+  const uint64_t time100ns = static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count() / 100);
+  return conn_.send(mmst::makeCommand(mmst::kToClient, id, sequence_++, time100ns, body));
+}
+
+// Every report starts with a result (0: success) and a play incarnation.
+std::string MmstSession::replyPrefix(uint32_t playIncarnation) const {
+  std::string body;
+  putLe32(body, 0);
+  putLe32(body, playIncarnation);
+  return body;
+}
+
+MmstSession::Next MmstSession::onConnect(const Command&) {
+  if (connected_) {
+    logLine("second connect on one session");
+    return Next::kEnd;
+  }
+  connected_ = true;
+  std::string body = replyPrefix(kPlayIncarnationIdle);
+  putLe32(body, 0x0004000B);  // our protocol revision
+  putLe32(body, 0x0003001C);  // the client revision we speak
+  putDouble(body, 1.0);       // block group play time
+  putLe32(body, 1);           // blocks per group
+  putLe32(body, 1);           // open files at once
+  putLe32(body, 0x8000);      // largest block
+  putLe32(body, 0x00989680);  // largest bit rate
+  putLe32(body, utf16Units(kServerVersion));
+  putLe32(body, 0);  // no version info
+  putLe32(body, 0);  // no version URL
+  putLe32(body, 0);  // no authentication package
+  putUtf16(body, kServerVersion);
+  return reply(mmst::sc::kReportConnected, body) ? Next::kGoOn : Next::kEnd;
+}
+
+MmstSession::Next MmstSession::onFunnelInfo(const Command&) {
+  if (!connected_) {
+    logLine("funnel info before connect");
+    return Next::kEnd;
+  }
+  std::string body = replyPrefix(kPlayIncarnationIdle);
+  putLe32(body, 0);  // transport mask
+  putLe32(body, 1);  // block fragments
+  putLe32(body, 0);  // fragment bytes
+  putLe32(body, 1);  // cubs
+  putLe32(body, 0);  // failed cubs
+  putLe32(body, 1);  // disks
+  putLe32(body, 0);  // decluster
+  putLe32(body, 0);  // datagram size
+  return reply(mmst::sc::kReportFunnelInfo, body) ? Next::kGoOn : Next::kEnd;
+}
+
+// The client names a transport (always TCP from our clients); the data will
+// flow on this connection whatever it names.
+MmstSession::Next MmstSession::onConnectFunnel(const Command&) {
+  if (!connected_) {
+    logLine("protocol select before connect");
+    return Next::kEnd;
+  }
+  std::string body = replyPrefix(kPlayIncarnationIdle);
+  putLe32(body, 0x00040000);  // packet payload size
+  putUtf16(body, kFunnelName);
+  return reply(mmst::sc::kReportConnectedFunnel, body) ? Next::kGoOn : Next::kEnd;
+}
+
+// Any file name opens the one file this server has.
+MmstSession::Next MmstSession::onOpenFile(const Command&) {
+  if (!connected_ || opened_) {
+    logLine("open file out of order");
+    return Next::kEnd;
+  }
+  opened_ = true;
+  const Faults& faults = conn_.faults();
+  const uint32_t headerBytes =
+      faults.absurdHeaderSize ? kAbsurdHeaderBytes : static_cast<uint32_t>(file_.header.size());
+  const uint32_t packetBytes = faults.absurdPacketSize ? kAbsurdPacketBytes : file_.packetSize;
+  const double seconds = static_cast<double>(file_.playDuration100ns) / 1e7;
+  const uint64_t dataBytes = static_cast<uint64_t>(file_.packets.size()) * file_.packetSize;
+  const uint32_t bitRate = seconds > 0 ? static_cast<uint32_t>(dataBytes * 8 / seconds) : 0;
+
+  std::string body = replyPrefix(kPlayIncarnationIdle);
+  putLe32(body, kOpenFileId);
+  putLe32(body, 0);                      // padding
+  putLe32(body, 0);                      // file name (unused)
+  putLe32(body, kFileCanSeekCanStride);  // not live, not broadcast
+  putDouble(body, seconds);
+  putLe32(body, static_cast<uint32_t>(file_.packets.size()));  // blocks
+  body.append(16, '\0');
+  putLe32(body, packetBytes);
+  putLe64(body, file_.packets.size());
+  putLe32(body, bitRate);
+  putLe32(body, headerBytes);
+  body.append(36, '\0');
+  return reply(mmst::sc::kReportOpenFile, body) ? Next::kGoOn : Next::kEnd;
+}
+
+MmstSession::Next MmstSession::onReadBlock(const Command& cmd) {
+  // The client names the incarnation it wants on header packets.
+  constexpr size_t kOffHeaderIncarnation = 40;
+  if (!opened_) {
+    logLine("header request before open file");
+    return Next::kEnd;
+  }
+  const uint32_t incarnation = mmst::fits(cmd.body, kOffHeaderIncarnation, 4)
+                                   ? getLe32(cmd.body, kOffHeaderIncarnation)
+                                   : 0x100;
+  if (incarnation > 0xFF) {
+    logLine("header request without a usable packet incarnation");
+    return Next::kEnd;
+  }
+  std::string body = replyPrefix(incarnation);
+  putLe32(body, 0);  // play sequence
+  if (!reply(mmst::sc::kReportReadBlock, body)) return Next::kEnd;
+  return sendHeader(static_cast<uint8_t>(incarnation)) ? Next::kGoOn : Next::kEnd;
+}
+
+// Sends the ASF header in packets of at most one ASF packet's size. False
+// when the session must end: a send failed or a header fault cut it short.
+bool MmstSession::sendHeader(uint8_t incarnation) {
+  const Faults& faults = conn_.faults();
+  std::string patched;
+  const std::string* header = &file_.header;
+  if (faults.absurdPacketSize) {
+    // Clients take the packet size from the File Properties Object, not
+    // from the open-file report, so the absurd size is written there too.
+    patched = file_.header;
+    if (!patchPacketSize(patched, kAbsurdPacketBytes)) {
+      logLine("no File Properties Object to declare an absurd packet size in");
+    }
+    header = &patched;
+  }
+  // With an absurd declared header size the server keeps its word: the real
+  // header is followed by zero filler up to the declared size.
+  const uint64_t total = faults.absurdHeaderSize ? kAbsurdHeaderBytes : header->size();
+  const uint64_t cut = faults.truncateHeader >= 0
+                           ? std::min<uint64_t>(total, static_cast<uint64_t>(faults.truncateHeader))
+                           : total;
+  size_t piece = file_.packetSize == 0 ? 4096 : file_.packetSize;
+  if (piece > mmst::kMaxDataPayload) piece = mmst::kMaxDataPayload;
+
+  std::string filler;
+  uint32_t location = 0;
+  for (uint64_t at = 0; at < total; at += piece, ++location) {
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(piece, total - at));
+    const bool first = at == 0;
+    const bool last = at + n == total;
+    const uint8_t flags = first && last ? mmst::kHeaderWhole
+                          : last        ? mmst::kHeaderLast
+                                        : mmst::kHeaderMore;
+    std::string packet = mmst::makeDataPrefix(location, incarnation, flags, n);
+    if (at < header->size()) {
+      const size_t real = std::min<size_t>(n, header->size() - static_cast<size_t>(at));
+      packet.append(*header, static_cast<size_t>(at), real);
+      packet.append(n - real, '\0');
+    } else {
+      if (filler.size() != n) filler.assign(n, '\0');
+      packet += filler;
+    }
+    if (at + n > cut) {
+      // The packet declares its full length but the bytes stop at the cut.
+      packet.resize(mmst::kDataPrefixBytes + static_cast<size_t>(cut - at));
+      if (cut > at) conn_.send(packet);
+      return false;
+    }
+    if (!conn_.send(packet)) return false;
+  }
+  return faults.truncateHeader < 0;
+}
+
+MmstSession::Next MmstSession::onStreamSwitch(const Command& cmd) {
+  // A count, then one 6-byte entry (flags, stream id, selection) per stream.
+  constexpr size_t kEntryBytes = 6;
+  if (!opened_) {
+    logLine("stream selection before open file");
+    return Next::kEnd;
+  }
+  const uint32_t count = mmst::fits(cmd.body, 0, 4) ? getLe32(cmd.body, 0) : 0;
+  if (count == 0 || count > (cmd.body.size() - 4) / kEntryBytes) {
+    logLine("stream selection count does not match its entries");
+    return Next::kEnd;
+  }
+  // Every stream of the file is served whatever the selection says: libmms
+  // picks the best audio and the best video stream and ffmpeg asks for all,
+  // which for our files (one of each at most) is every stream.
+  return reply(mmst::sc::kReportStreamSwitch, replyPrefix(kPlayIncarnationIdle)) ? Next::kGoOn
+                                                                                 : Next::kEnd;
+}
+
+MmstSession::Next MmstSession::onStartPlaying(const Command& cmd) {
+  constexpr size_t kOffLocation = 20;     // first packet wanted, ~0 for "from the start"
+  constexpr size_t kOffIncarnation = 28;  // to mark this run's data packets
+  if (!opened_) {
+    logLine("start playing before open file");
+    return Next::kEnd;
+  }
+  if (!mmst::fits(cmd.body, kOffIncarnation, 4) || getLe32(cmd.body, kOffIncarnation) > 0xFF) {
+    logLine("start playing request too short or with a bad incarnation");
+    return Next::kEnd;
+  }
+  const uint32_t location = getLe32(cmd.body, kOffLocation);
+  const uint32_t incarnation = getLe32(cmd.body, kOffIncarnation);
+  if (file_.packetSize > mmst::kMaxDataPayload) {
+    logLine("ASF packets too large for MMS over TCP");
+    return Next::kEnd;
+  }
+  // A time position is not honoured: without an index, play from the start.
+  nextPacket_ = location == 0xFFFFFFFFu ? 0 : std::min<size_t>(location, file_.packets.size());
+  mediaIncarnation_ = static_cast<uint8_t>(incarnation);
+  playing_ = true;
+  std::string body = replyPrefix(incarnation);
+  putLe32(body, kOpenFileId);  // file id
+  body.append(16, '\0');
+  return reply(mmst::sc::kReportStartedPlaying, body) ? Next::kGoOn : Next::kEnd;
+}
+
+bool MmstSession::sendNextPacket() {
+  if (nextPacket_ < file_.packets.size()) {
+    const std::string& payload = file_.packets[nextPacket_];
+    std::string packet = mmst::makeDataPrefix(static_cast<uint32_t>(nextPacket_), mediaIncarnation_,
+                                              0, payload.size());
+    packet += payload;
+    ++nextPacket_;
+    return conn_.send(packet);
+  }
+  playing_ = false;
+  return reply(mmst::sc::kReportEndOfStream, replyPrefix(mediaIncarnation_));
+}
+
+// A client sends 0x1B only to answer a ping. Answering it with another 0x1B
+// would start an endless exchange, as both clients answer every 0x1B.
+MmstSession::Next MmstSession::onPong(const Command&) { return Next::kGoOn; }
+
+MmstSession::Next MmstSession::onCloseFile(const Command&) { return Next::kEnd; }
+
+}  // namespace
+
+void serveMmstConnection(Connection& conn, const AsfFile& file) { MmstSession(conn, file).run(); }

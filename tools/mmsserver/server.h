@@ -36,7 +36,9 @@ struct ServerOptions {
 };
 
 // Runs a server on its own thread until destroyed. Connections are served
-// one after another.
+// one after another, so a client that holds its connection open (or a stall)
+// keeps the next one waiting in the listen queue. Destruction ends the
+// current session at once and closes its connection.
 class MmsTestServer {
  public:
   MmsTestServer(const AsfFile& file, const ServerOptions& options);
@@ -48,6 +50,8 @@ class MmsTestServer {
   uint16_t port() const;
   // mmsh://127.0.0.1:PORT/NAME or mms://127.0.0.1:PORT/NAME
   std::string url(const std::string& name = "sample.asf") const;
+  // TCP connections accepted and finished, refused ones included. An MMSH
+  // client opens two per stream (describe, then play).
   int connectionsServed() const;
 
  private:

@@ -1,0 +1,311 @@
+#include "tools/mmsserver/asf_file.h"
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+// Object GUIDs as they sit on the wire: the first three groups little-endian.
+struct Guid {
+  unsigned char bytes[16];
+};
+
+Guid guid(uint32_t d1, uint16_t d2, uint16_t d3, uint64_t d4) {
+  Guid g{};
+  for (int i = 0; i < 4; ++i) g.bytes[i] = static_cast<unsigned char>(d1 >> (8 * i));
+  for (int i = 0; i < 2; ++i) g.bytes[4 + i] = static_cast<unsigned char>(d2 >> (8 * i));
+  for (int i = 0; i < 2; ++i) g.bytes[6 + i] = static_cast<unsigned char>(d3 >> (8 * i));
+  for (int i = 0; i < 8; ++i) g.bytes[8 + i] = static_cast<unsigned char>(d4 >> (8 * (7 - i)));
+  return g;
+}
+
+const Guid kHeaderObject = guid(0x75B22630, 0x668E, 0x11CF, 0xA6D900AA0062CE6CULL);
+const Guid kDataObject = guid(0x75B22636, 0x668E, 0x11CF, 0xA6D900AA0062CE6CULL);
+const Guid kFileProperties = guid(0x8CABDCA1, 0xA947, 0x11CF, 0x8EE400C00C205365ULL);
+const Guid kStreamProperties = guid(0xB7DC0791, 0xA9B7, 0x11CF, 0x8EE600C00C205365ULL);
+const Guid kHeaderExtension = guid(0x5FBF03B5, 0xA92E, 0x11CF, 0x8EE300C00C205365ULL);
+const Guid kExtensionReserved = guid(0xABD3D211, 0xA9BA, 0x11CF, 0x8EE600C00C205365ULL);
+const Guid kAudioMedia = guid(0xF8699E40, 0x5B4D, 0x11CF, 0xA8FD00805F5C442BULL);
+const Guid kNoErrorCorrection = guid(0x20FB5700, 0x5B55, 0x11CF, 0xA8FD00805F5C442BULL);
+
+constexpr size_t kGuidSize = 16;
+constexpr size_t kObjectHeadSize = 24;         // GUID + 64-bit object size
+constexpr size_t kHeaderObjectFixedSize = 30;  // + object count, two reserved bytes
+constexpr size_t kDataObjectHeaderSize = 50;
+constexpr size_t kFilePropertiesSize = 104;
+
+// Offsets inside the File Properties Object.
+constexpr size_t kFpFileId = 24;
+constexpr size_t kFpFileSize = 40;
+constexpr size_t kFpPacketCount = 56;
+constexpr size_t kFpPlayDuration = 64;
+constexpr size_t kFpMinPacketSize = 92;
+constexpr size_t kFpMaxPacketSize = 96;
+// Offset inside the Data Object.
+constexpr size_t kDoTotalPackets = 40;
+
+bool guidAt(const std::string& s, size_t at, const Guid& g) {
+  return at + kGuidSize <= s.size() &&
+         s.compare(at, kGuidSize, reinterpret_cast<const char*>(g.bytes), kGuidSize) == 0;
+}
+
+void putGuid(std::string& out, const Guid& g) {
+  out.append(reinterpret_cast<const char*>(g.bytes), kGuidSize);
+}
+
+// Finds the File Properties Object among the Header Object's children.
+// Returns its offset, or 0 when absent or when a child's size is broken.
+size_t findFileProperties(const std::string& header, uint64_t headerSize) {
+  size_t at = kHeaderObjectFixedSize;
+  while (at + kObjectHeadSize <= headerSize) {
+    uint64_t size = getLe64(header, at + kGuidSize);
+    if (size < kObjectHeadSize || size > headerSize - at) return 0;
+    if (guidAt(header, at, kFileProperties)) return size >= kFilePropertiesSize ? at : 0;
+    at += size;
+  }
+  return 0;
+}
+
+}  // namespace
+
+void putLe16(std::string& out, uint16_t v) {
+  for (int i = 0; i < 2; ++i) out.push_back(static_cast<char>(v >> (8 * i)));
+}
+
+void putLe32(std::string& out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>(v >> (8 * i)));
+}
+
+void putLe64(std::string& out, uint64_t v) {
+  for (int i = 0; i < 8; ++i) out.push_back(static_cast<char>(v >> (8 * i)));
+}
+
+uint16_t getLe16(const std::string& in, size_t at) {
+  return static_cast<uint16_t>(static_cast<unsigned char>(in[at]) |
+                               static_cast<unsigned char>(in[at + 1]) << 8);
+}
+
+uint32_t getLe32(const std::string& in, size_t at) {
+  return getLe16(in, at) | static_cast<uint32_t>(getLe16(in, at + 2)) << 16;
+}
+
+uint64_t getLe64(const std::string& in, size_t at) {
+  return getLe32(in, at) | static_cast<uint64_t>(getLe32(in, at + 4)) << 32;
+}
+
+bool parseAsf(const std::string& bytes, AsfFile& out, std::string& error) {
+  if (!guidAt(bytes, 0, kHeaderObject) || bytes.size() < kHeaderObjectFixedSize) {
+    error = "no ASF Header Object at the start";
+    return false;
+  }
+  uint64_t headerSize = getLe64(bytes, kGuidSize);
+  if (headerSize < kHeaderObjectFixedSize || headerSize > bytes.size() ||
+      bytes.size() - headerSize < kDataObjectHeaderSize) {
+    error = "Header Object size " + std::to_string(headerSize) + " does not fit a file of " +
+            std::to_string(bytes.size()) + " bytes with a Data Object";
+    return false;
+  }
+  size_t fp = findFileProperties(bytes, headerSize);
+  if (fp == 0) {
+    error = "no well-formed File Properties Object in the header";
+    return false;
+  }
+  uint32_t minPacket = getLe32(bytes, fp + kFpMinPacketSize);
+  uint32_t maxPacket = getLe32(bytes, fp + kFpMaxPacketSize);
+  if (minPacket != maxPacket || minPacket == 0) {
+    error = "packet sizes " + std::to_string(minPacket) + " and " + std::to_string(maxPacket) +
+            " are not one fixed size";
+    return false;
+  }
+  size_t data = static_cast<size_t>(headerSize);
+  if (!guidAt(bytes, data, kDataObject)) {
+    error = "no Data Object after the Header Object";
+    return false;
+  }
+
+  AsfFile file;
+  file.header = bytes.substr(0, data + kDataObjectHeaderSize);
+  file.packetSize = minPacket;
+  file.fileId = bytes.substr(fp + kFpFileId, kGuidSize);
+  file.fileSize = getLe64(bytes, fp + kFpFileSize);
+  file.playDuration100ns = getLe64(bytes, fp + kFpPlayDuration);
+
+  // The Data Object's own size bounds the packets (an index may follow); a
+  // broadcast-style file leaves it 0, and then the packets run to the end.
+  uint64_t dataSize = getLe64(bytes, data + kGuidSize);
+  size_t end = bytes.size();
+  if (dataSize >= kDataObjectHeaderSize && dataSize <= bytes.size() - data) end = data + dataSize;
+  uint64_t declared = getLe64(bytes, data + kDoTotalPackets);
+  for (size_t at = data + kDataObjectHeaderSize; at < end; at += file.packetSize) {
+    if (declared != 0 && file.packets.size() == declared) break;
+    std::string packet = bytes.substr(at, std::min<size_t>(file.packetSize, end - at));
+    packet.resize(file.packetSize, '\0');
+    file.packets.push_back(std::move(packet));
+  }
+  out = std::move(file);
+  return true;
+}
+
+bool loadAsfFile(const std::string& path, AsfFile& out, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot open " + path;
+    return false;
+  }
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  if (in.bad()) {
+    error = "cannot read " + path;
+    return false;
+  }
+  if (!parseAsf(bytes.str(), out, error)) {
+    error = path + ": " + error;
+    return false;
+  }
+  return true;
+}
+
+std::string asfStreamBytes(const AsfFile& file) {
+  std::string all = file.header;
+  for (const std::string& p : file.packets) all += p;
+  return all;
+}
+
+bool patchPacketSize(std::string& header, uint32_t packetSize) {
+  if (header.size() < kHeaderObjectFixedSize || !guidAt(header, 0, kHeaderObject)) return false;
+  uint64_t headerSize = std::min<uint64_t>(getLe64(header, kGuidSize), header.size());
+  size_t fp = findFileProperties(header, headerSize);
+  if (fp == 0) return false;
+  std::string size;
+  putLe32(size, packetSize);
+  header.replace(fp + kFpMinPacketSize, 4, size);
+  header.replace(fp + kFpMaxPacketSize, 4, size);
+  return true;
+}
+
+namespace {
+
+// The generated stream is 16-bit stereo PCM at 44.1 kHz, so a player can
+// time it; the samples are a counter, which makes every packet distinct and
+// a misplaced byte visible.
+constexpr uint32_t kSampleRate = 44100;
+constexpr uint16_t kChannels = 2;
+constexpr uint16_t kBlockAlign = 4;
+constexpr uint32_t kByteRate = kSampleRate * kBlockAlign;
+constexpr uint8_t kStreamNumber = 1;
+// Fixed part of one generated data packet: error correction (3), length
+// flags and property flags (2), padding length (2), send time (4), duration
+// (2); then the one payload's head: stream, object number, offset,
+// replicated length (7) and replicated data (8).
+constexpr uint32_t kPacketOverhead = 3 + 2 + 2 + 4 + 2 + 7 + 8;
+
+std::string fileProperties(uint64_t fileSize, uint64_t packets, uint32_t packetSize,
+                           uint64_t duration100ns) {
+  std::string o;
+  putGuid(o, kFileProperties);
+  putLe64(o, kFilePropertiesSize);
+  putGuid(o, guid(0x48414C56, 0x4152, 0x494E, 0x4547454E45524154ULL));  // file id
+  putLe64(o, fileSize);
+  putLe64(o, 0);                 // creation date
+  putLe64(o, packets);
+  putLe64(o, duration100ns);     // play duration
+  putLe64(o, duration100ns);     // send duration
+  putLe64(o, 0);                 // preroll, ms
+  putLe32(o, 0x02);              // seekable
+  putLe32(o, packetSize);
+  putLe32(o, packetSize);
+  putLe32(o, kByteRate * 8);     // maximum bitrate
+  return o;
+}
+
+std::string streamProperties() {
+  std::string wave;  // WAVEFORMATEX
+  putLe16(wave, 0x0001);         // PCM
+  putLe16(wave, kChannels);
+  putLe32(wave, kSampleRate);
+  putLe32(wave, kByteRate);
+  putLe16(wave, kBlockAlign);
+  putLe16(wave, 16);             // bits per sample
+  putLe16(wave, 0);              // no extra bytes
+
+  std::string o;
+  putGuid(o, kStreamProperties);
+  putLe64(o, 78 + wave.size());
+  putGuid(o, kAudioMedia);
+  putGuid(o, kNoErrorCorrection);
+  putLe64(o, 0);                 // time offset
+  putLe32(o, static_cast<uint32_t>(wave.size()));
+  putLe32(o, 0);                 // error correction data length
+  putLe16(o, kStreamNumber);
+  putLe32(o, 0);                 // reserved
+  o += wave;
+  return o;
+}
+
+std::string headerExtension() {
+  std::string o;
+  putGuid(o, kHeaderExtension);
+  putLe64(o, 46);
+  putGuid(o, kExtensionReserved);
+  putLe16(o, 6);
+  putLe32(o, 0);                 // no extension objects
+  return o;
+}
+
+std::string dataPacket(uint32_t index, uint32_t packetSize) {
+  uint32_t payload = packetSize - kPacketOverhead;
+  uint32_t sendMs = static_cast<uint32_t>(uint64_t{index} * payload * 1000 / kByteRate);
+  uint32_t nextMs = static_cast<uint32_t>(uint64_t{index + 1} * payload * 1000 / kByteRate);
+  std::string p;
+  p.push_back('\x82');           // error correction data of 2 bytes follows
+  p.append(2, '\0');
+  p.push_back('\x10');           // one payload, padding length as WORD, fixed packet size
+  p.push_back('\x5d');           // BYTE replicated length, DWORD offset, BYTE object, BYTE stream
+  putLe16(p, 0);                 // padding
+  putLe32(p, sendMs);
+  putLe16(p, static_cast<uint16_t>(nextMs - sendMs));
+  p.push_back(static_cast<char>(0x80 | kStreamNumber));  // key frame
+  p.push_back(static_cast<char>(index & 0xff));          // media object number
+  putLe32(p, 0);                 // offset into the media object
+  p.push_back(8);                // replicated data: object size, presentation time
+  putLe32(p, payload);
+  putLe32(p, sendMs);
+  for (uint32_t i = 0; i < payload; ++i) {
+    p.push_back(static_cast<char>((index * 7 + i) & 0xff));
+  }
+  return p;
+}
+
+}  // namespace
+
+std::string generateAsf(uint64_t bytes, uint32_t packetSize) {
+  packetSize = std::max(packetSize, kPacketOverhead + kBlockAlign);
+  std::string children =
+      fileProperties(0, 0, packetSize, 0) + streamProperties() + headerExtension();
+  uint64_t headerSize = kHeaderObjectFixedSize + children.size();
+  uint64_t fixed = headerSize + kDataObjectHeaderSize;
+  uint64_t packets = bytes > fixed ? std::max<uint64_t>(1, (bytes - fixed) / packetSize) : 1;
+  uint64_t payloadBytes = packets * (packetSize - kPacketOverhead);
+  uint64_t duration100ns = payloadBytes * 10000000 / kByteRate;
+  uint64_t fileSize = fixed + packets * packetSize;
+  children.replace(0, kFilePropertiesSize,
+                   fileProperties(fileSize, packets, packetSize, duration100ns));
+
+  std::string out;
+  out.reserve(fileSize);
+  putGuid(out, kHeaderObject);
+  putLe64(out, headerSize);
+  putLe32(out, 3);               // child objects
+  out.push_back('\x01');
+  out.push_back('\x02');
+  out += children;
+  putGuid(out, kDataObject);
+  putLe64(out, kDataObjectHeaderSize + packets * packetSize);
+  out.append(children, kFpFileId, kGuidSize);
+  putLe64(out, packets);
+  out.push_back('\x01');
+  out.push_back('\x01');
+  for (uint64_t i = 0; i < packets; ++i) out += dataPacket(static_cast<uint32_t>(i), packetSize);
+  return out;
+}

@@ -1,0 +1,135 @@
+// MMS over HTTP, the server side. A client asks twice, each time on a new
+// connection: first without "xPlayStrm=1" to describe the stream (we answer
+// with the ASF header alone), then with it to play (the header again, every
+// data packet, and the end-of-stream chunk). Every piece travels as a chunk:
+// a 4-byte head (type, little-endian length of what follows) and, for the
+// header and data chunks, an 8-byte extension (sequence number, two flag
+// bytes, the length again); the end chunk carries a 4-byte reason instead.
+//
+// The header faults as this transport shows them: truncateHeader announces
+// the whole header, sends its first bytes and closes; absurdHeaderSize
+// announces a 0xFFFF-byte header chunk (the most 16 bits say), sends the
+// real header and closes; absurdPacketSize declares 1 GiB packets in the
+// File Properties Object and otherwise streams as usual.
+
+#include <string.h>
+#include <strings.h>
+
+#include <algorithm>
+
+#include "tools/mmsserver/connection.h"
+
+namespace {
+
+constexpr uint16_t CHUNK_ASF_HEADER = 0x4824;  // "$H"
+constexpr uint16_t CHUNK_DATA = 0x4424;        // "$D"
+constexpr uint16_t CHUNK_END = 0x4524;         // "$E"
+constexpr uint16_t EXT_HEADER_LENGTH = 8;
+constexpr uint16_t END_REASON_LENGTH = 4;
+constexpr size_t MAX_CHUNK_BODY = 0xFFFF - EXT_HEADER_LENGTH;
+constexpr uint8_t HEADER_AF_FLAGS = 0x0C;      // first and last piece of the header
+// What absurdPacketSize declares: far past what either client buffers
+// (libmms takes up to 100 KiB, ffmpeg 64 KiB).
+constexpr uint32_t ABSURD_PACKET_SIZE = 0x40000000;
+
+// `declared` is what the length fields say; normally the body's own length.
+std::string chunkHead(uint16_t type, uint32_t sequence, uint8_t afFlags, uint16_t declared) {
+  std::string head;
+  putLe16(head, type);
+  putLe16(head, declared);
+  putLe32(head, sequence);
+  head.push_back('\0');  // incarnation
+  head.push_back(static_cast<char>(afFlags));
+  putLe16(head, declared);
+  return head;
+}
+
+std::string endChunk() {
+  std::string chunk;
+  putLe16(chunk, CHUNK_END);
+  putLe16(chunk, END_REASON_LENGTH);
+  putLe32(chunk, 0);  // 0: the stream is over (1 would announce a new one)
+  return chunk;
+}
+
+bool pragmaHas(const std::string& head, const char* token) {
+  // Case-insensitive search; heads are short.
+  size_t n = strlen(token);
+  for (size_t i = 0; i + n <= head.size(); ++i) {
+    if (strncasecmp(head.c_str() + i, token, n) == 0) return true;
+  }
+  return false;
+}
+
+std::string responseHead(int status, const char* reason, const char* contentType) {
+  std::string head = "HTTP/1.0 " + std::to_string(status) + " " + reason + "\r\n";
+  head += "Server: halvarine-mms-server\r\n";
+  if (contentType != nullptr) {
+    head += std::string("Content-Type: ") + contentType + "\r\n";
+    head += "Cache-Control: no-cache\r\n";
+    head += "Pragma: no-cache\r\n";
+    head += "Pragma: client-id=1\r\n";
+    head += "Pragma: features=\"seekable,stridx\"\r\n";
+  }
+  head += "\r\n";
+  return head;
+}
+
+// Sends the ASF header as header chunks, applying the header faults. False
+// when the session must end here.
+bool sendHeader(Connection& conn, const AsfFile& file) {
+  std::string header = file.header;
+  const Faults& faults = conn.faults();
+  if (faults.absurdPacketSize) patchPacketSize(header, ABSURD_PACKET_SIZE);
+  if (faults.absurdHeaderSize) {
+    // The most a 16-bit chunk length can claim, with far fewer bytes behind it.
+    if (conn.send(chunkHead(CHUNK_ASF_HEADER, 0, HEADER_AF_FLAGS, 0xFFFF))) conn.send(header);
+    return false;
+  }
+  size_t limit = header.size();
+  if (faults.truncateHeader >= 0) {
+    limit = std::min(limit, static_cast<size_t>(faults.truncateHeader));
+  }
+  // A header too long for one chunk goes in several; libmms joins them.
+  for (size_t at = 0; at < header.size(); at += MAX_CHUNK_BODY) {
+    size_t body = std::min(MAX_CHUNK_BODY, header.size() - at);
+    auto declared = static_cast<uint16_t>(body + EXT_HEADER_LENGTH);
+    if (!conn.send(chunkHead(CHUNK_ASF_HEADER, 0, HEADER_AF_FLAGS, declared))) return false;
+    if (at + body > limit) {
+      conn.send(header.data() + at, limit > at ? limit - at : 0);
+      return false;
+    }
+    if (!conn.send(header.data() + at, body)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void serveMmshConnection(Connection& conn, const AsfFile& file) {
+  std::string request;
+  if (!conn.readHttpHead(request)) return;
+  if (request.compare(0, 4, "GET ") != 0) {
+    conn.send(responseHead(405, "Method Not Allowed", nullptr));
+    return;
+  }
+  if (file.packetSize > MAX_CHUNK_BODY) {
+    conn.send(responseHead(500, "Packets Too Large For Chunks", nullptr));
+    return;
+  }
+  const bool play = pragmaHas(request, "xPlayStrm=1");
+  if (!conn.send(responseHead(200, "OK",
+                              play ? "application/x-mms-framed"
+                                   : "application/vnd.ms.wms-hdr.asfv1"))) {
+    return;
+  }
+  if (!sendHeader(conn, file) || !play) return;
+  auto declared = static_cast<uint16_t>(file.packetSize + EXT_HEADER_LENGTH);
+  for (size_t i = 0; i < file.packets.size(); ++i) {
+    if (!conn.send(chunkHead(CHUNK_DATA, static_cast<uint32_t>(i), 0, declared)) ||
+        !conn.send(file.packets[i])) {
+      return;
+    }
+  }
+  conn.send(endChunk());
+}
