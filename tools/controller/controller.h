@@ -180,6 +180,10 @@ class WorkerProcess {
   std::string error_;
 };
 
+// The launcher named by HALVARINE_WORKER_LAUNCHER, split at blanks; empty
+// when unset. Lets every test and tool run a cross-built worker.
+std::vector<std::string> launcherFromEnvironment();
+
 // One worker run: the listener, the worker child and its connection.
 class WorkerSession {
  public:
@@ -188,6 +192,10 @@ class WorkerSession {
     std::string socketPath = DEFAULT_SOCKET_PATH;   // where to listen
     std::vector<std::string> env;                   // extra "NAME=value"
     int acceptTimeoutS = 5;
+    // A command that runs the worker, such as an emulator for a worker built
+    // for another machine: {"qemu-arm", "-L", "/usr/arm-linux-gnueabihf"}.
+    // Empty: the worker runs directly.
+    std::vector<std::string> launcher = launcherFromEnvironment();
   };
 
   // Listens, starts the worker and accepts its connection. False (error()

@@ -2,6 +2,8 @@
 
 #include <stdlib.h>
 
+#include <sstream>
+
 #include "tools/controller/controller.h"
 
 namespace controller {
@@ -15,7 +17,15 @@ bool WorkerSession::start(const Options& options) {
   worker_.kill();
   connection_.close();
   if (!listener_.listen(options.socketPath)) return fail(listener_.error());
-  if (!worker_.start(options.worker, {}, options.env)) return fail(worker_.error());
+  bool started;
+  if (options.launcher.empty()) {
+    started = worker_.start(options.worker, {}, options.env);
+  } else {
+    std::vector<std::string> args(options.launcher.begin() + 1, options.launcher.end());
+    args.push_back(options.worker);
+    started = worker_.start(options.launcher[0], args, options.env);
+  }
+  if (!started) return fail(worker_.error());
   if (!listener_.accept(options.acceptTimeoutS, connection_)) {
     // A worker that could not connect says why on its standard error.
     std::string why = listener_.error();
@@ -48,6 +58,14 @@ bool WorkerSession::call(const Request& req, int timeoutS, Reply& out) {
 
 bool WorkerSession::receiveEof(int timeoutS) {
   return connection_.receiveEof(timeoutS) || fail(connection_.error());
+}
+
+std::vector<std::string> launcherFromEnvironment() {
+  std::vector<std::string> words;
+  const char* l = getenv("HALVARINE_WORKER_LAUNCHER");
+  std::istringstream in(l ? l : "");
+  for (std::string w; in >> w;) words.push_back(w);
+  return words;
 }
 
 std::string workerFromEnvironment() {

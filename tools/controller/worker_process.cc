@@ -66,7 +66,8 @@ ExitStatus decodeStatus(int status) {
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
   if (dup2(devNull, STDIN_FILENO) >= 0 && dup2(errWrite, STDERR_FILENO) >= 0) {
-    execve(binary, argv, envp);
+    // A launcher is found on PATH like any command; a path is taken as it is.
+    execvpe(binary, argv, envp);
   }
   int e = errno;
   ssize_t ignored = write(report, &e, sizeof e);
