@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg)
+PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg dpkg-dev)
 
 missing=()
 for p in "${PACKAGES[@]}"; do

@@ -419,6 +419,7 @@ TEST(Session, WorkerThatNeverConnectsFailsTheStartAndCleansUp) {
   WorkerSession s;
   WorkerSession::Options o;
   o.worker = "/bin/true";
+  o.launcher.clear();   // a host program, whatever worker is under test
   o.socketPath = privatePath();
   o.acceptTimeoutS = 1;
   EXPECT_FALSE(s.start(o));

@@ -56,7 +56,7 @@ class StartWithoutController : public ::testing::Test {
   void expectConnectFailure(int err) {
     WorkerProcess p;
     const auto start = std::chrono::steady_clock::now();
-    ASSERT_TRUE(p.start(worker)) << p.error();
+    ASSERT_TRUE(p.startVia(controller::launcherFromEnvironment(), worker)) << p.error();
     ExitStatus st;
     ASSERT_TRUE(p.waitExit(5, st)) << p.error();
     EXPECT_LT(secondsSince(start), 2.0) << "no retry, no wait for the controller";

@@ -147,6 +147,11 @@ class WorkerProcess {
   // SIGINT and SIGTERM. False when fork or exec fails.
   bool start(const std::string& binary, const std::vector<std::string>& args = {},
              const std::vector<std::string>& extraEnv = {});
+  // Same, run through `launcher` (a command prefix, see
+  // launcherFromEnvironment) when it is not empty.
+  bool startVia(const std::vector<std::string>& launcher, const std::string& binary,
+                const std::vector<std::string>& args = {},
+                const std::vector<std::string>& extraEnv = {});
 
   bool running() const { return pid_ > 0 && !reaped_; }
   pid_t pid() const { return pid_; }
@@ -227,8 +232,9 @@ class WorkerSession {
   std::string error_;
 };
 
-// The worker binary named by the environment variable HALVARINE_WORKER, as
-// the build passes it to the tests; empty when unset.
+// The worker binary to test: HALVARINE_WORKER when set (a cross-built worker,
+// say), else HALVARINE_BUILT_WORKER, which the build passes to its tests;
+// empty when neither is set.
 std::string workerFromEnvironment();
 
 }  // namespace controller

@@ -17,14 +17,7 @@ bool WorkerSession::start(const Options& options) {
   worker_.kill();
   connection_.close();
   if (!listener_.listen(options.socketPath)) return fail(listener_.error());
-  bool started;
-  if (options.launcher.empty()) {
-    started = worker_.start(options.worker, {}, options.env);
-  } else {
-    std::vector<std::string> args(options.launcher.begin() + 1, options.launcher.end());
-    args.push_back(options.worker);
-    started = worker_.start(options.launcher[0], args, options.env);
-  }
+  const bool started = worker_.startVia(options.launcher, options.worker, {}, options.env);
   if (!started) return fail(worker_.error());
   if (!listener_.accept(options.acceptTimeoutS, connection_)) {
     // A worker that could not connect says why on its standard error.
@@ -60,6 +53,16 @@ bool WorkerSession::receiveEof(int timeoutS) {
   return connection_.receiveEof(timeoutS) || fail(connection_.error());
 }
 
+bool WorkerProcess::startVia(const std::vector<std::string>& launcher,
+                             const std::string& binary, const std::vector<std::string>& args,
+                             const std::vector<std::string>& extraEnv) {
+  if (launcher.empty()) return start(binary, args, extraEnv);
+  std::vector<std::string> all(launcher.begin() + 1, launcher.end());
+  all.push_back(binary);
+  all.insert(all.end(), args.begin(), args.end());
+  return start(launcher[0], all, extraEnv);
+}
+
 std::vector<std::string> launcherFromEnvironment() {
   std::vector<std::string> words;
   const char* l = getenv("HALVARINE_WORKER_LAUNCHER");
@@ -70,6 +73,7 @@ std::vector<std::string> launcherFromEnvironment() {
 
 std::string workerFromEnvironment() {
   const char* w = getenv("HALVARINE_WORKER");
+  if (w == nullptr || *w == '\0') w = getenv("HALVARINE_BUILT_WORKER");
   return w ? w : "";
 }
 

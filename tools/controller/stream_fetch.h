@@ -1,0 +1,165 @@
+#ifndef HALVARINE_TOOLS_CONTROLLER_STREAM_FETCH_H
+#define HALVARINE_TOOLS_CONTROLLER_STREAM_FETCH_H
+
+// Reading a stream through the worker with several requests in flight: a
+// pipeline of requests whose replies are matched in order, with a watchdog
+// per reply and the keep-alive the worker needs, and the READ loop built on
+// it. Used by halvarine-fetch and the benchmarks.
+//
+// Every wait here lasts at most WAIT_SLICE_S, so the observer is asked
+// about once a second whether to stop, however slow the worker is. Times
+// are monotonic clock readings in seconds (nowSeconds), time-outs whole
+// seconds. Single-threaded use only.
+
+#include <stdint.h>
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "tools/controller/controller.h"
+
+namespace controller {
+
+// The longest wait before the observer hears from the pipeline again.
+const int WAIT_SLICE_S = 1;
+
+// The largest READ count whose reply still fits one frame when the command
+// word is READ: 65511.
+int maxReadCount();
+
+// How an exchange ended.
+enum class FetchStatus {
+  DONE,            // the reply came (call), or the stream was read (fetchStream)
+  REFUSED,         // the worker answered "ERR"
+  TIMED_OUT,       // a reply did not come within the reply time-out
+  DEADLINE,        // the deadline for the whole run passed
+  LOST,            // the connection failed: the worker closed it or is gone
+  BAD_REPLY,       // a frame broke the protocol, or the wrong reply came
+  OUTPUT_FAILED,   // the output refused the bytes
+  STOPPED,         // the observer asked to stop
+};
+
+// Hooks for whoever shows what happens. Called on the fetching thread,
+// between waits.
+class FetchObserver {
+ public:
+  virtual ~FetchObserver() = default;
+  virtual void sent(const Request& /*request*/) {}
+  virtual void received(const Reply& /*reply*/) {}
+  // After each READ reply with data; `total` counts the stream's bytes
+  // received so far.
+  virtual void bytesReceived(uint64_t /*total*/) {}
+  // About once per WAIT_SLICE_S while waiting, and after every reply.
+  virtual void tick() {}
+  // Asked as often as tick; true ends the exchange with STOPPED.
+  virtual bool stopRequested() { return false; }
+};
+
+struct PipelineOptions {
+  // Seconds a reply may take, counted from the later of its request's
+  // sending and the previous reply: a stream that keeps answering never
+  // trips it, however long the whole run takes.
+  int replyTimeoutS = 60;
+  // The worker gives up after 60 s without a frame. When nothing is in
+  // flight and nothing has been sent for this many seconds, a CCHECK goes
+  // out. 0: never.
+  int keepAliveS = 20;
+  // Monotonic time at which any wait gives up with DEADLINE; 0: none.
+  double deadline = 0;
+};
+
+// Requests on one connection; replies come in request order. The
+// connection and the observer (may be null) must outlive the pipeline.
+class RequestPipeline {
+ public:
+  RequestPipeline(ControllerConnection& connection, const PipelineOptions& options,
+                  FetchObserver* observer = nullptr);
+
+  // Sends `word` with text parameters and waits for its reply, passing any
+  // replies to earlier requests to the observer only. DONE when the reply
+  // came, whatever its status word.
+  FetchStatus call(const std::string& word, const std::vector<std::string>& params,
+                   Reply& out);
+
+  // Sends a request without waiting; its reply comes through receive().
+  // Returns false (LOST, error() says why) when it cannot be sent.
+  bool send(const std::string& word, const std::vector<std::string>& params = {});
+
+  // Waits up to WAIT_SLICE_S for the reply to the oldest request in flight.
+  // REPLY with `out` set and `word` the request's command word; NOT_YET when
+  // the slice ran out and neither the watchdog, the deadline nor the
+  // observer ends the wait; FAILED otherwise (failure() and error() say
+  // why). Needs a request in flight.
+  enum class Received { REPLY, NOT_YET, FAILED };
+  Received receive(Reply& out, std::string& word);
+
+  // Sends CCHECK when the keep-alive time has passed with nothing in flight.
+  bool keepAlive();
+
+  // Ends the worker politely: sends PEND and waits up to `graceS` seconds
+  // for its reply, discarding the replies to earlier requests. Ignores
+  // stopRequested. True when PEND was answered.
+  bool finish(int graceS);
+
+  size_t inFlight() const { return inFlight_.size(); }
+  // What ended the last failed operation, and how.
+  const std::string& error() const { return error_; }
+  FetchStatus failure() const { return failure_; }
+  FetchObserver* observer() const { return observer_; }
+  bool deadlinePassed() const;
+
+ private:
+  struct Pending {
+    std::string word;
+    unsigned char echo;
+    double sentAt;
+  };
+
+  bool fail(FetchStatus status, const std::string& why);
+  bool stopRequested();
+
+  ControllerConnection& connection_;
+  PipelineOptions options_;
+  FetchObserver* observer_;
+  std::deque<Pending> inFlight_;
+  unsigned char nextEcho_ = 1;
+  double lastSent_;
+  double lastReply_ = 0;
+  std::string error_;
+  FetchStatus failure_ = FetchStatus::DONE;
+};
+
+struct StreamFetchOptions {
+  int count = maxReadCount();   // bytes asked for by each READ, 1..maxReadCount()
+  int window = 4;               // READs in flight at once, at least 1
+  int64_t maxBytes = -1;        // stop after this many bytes; -1: the whole stream
+};
+
+// What the READ loop delivered.
+struct StreamFetchResult {
+  FetchStatus status = FetchStatus::DONE;
+  uint64_t bytes = 0;           // written to the output
+  bool endOfStream = false;     // a READ was answered "EOF"
+  uint64_t reads = 0;           // READ replies with data
+  std::string error;            // why, when status is not DONE
+};
+
+// Reads the open stream with READs until "EOF" or `maxBytes`, writing the
+// bytes to `outFd` in stream order (-1: count them only). Replies keep being
+// received while the output is slow, so the worker is never left unable to
+// send; no new READ goes out while more than a window's worth of bytes waits
+// for the output. A pipe or terminal is written in pieces it takes without
+// blocking; any other descriptor with plain writes (the caller ignores
+// SIGPIPE, so a reader that goes away is OUTPUT_FAILED). The caller sends CONNECT
+// before and ends the worker after; when the result is not DONE, replies
+// may still be in flight.
+StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOptions& options,
+                              int outFd);
+
+// The text of a status, for messages: "done", "timed out", ...
+const char* statusText(FetchStatus status);
+
+}  // namespace controller
+
+#endif
