@@ -4,7 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg dpkg-dev)
+PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg dpkg-dev
+          tinyproxy vlc-bin vlc-plugin-base iproute2 nftables)
 
 missing=()
 for p in "${PACKAGES[@]}"; do

@@ -52,6 +52,20 @@ class StartWithoutController : public ::testing::Test {
     ASSERT_TRUE(guard.listen()) << guard.error();
   }
 
+  // Runs the worker with `library` preloaded and expects exit status 1 after
+  // the one line `line`. Preloading reaches the worker only when it runs
+  // directly, not through a launcher.
+  void expectStartFailure(const char* library, const std::string& line) {
+    if (!controller::launcherFromEnvironment().empty())
+      GTEST_SKIP() << "the preloaded library is built for this host";
+    WorkerProcess p;
+    ASSERT_TRUE(p.start(worker, {}, {std::string("LD_PRELOAD=") + library})) << p.error();
+    ExitStatus st;
+    ASSERT_TRUE(p.waitExit(5, st)) << p.error();
+    EXPECT_TRUE(st.exited && st.code == 1) << st.toString();
+    EXPECT_EQ(std::vector<std::string>{line}, p.stderrLines());
+  }
+
   // Runs the worker and expects the one connect failure line with `err`.
   void expectConnectFailure(int err) {
     WorkerProcess p;
@@ -81,6 +95,17 @@ TEST_F(StartWithoutController, SocketWithoutListenerEndsWithStatus1AtOnce) {
 }
 
 // ---- Ending
+
+// Start-up failures before any connection: the worker says why and ends
+// with status 1.
+TEST_F(StartWithoutController, SocketCreationFailureEndsWithStatus1) {
+  expectStartFailure(EXHAUST_DESCRIPTORS_LIBRARY,
+                     "[Halvarine] create socket fail! errno=" + std::to_string(EMFILE));
+}
+
+TEST_F(StartWithoutController, SigactionFailureEndsWithStatus1) {
+  expectStartFailure(FAIL_SIGACTION_LIBRARY, std::string("sigaction: ") + strerror(EINVAL));
+}
 
 class ProcessEnd : public e2e::WorkerTest {};
 

@@ -146,6 +146,33 @@ TEST_F(MmshServerTest, FramesDescribeAndPlayAnswers) {
   EXPECT_EQ(post.compare(0, 13, "HTTP/1.0 405 "), 0) << post;
 }
 
+// A proxy that keeps only the first Pragma line (tinyproxy) leaves the play
+// request with nothing but its request counter; complete heads still go by
+// "xPlayStrm=1" alone.
+TEST_F(MmshServerTest, PlayRequestsAreKnownByTheirCounterWhenLaterPragmasAreLost) {
+  startServer(sample_);
+  auto contentTypeFor = [this](const std::string& pragmas) {
+    std::string answer = interop::rawExchange(
+        server_->port(), "GET /sample.asf HTTP/1.0\r\n" + pragmas + "\r\n").bytes;
+    const std::string key = "Content-Type: ";
+    size_t at = answer.find(key);
+    if (at == std::string::npos) return answer;
+    at += key.size();
+    return answer.substr(at, answer.find("\r\n", at) - at);
+  };
+  const std::string describe = "application/vnd.ms.wms-hdr.asfv1";
+  const std::string play = "application/x-mms-framed";
+  const std::string first = "Pragma: no-cache,rate=1.000000,request-context=";
+  const std::string guid = "Pragma: xClientGUID={c77e7400-738a-11d2-9add-0020af0a3278}\r\n";
+  EXPECT_EQ(contentTypeFor(first + "1,max-duration=0\r\n"), describe);
+  EXPECT_EQ(contentTypeFor(first + "2,max-duration=0\r\n"), play);
+  EXPECT_EQ(contentTypeFor(first + "3,max-duration=0\r\n"), describe);  // a reconnect
+  EXPECT_EQ(contentTypeFor(first + "4,max-duration=0\r\n"), play);
+  EXPECT_EQ(contentTypeFor(first + "2,max-duration=0\r\n" + guid), describe);
+  EXPECT_EQ(contentTypeFor(first + "1\r\n" + guid + "Pragma: xPlayStrm=1\r\n"), play);
+  EXPECT_EQ(contentTypeFor("Pragma: request-context=x2\r\n"), describe);
+}
+
 // The command as benchmarks use it: URL on standard output, exit after
 // --max-connections, or at SIGTERM.
 TEST(MmsServerCommand, ServesTheSampleAndStops) {

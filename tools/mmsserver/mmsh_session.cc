@@ -6,12 +6,18 @@
 // header and data chunks, an 8-byte extension (sequence number, two flag
 // bytes, the length again); the end chunk carries a 4-byte reason instead.
 //
+// Behind an HTTP proxy that forwards only the first of several same-named
+// headers (tinyproxy does), the play request arrives without "xPlayStrm=1";
+// isPlayRequest() then goes by the request counter in the first Pragma line.
+//
 // The header faults as this transport shows them: truncateHeader announces
 // the whole header, sends its first bytes and closes; absurdHeaderSize
 // announces a 0xFFFF-byte header chunk (the most 16 bits say), sends the
 // real header and closes; absurdPacketSize declares 1 GiB packets in the
 // File Properties Object and otherwise streams as usual.
 
+#include <ctype.h>
+#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
@@ -52,13 +58,40 @@ std::string endChunk() {
   return chunk;
 }
 
-bool pragmaHas(const std::string& head, const char* token) {
-  // Case-insensitive search; heads are short.
+// Where `token` first occurs in `head`, ignoring case; npos when nowhere.
+size_t findInHead(const std::string& head, const char* token) {
+  // Heads are short.
   size_t n = strlen(token);
   for (size_t i = 0; i + n <= head.size(); ++i) {
-    if (strncasecmp(head.c_str() + i, token, n) == 0) return true;
+    if (strncasecmp(head.c_str() + i, token, n) == 0) return i;
   }
-  return false;
+  return std::string::npos;
+}
+
+bool pragmaHas(const std::string& head, const char* token) {
+  return findInHead(head, token) != std::string::npos;
+}
+
+// The number after "request-context=", or -1 when there is none.
+long requestContext(const std::string& head) {
+  static const char KEY[] = "request-context=";
+  size_t at = findInHead(head, KEY);
+  if (at == std::string::npos) return -1;
+  const char* digits = head.c_str() + at + strlen(KEY);
+  return isdigit(static_cast<unsigned char>(*digits)) ? strtol(digits, nullptr, 10) : -1;
+}
+
+// The explicit "xPlayStrm=1" decides whenever the client's later Pragma
+// lines got through, which the client GUID line (sent in both requests by
+// libmms and ffmpeg) shows. Without them, the request counter decides:
+// libmms and ffmpeg number a stream's requests from 1, describe first and
+// play second, and libmms reconnects with another such pair, so an even
+// counter is a play request.
+bool isPlayRequest(const std::string& head) {
+  if (pragmaHas(head, "xPlayStrm=1")) return true;
+  if (pragmaHas(head, "xClientGUID=")) return false;
+  long context = requestContext(head);
+  return context > 0 && context % 2 == 0;
 }
 
 std::string responseHead(int status, const char* reason, const char* contentType) {
@@ -117,7 +150,7 @@ void serveMmshConnection(Connection& conn, const AsfFile& file) {
     conn.send(responseHead(500, "Packets Too Large For Chunks", nullptr));
     return;
   }
-  const bool play = pragmaHas(request, "xPlayStrm=1");
+  const bool play = isPlayRequest(request);
   if (!conn.send(responseHead(200, "OK",
                               play ? "application/x-mms-framed"
                                    : "application/vnd.ms.wms-hdr.asfv1"))) {
