@@ -32,19 +32,12 @@ PACKAGES=(cmake make "g++-$TRIPLE" libmms-dev:armhf libstdc++6:armhf
 
 SUDO=""
 [ "$(id -u)" -eq 0 ] || SUDO="sudo"
-missing=()
-for p in "${PACKAGES[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  if ! dpkg --print-foreign-architectures | grep -qx armhf; then
-    $SUDO dpkg --add-architecture armhf
-  fi
-  # A mirror that is mid-sync can fail one index; the install below still
-  # says clearly if something it needs is really missing.
-  $SUDO apt-get update -qq || echo "cross-build: apt-get update reported errors; trying the install anyway" >&2
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The target's libraries come from Debian's own armhf archive.
+if ! dpkg --print-foreign-architectures | grep -qx armhf; then
+  $SUDO dpkg --add-architecture armhf
 fi
+. scripts/lib/packages.sh
+ensure_packages "${PACKAGES[@]}"
 
 WERROR=OFF
 [ "${CI:-}" = "true" ] && WERROR=ON

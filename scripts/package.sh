@@ -11,16 +11,8 @@ export BUILD_TYPE=${BUILD_TYPE:-MinSizeRel}
 
 # dpkg-dev: dpkg-shlibdeps works out the native package's dependencies.
 PACKAGES=(cmake make g++ libmms-dev libboost-dev dpkg-dev)
-missing=()
-for p in "${PACKAGES[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  SUDO=""
-  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
-  $SUDO apt-get update -qq || echo "package: apt-get update reported errors; trying the install anyway" >&2
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+. scripts/lib/packages.sh
+ensure_packages "${PACKAGES[@]}"
 
 OUT=build-packages
 mkdir -p "$OUT"
