@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# The main job, end to end on this machine: builds everything, serves the
+# bundled sample with the test MMS server on loopback, fetches it through
+# the worker over MMS over TCP and over MMS over HTTP, and checks that the
+# bytes are the ones libmms's own client gets.
+#
+#   bash scripts/demo.sh [DIR]     the fetched files go to DIR (default: a new
+#                                  directory under /tmp)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+
+BUILD=build
+SERVER=$BUILD/tools/mmsserver/halvarine-mms-server
+FETCH=$BUILD/halvarine-fetch
+REFERENCE=$BUILD/tools/mmsserver/libmms-fetch
+OUT=${1:-$(mktemp -d "${TMPDIR:-/tmp}/halvarine-demo-XXXXXX")}
+mkdir -p "$OUT"
+
+# The servers are ours to stop, whichever way the script ends.
+SERVER_PIDS=()
+cleanup() {
+  for pid in "${SERVER_PIDS[@]}"; do
+    kill "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+  done
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# Starts a server for the sample; its URL in $URL.
+start_server() {
+  local transport=$1 urlfile="$OUT/server-$1.url"
+  : >"$urlfile"
+  "$SERVER" --transport "$transport" --address 127.0.0.1 >"$urlfile" 2>/dev/null &
+  SERVER_PIDS+=("$!")
+  for _ in $(seq 100); do
+    [ -s "$urlfile" ] && break
+    sleep 0.05
+  done
+  URL=$(head -n 1 "$urlfile")
+  [ -n "$URL" ] || { echo "demo: the $transport server did not start" >&2; exit 1; }
+  rm -f "$urlfile"
+}
+
+now() { date +%s.%N; }
+
+for transport in mmst mmsh; do
+  start_server "$transport"
+  file="$OUT/sample-$transport.asf"
+  echo
+  echo "== $transport: $URL"
+  start=$(now)
+  "$FETCH" "$URL" -o "$file"
+  end=$(now)
+  "$REFERENCE" "$URL" "$OUT/reference-$transport.asf" >/dev/null
+  if cmp -s "$file" "$OUT/reference-$transport.asf"; then
+    echo "same bytes as libmms-fetch: $(stat -c %s "$file") bytes"
+  else
+    echo "demo: $file differs from what libmms-fetch got:" >&2
+    cmp "$file" "$OUT/reference-$transport.asf" >&2 || true
+    exit 1
+  fi
+  rm -f "$OUT/reference-$transport.asf"
+  if command -v ffprobe >/dev/null; then
+    echo "ffprobe:"
+    ffprobe -v error -show_entries format=format_name,duration:stream=codec_type,codec_name \
+      -of compact=p=0 "$file" | sed 's/^/  /'
+  fi
+  awk -v b="$(stat -c %s "$file")" -v s="$start" -v e="$end" -v f="$file" 'BEGIN {
+    t = e - s; rate = (t > 0) ? b / 1024 / t : 0
+    printf "saved %s: %d bytes in %.2f s (%.1f KiB/s, worker start and end included)\n", f, b, t, rate }'
+done
+echo
+echo "done: the files are in $OUT"
