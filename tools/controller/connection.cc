@@ -47,8 +47,9 @@ void UniqueFd::reset(int fd) {
 
 // ---- ControllerConnection
 
-bool ControllerConnection::fail(const std::string& what) {
+bool ControllerConnection::fail(const std::string& what, Failure kind) {
   error_ = what;
+  failure_ = kind;
   return false;
 }
 
@@ -59,17 +60,17 @@ bool ControllerConnection::send(const Request& req) {
 }
 
 bool ControllerConnection::sendRaw(const std::string& bytes) {
-  if (!fd_.valid()) return fail("send: not connected");
+  if (!fd_.valid()) return fail("send: not connected", Failure::LOST);
   size_t sent = 0;
   while (sent < bytes.size()) {
     WaitResult w = waitUntil(fd_.get(), WAIT_WRITABLE, deadlineIn(SEND_WAIT_S));
-    if (w == WAIT_TIMEOUT) return fail("send: worker does not take data");
-    if (w == WAIT_ERROR) return fail(errnoText("send: wait"));
+    if (w == WAIT_TIMEOUT) return fail("send: worker does not take data", Failure::TIMED_OUT);
+    if (w == WAIT_ERROR) return fail(errnoText("send: wait"), Failure::LOST);
     // MSG_NOSIGNAL: a worker that has gone away must not kill the controller.
     ssize_t n = ::send(fd_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (n < 0) {
       if (errno == EINTR || errno == EAGAIN) continue;
-      return fail(errnoText("send"));
+      return fail(errnoText("send"), Failure::LOST);
     }
     sent += static_cast<size_t>(n);
   }
@@ -78,15 +79,15 @@ bool ControllerConnection::sendRaw(const std::string& bytes) {
 
 bool ControllerConnection::fill(size_t n, double deadline) {
   while (buffer_.size() < n) {
-    if (eof_) return fail("worker closed the connection");
+    if (eof_) return fail("worker closed the connection", Failure::LOST);
     WaitResult w = waitUntil(fd_.get(), WAIT_READABLE, deadline);
-    if (w == WAIT_TIMEOUT) return fail("no reply in time");
-    if (w == WAIT_ERROR) return fail(errnoText("receive: wait"));
+    if (w == WAIT_TIMEOUT) return fail("no reply in time", Failure::TIMED_OUT);
+    if (w == WAIT_ERROR) return fail(errnoText("receive: wait"), Failure::LOST);
     char chunk[4096];
     ssize_t got = ::read(fd_.get(), chunk, sizeof chunk);
     if (got < 0) {
       if (errno == EINTR || errno == EAGAIN) continue;
-      return fail(errnoText("receive"));
+      return fail(errnoText("receive"), Failure::LOST);
     }
     if (got == 0) {
       eof_ = true;
@@ -98,7 +99,7 @@ bool ControllerConnection::fill(size_t n, double deadline) {
 }
 
 bool ControllerConnection::receive(unsigned char echo, int timeoutS, Reply& out) {
-  if (!fd_.valid()) return fail("receive: not connected");
+  if (!fd_.valid()) return fail("receive: not connected", Failure::LOST);
   const double deadline = deadlineIn(timeoutS);
   if (!fill(FRAME_START_LEN, deadline)) {
     if (!buffer_.empty()) error_ += " (received " + hex(buffer_) + ")";
@@ -126,7 +127,7 @@ bool ControllerConnection::receive(unsigned char echo, int timeoutS, Reply& out)
 }
 
 bool ControllerConnection::receiveEof(int timeoutS) {
-  if (!fd_.valid()) return fail("receive: not connected");
+  if (!fd_.valid()) return fail("receive: not connected", Failure::LOST);
   if (!buffer_.empty()) return fail("bytes received before the end: " + hex(buffer_));
   if (fill(1, deadlineIn(timeoutS))) {
     return fail("bytes received instead of the end: " + hex(buffer_));

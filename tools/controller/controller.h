@@ -47,6 +47,15 @@ class UniqueFd {
 // The accepted controller connection: frames out, reply frames in.
 class ControllerConnection {
  public:
+  // What the last failed operation met.
+  enum class Failure {
+    NONE,
+    TIMED_OUT,   // nothing (more) came in time; a partly received frame is
+                 // kept, so receiving again picks it up where it stopped
+    LOST,        // the worker closed its end, or the socket failed
+    PROTOCOL,    // bytes that are not the expected reply, or a bad request
+  };
+
   ControllerConnection() = default;
   explicit ControllerConnection(UniqueFd fd) : fd_(std::move(fd)) {}
   ControllerConnection(ControllerConnection&&) = default;
@@ -54,6 +63,7 @@ class ControllerConnection {
 
   bool connected() const { return fd_.valid(); }
   const std::string& error() const { return error_; }
+  Failure failure() const { return failure_; }
 
   // Sends the request's frame, or `bytes` verbatim (for malformed input),
   // completely. A worker that has gone away is an error, not SIGPIPE.
@@ -79,12 +89,13 @@ class ControllerConnection {
   // monotonic clock reading in seconds) passes. False on time-out, error or
   // end of stream.
   bool fill(size_t n, double deadline);
-  bool fail(const std::string& what);
+  bool fail(const std::string& what, Failure kind = Failure::PROTOCOL);
 
   UniqueFd fd_;
   std::string buffer_;   // bytes received and not yet returned in a frame
   bool eof_ = false;
   std::string error_;
+  Failure failure_ = Failure::NONE;
 };
 
 // The listening controller socket.
@@ -213,6 +224,8 @@ class WorkerSession {
   // error().
   bool send(const Request& req);
   bool sendRaw(const std::string& bytes);
+  // While it waits, it keeps reading the worker's standard error, which
+  // would otherwise fill its pipe and stop the worker at its next log line.
   bool receive(unsigned char echo, int timeoutS, Reply& out);
   // send, then receive the reply with the request's echo byte.
   bool call(const Request& req, int timeoutS, Reply& out);

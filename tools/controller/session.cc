@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "tools/controller/controller.h"
+#include "tools/controller/support.h"
 
 namespace controller {
 
@@ -42,7 +43,19 @@ bool WorkerSession::sendRaw(const std::string& bytes) {
 }
 
 bool WorkerSession::receive(unsigned char echo, int timeoutS, Reply& out) {
-  return connection_.receive(echo, timeoutS, out) || fail(connection_.error());
+  // Waits in slices of a second, reading the worker's log in between: a
+  // worker whose log pipe is full stops before it can reply.
+  const double deadline = deadlineIn(timeoutS);
+  for (;;) {
+    worker_.stderrText();
+    const double left = deadline - nowSeconds();
+    const int slice = left > 1 ? 1 : (left > 0 ? static_cast<int>(left + 0.999) : 0);
+    if (connection_.receive(echo, slice, out)) return true;
+    if (connection_.failure() != ControllerConnection::Failure::TIMED_OUT ||
+        nowSeconds() >= deadline) {
+      return fail(connection_.error());
+    }
+  }
 }
 
 bool WorkerSession::call(const Request& req, int timeoutS, Reply& out) {

@@ -20,15 +20,9 @@ const char STATUS_OK[] = "OK_";
 const char STATUS_ERR[] = "ERR";
 const char STATUS_EOF[] = "EOF";
 
-// ControllerConnection tells a receive that ran out of time from one that
-// failed only by its text. A time-out leaves a partly received frame in the
-// connection's buffer, so receiving again picks it up where it stopped.
-bool isTimeout(const std::string& error) { return error.rfind("no reply in time", 0) == 0; }
-
-// Closed, reset or unreadable, as opposed to bytes that are not a reply.
-bool isConnectionFailure(const std::string& error) {
-  return error.rfind("worker closed the connection", 0) == 0 || error.rfind("receive", 0) == 0 ||
-         error.rfind("send", 0) == 0;
+// How a failed receive ends the exchange; a time-out is not an end.
+FetchStatus failureStatus(ControllerConnection::Failure f) {
+  return f == ControllerConnection::Failure::LOST ? FetchStatus::LOST : FetchStatus::BAD_REPLY;
 }
 
 std::string countField(int64_t n) {
@@ -186,9 +180,8 @@ RequestPipeline::Received RequestPipeline::receive(Reply& out, std::string& word
     }
     return Received::REPLY;
   }
-  const std::string& why = connection_.error();
-  if (!isTimeout(why)) {
-    fail(isConnectionFailure(why) ? FetchStatus::LOST : FetchStatus::BAD_REPLY, why);
+  if (connection_.failure() != ControllerConnection::Failure::TIMED_OUT) {
+    fail(failureStatus(connection_.failure()), connection_.error());
     return Received::FAILED;
   }
   if (observer_) observer_->tick();
@@ -243,9 +236,8 @@ bool RequestPipeline::finish(int graceS) {
       if (head.echo == echo) return reply.status() == STATUS_OK;
       continue;
     }
-    const std::string& why = connection_.error();
-    if (!isTimeout(why)) {
-      return fail(isConnectionFailure(why) ? FetchStatus::LOST : FetchStatus::BAD_REPLY, why);
+    if (connection_.failure() != ControllerConnection::Failure::TIMED_OUT) {
+      return fail(failureStatus(connection_.failure()), connection_.error());
     }
     if (observer_) observer_->tick();
     if (nowSeconds() >= giveUp) {

@@ -22,8 +22,14 @@ const char USAGE[] =
     "         [--file PATH | --generate BYTES [--packet-size N]] [--name NAME]\n"
     "         [--max-connections N] [--refuse] [--stall-after N] [--reset-after N]\n"
     "         [--drip-ms N] [--truncate-header N] [--absurd-header-size]\n"
-    "         [--absurd-packet-size]\n"
+    "         [--absurd-packet-size] [--slow-packet N --slow-bytes N [--slow-gap-ms N]]\n"
+    "         [--extra-streams N] [--zero-size-object] [--extension-child-4gib]\n"
+    "         [--endless-head-lines | --endless-head-line] [--continue-at-end]\n"
+    "         [--close-before-play]\n"
     "Byte counts of --stall-after and --reset-after include protocol bytes.\n"
+    "--slow-packet sends the first --slow-bytes bytes of that data packet (from 0)\n"
+    "one at a time, --slow-gap-ms apart (default 2500).\n"
+    "The last six options send data that libmms 0.6.4 cannot survive.\n"
     "An MMSH stream takes two connections (describe, play).\n";
 
 bool parseNumber(const char* text, long long min, long long& out) {
@@ -52,6 +58,18 @@ int main(int argc, char** argv) {
       options.faults.absurdHeaderSize = true;
     } else if (arg == "--absurd-packet-size") {
       options.faults.absurdPacketSize = true;
+    } else if (arg == "--zero-size-object") {
+      options.faults.zeroSizeObject = true;
+    } else if (arg == "--extension-child-4gib") {
+      options.faults.extensionChildOf4GiB = true;
+    } else if (arg == "--endless-head-lines") {
+      options.faults.endlessHeadLines = true;
+    } else if (arg == "--endless-head-line") {
+      options.faults.endlessHeadLine = true;
+    } else if (arg == "--close-before-play") {
+      options.faults.closeBeforePlay = true;
+    } else if (arg == "--continue-at-end") {
+      options.faults.continueAtEnd = true;
     } else if (!hasValue) {
       std::cerr << USAGE;
       return 2;
@@ -87,6 +105,14 @@ int main(int argc, char** argv) {
       options.faults.dripIntervalMs = static_cast<int>(n);
     } else if (arg == "--truncate-header") {
       options.faults.truncateHeader = n;
+    } else if (arg == "--slow-packet") {
+      options.faults.slowPacket = n;
+    } else if (arg == "--slow-bytes" && n <= 65535) {
+      options.faults.slowBytes = static_cast<int>(n);
+    } else if (arg == "--slow-gap-ms" && n <= 60000) {
+      options.faults.slowGapMs = static_cast<int>(n);
+    } else if (arg == "--extra-streams" && n <= 1000) {
+      options.faults.extraStreams = static_cast<int>(n);
     } else {
       std::cerr << USAGE;
       return 2;

@@ -15,6 +15,9 @@
 // announces a 0xFFFF-byte header chunk (the most 16 bits say), sends the
 // real header and closes; absurdPacketSize declares 1 GiB packets in the
 // File Properties Object and otherwise streams as usual.
+//
+// The hazard faults of this transport: a response head that never ends, and
+// an end chunk that announces another stream each time it is sent.
 
 #include <ctype.h>
 #include <stdlib.h>
@@ -50,12 +53,26 @@ std::string chunkHead(uint16_t type, uint32_t sequence, uint8_t afFlags, uint16_
   return head;
 }
 
-std::string endChunk() {
+// `another`: announce a new stream instead of the end (reason 1, not 0).
+std::string endChunk(bool another) {
   std::string chunk;
   putLe16(chunk, CHUNK_END);
   putLe16(chunk, END_REASON_LENGTH);
-  putLe32(chunk, 0);  // 0: the stream is over (1 would announce a new one)
+  putLe32(chunk, another ? 1 : 0);
   return chunk;
+}
+
+// A response head without end: the status line, then header lines (or one
+// line) for as long as the client takes them. Returns when it has left or
+// the server stops.
+void sendEndlessHead(Connection& conn) {
+  const Faults& faults = conn.faults();
+  if (!conn.send("HTTP/1.0 200 OK\r\n")) return;
+  if (faults.endlessHeadLine && !conn.send("X-Filler: ")) return;
+  std::string block;
+  while (block.size() < 4096) block += faults.endlessHeadLine ? "aaaaaaaa" : "X-Filler: a\r\n";
+  while (conn.send(block)) {
+  }
 }
 
 // Where `token` first occurs in `head`, ignoring case; npos when nowhere.
@@ -111,8 +128,8 @@ std::string responseHead(int status, const char* reason, const char* contentType
 // Sends the ASF header as header chunks, applying the header faults. False
 // when the session must end here.
 bool sendHeader(Connection& conn, const AsfFile& file) {
-  std::string header = file.header;
   const Faults& faults = conn.faults();
+  std::string header = servedHeader(file, faults);
   if (faults.absurdPacketSize) patchPacketSize(header, ABSURD_PACKET_SIZE);
   if (faults.absurdHeaderSize) {
     // The most a 16-bit chunk length can claim, with far fewer bytes behind it.
@@ -150,7 +167,12 @@ void serveMmshConnection(Connection& conn, const AsfFile& file) {
     conn.send(responseHead(500, "Packets Too Large For Chunks", nullptr));
     return;
   }
+  if (conn.faults().endlessHeadLines || conn.faults().endlessHeadLine) {
+    sendEndlessHead(conn);
+    return;
+  }
   const bool play = isPlayRequest(request);
+  if (play && conn.faults().closeBeforePlay) return;
   if (!conn.send(responseHead(200, "OK",
                               play ? "application/x-mms-framed"
                                    : "application/vnd.ms.wms-hdr.asfv1"))) {
@@ -160,9 +182,24 @@ void serveMmshConnection(Connection& conn, const AsfFile& file) {
   auto declared = static_cast<uint16_t>(file.packetSize + EXT_HEADER_LENGTH);
   for (size_t i = 0; i < file.packets.size(); ++i) {
     if (!conn.send(chunkHead(CHUNK_DATA, static_cast<uint32_t>(i), 0, declared)) ||
-        !conn.send(file.packets[i])) {
+        !sendDataPacket(conn, file.packets[i], i)) {
       return;
     }
   }
-  conn.send(endChunk());
+  conn.send(endChunk(conn.faults().continueAtEnd));
+}
+
+bool sendDataPacket(Connection& conn, const std::string& packet, size_t index) {
+  const Faults& faults = conn.faults();
+  if (faults.slowPacket < 0 || index != static_cast<size_t>(faults.slowPacket)) {
+    return conn.send(packet);
+  }
+  const size_t slow = std::min(packet.size(), static_cast<size_t>(std::max(faults.slowBytes, 0)));
+  for (size_t b = 0; b < slow; ++b) {
+    if (!conn.send(packet.data() + b, 1)) return false;
+    // Waits out the gap unless the client speaks or leaves first; either
+    // way the next send tells.
+    conn.readable(faults.slowGapMs);
+  }
+  return conn.send(packet.data() + slow, packet.size() - slow);
 }

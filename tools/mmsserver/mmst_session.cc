@@ -280,16 +280,14 @@ MmstSession::Next MmstSession::onReadBlock(const Command& cmd) {
 // when the session must end: a send failed or a header fault cut it short.
 bool MmstSession::sendHeader(uint8_t incarnation) {
   const Faults& faults = conn_.faults();
-  std::string patched;
-  const std::string* header = &file_.header;
+  std::string patched = servedHeader(file_, faults);
+  const std::string* header = &patched;
   if (faults.absurdPacketSize) {
     // Clients take the packet size from the File Properties Object, not
     // from the open-file report, so the absurd size is written there too.
-    patched = file_.header;
     if (!patchPacketSize(patched, kAbsurdPacketBytes)) {
       logLine("no File Properties Object to declare an absurd packet size in");
     }
-    header = &patched;
   }
   // With an absurd declared header size the server keeps its word: the real
   // header is followed by zero filler up to the declared size.
@@ -380,9 +378,8 @@ bool MmstSession::sendNextPacket() {
     const std::string& payload = file_.packets[nextPacket_];
     std::string packet = mmst::makeDataPrefix(static_cast<uint32_t>(nextPacket_), mediaIncarnation_,
                                               0, payload.size());
-    packet += payload;
-    ++nextPacket_;
-    return conn_.send(packet);
+    const size_t index = nextPacket_++;
+    return conn_.send(packet) && sendDataPacket(conn_, payload, index);
   }
   playing_ = false;
   return reply(mmst::sc::kReportEndOfStream, replyPrefix(mediaIncarnation_));

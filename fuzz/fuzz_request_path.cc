@@ -1,0 +1,135 @@
+// The worker's request path on arbitrary controller bytes: extractPacket,
+// parsePacket and dispatchCommand, exactly as the command loop chains them,
+// with g_controlFd one end of a socket pair whose other end is read here.
+//
+// CONNECT runs for real through libmms, but loopback_only.cc (linked in)
+// turns every name into 127.0.0.1 and every TCP connect into one to a
+// loopback port that nobody listens on: no stream ever opens and nothing
+// leaves the machine.
+//
+// Properties, for every frame cut from the input:
+//  - whatever the bytes, the process never holds an open stream;
+//  - a frame that is dropped (malformed, unknown word) gets no reply, and a
+//    request gets at most one;
+//  - a request that its handler accepts gets exactly one;
+//  - every reply is a well-formed frame (start, length, checksum, 'R', the
+//    request's echo byte, end mark) whose body is the request's word and the
+//    status that a process without a stream must give.
+
+#include <fcntl.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "channel/transport.h"
+#include "core/process.h"
+#include "fuzz/fuzz_check.h"
+#include "mms/wrapper_mms.h"
+
+namespace {
+
+int g_peerFd = -1;   // the controller's end
+
+void openControlPair() {
+  int fds[2];
+  FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0);
+  // Room for the longest reply a fuzz input can cause, so a reply never
+  // waits for this harness to read.
+  const int room = 4 * FRAME_MAX_LEN;
+  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  setsockopt(fds[1], SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+  FUZZ_CHECK(fcntl(fds[1], F_SETFL, O_NONBLOCK) == 0);
+  g_controlFd = fds[0];
+  g_peerFd = fds[1];
+}
+
+std::string drainReplies() {
+  std::string bytes;
+  char chunk[4096];
+  for (;;) {
+    const ssize_t n = read(g_peerFd, chunk, sizeof chunk);
+    if (n <= 0)
+      break;
+    bytes.append(chunk, static_cast<size_t>(n));
+  }
+  return bytes;
+}
+
+struct Expected {
+  bool answered;        // the handler accepts the request
+  const char* status;   // the status of a process without a stream
+};
+
+// The command table's choice and each handler's acceptance rule, from the
+// outside: the first word the request's word begins with, enough elements,
+// and for READ an 8-byte count.
+Expected expectedFor(const ParamList& request) {
+  static const struct {
+    const char* word;
+    size_t minElements;
+    const char* status;
+  } COMMANDS[] = {{"CONNECT", 3, "ERR"}, {"READ", 3, "ERR"},
+                  {"GSIZE", 2, "ERR"},   {"CLOSE", 2, "OK_"},
+                  {"PEND", 2, "OK_"},    {"CCHECK", 2, "OK_"}};
+  if (request.size() < 2)
+    return {false, nullptr};
+  for (const auto& c : COMMANDS) {
+    if (request[1].compare(0, strlen(c.word), c.word) != 0)
+      continue;
+    bool accepted = request.size() >= c.minElements;
+    if (accepted && strcmp(c.word, "READ") == 0)
+      accepted = request[2].size() == 8;
+    return {accepted, c.status};
+  }
+  return {false, nullptr};
+}
+
+void checkReply(const ParamList& request, const Expected& expected,
+                const std::string& replies) {
+  if (!expected.answered) {
+    FUZZ_CHECK(replies.empty());
+    return;
+  }
+  fuzzframe::checkReplyFrame(replies);   // exactly one frame, nothing after
+  FUZZ_CHECK(replies[7] == request[0][HEADER_ECHO]);
+  const std::string body = request[1] + '\n' + expected.status + "\n\n";
+  FUZZ_CHECK(replies.compare(FRAME_BODY_OFFSET, std::string::npos,
+                             body + '\x03') == 0);
+}
+
+void serve(const Packet& frame) {
+  ParamList request;
+  const bool parsed = parsePacket(frame, request) == RESULT_OK;
+  const Expected expected =
+      parsed ? expectedFor(request) : Expected{false, nullptr};
+  if (parsed) {
+    const CommandOutcome outcome = dispatchCommand(request);
+    FUZZ_CHECK(outcome == COMMAND_DROPPED || expected.status != nullptr);
+    FUZZ_CHECK(outcome != COMMAND_DROPPED || expected.status == nullptr);
+    // COMMAND_END (PEND) would end the loop; the harness goes on.
+  }
+  checkReply(request, expected, drainReplies());
+  FUZZ_CHECK(!g_wrapperMms || !g_wrapperMms->isConnected());
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzzframe::silenceDiagnostics();
+  openControlPair();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::string buffer(reinterpret_cast<const char*>(data), size);
+  Packet frame;
+  while (extractPacket(buffer, frame) == RESULT_OK)
+    serve(frame);
+  // Each input starts as a fresh process would: no stream object.
+  g_wrapperMms.reset();
+  return 0;
+}
