@@ -5,6 +5,7 @@
 
 #include <iostream>
 
+#include "mms/cpu_budget.h"
 #include "mms/wrapper_mms.h"
 
 namespace {
@@ -60,7 +61,10 @@ ResultCode WrapperMms::connect() {
     unsetenv("http_proxy");
     if (!hasScheme(target, SCHEME_MMSH) && !hasScheme(target, SCHEME_HTTP)) {
       std::cerr << "[WrapperMms::connect()] open MMST stream!" << std::endl;
-      m_mms = mms_connect(m_io, nullptr, target.c_str(), 0);
+      {
+        CpuBudget budget;
+        m_mms = mms_connect(m_io, nullptr, target.c_str(), 0);
+      }
       if (m_mms != nullptr) {
         std::cerr << "[WrapperMms::connect()] open MMST stream success!"
                   << std::endl;
@@ -76,7 +80,10 @@ ResultCode WrapperMms::connect() {
   if (hasScheme(target, SCHEME_HTTP))
     target.replace(0, SCHEME_LEN, SCHEME_MMSH);
   std::cerr << "[WrapperMms::connect()] open MMSH stream!" << std::endl;
-  m_mmsh = mmsh_connect(m_io, nullptr, target.c_str(), 0);
+  {
+    CpuBudget budget;
+    m_mmsh = mmsh_connect(m_io, nullptr, target.c_str(), 0);
+  }
   if (m_mmsh != nullptr) {
     std::cerr << "[WrapperMms::connect()] open MMSH stream success!"
               << std::endl;

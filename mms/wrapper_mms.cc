@@ -1,5 +1,7 @@
 #include "mms/wrapper_mms.h"
 
+#include "mms/cpu_budget.h"
+
 #include <iostream>
 
 boost::shared_ptr<WrapperMms> g_wrapperMms;
@@ -21,6 +23,7 @@ ResultCode WrapperMms::read(char* buffer, int length, int& count) {
   if (!m_connected)
     return MMS_NOT_CONNECTED;
   int got;
+  CpuBudget budget;
   if (m_streamType == STREAM_MMST)
     got = mms_read(m_io, m_mms, buffer, length);
   else if (m_streamType == STREAM_MMSH)

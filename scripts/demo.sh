@@ -19,30 +19,10 @@ OUT=${1:-$(mktemp -d "${TMPDIR:-/tmp}/halvarine-demo-XXXXXX")}
 mkdir -p "$OUT"
 
 # The servers are ours to stop, whichever way the script ends.
-SERVER_PIDS=()
-cleanup() {
-  for pid in "${SERVER_PIDS[@]}"; do
-    kill "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-  done
-}
-trap cleanup EXIT
+# shellcheck source=lib/server.sh
+. scripts/lib/server.sh
+trap stop_servers EXIT
 trap 'exit 130' INT TERM
-
-# Starts a server for the sample; its URL in $URL.
-start_server() {
-  local transport=$1 urlfile="$OUT/server-$1.url"
-  : >"$urlfile"
-  "$SERVER" --transport "$transport" --address 127.0.0.1 >"$urlfile" 2>/dev/null &
-  SERVER_PIDS+=("$!")
-  for _ in $(seq 100); do
-    [ -s "$urlfile" ] && break
-    sleep 0.05
-  done
-  URL=$(head -n 1 "$urlfile")
-  [ -n "$URL" ] || { echo "demo: the $transport server did not start" >&2; exit 1; }
-  rm -f "$urlfile"
-}
 
 now() { date +%s.%N; }
 

@@ -32,8 +32,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const int BIG_READ = 65511;
-// Loopback opens take milliseconds; a reply later than this never comes.
-const int HAZARD_REPLY_TIMEOUT_S = 5;
+// Loopback opens take milliseconds; a reply later than this never comes. It
+// is longer than the worker's CPU budget for one library call, so a loop
+// that budget ends is seen as the worker's death, not as a missing reply.
+const int HAZARD_REPLY_TIMEOUT_S = 15;
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -235,9 +237,9 @@ class FaultMatrix : public faults::FaultTest, public ::testing::WithParamInterfa
 
   // ---- libmms hazards
 
-  // The worker dies by a signal inside CONNECT; the controller sees its
-  // socket end.
-  void diesInConnect(Transport t, const Faults& f) {
+  // The worker dies by a signal inside CONNECT (`signal`, or any when 0);
+  // the controller sees its socket end.
+  void diesInConnect(Transport t, const Faults& f, int signal = 0) {
     MmsTestServer& server = startServer(t, f);
     Reply r;
     const auto start = Clock::now();
@@ -246,40 +248,11 @@ class FaultMatrix : public faults::FaultTest, public ::testing::WithParamInterfa
     EXPECT_EQ(FetchStatus::LOST, st) << controller::statusText(st);
     const ExitStatus how = killAndCheckNothingLeft();
     EXPECT_TRUE(how.signaled) << how.toString();
+    if (signal != 0) {
+      EXPECT_EQ(signal, how.signal) << how.toString();
+    }
     report(GetParam().id, std::string("controller: ") + controller::statusText(st) + " after " +
                               std::to_string(took) + " s; worker ended by " + how.toString());
-  }
-
-  // The worker never answers CONNECT; the controller's reply time-out ends
-  // the wait. `spins`: the worker burns CPU without a system call (an
-  // endless loop over the header), rather than reading for ever.
-  void hangsInConnect(Transport t, const Faults& f, bool spins) {
-    MmsTestServer& server = startServer(t, f);
-    Reply r;
-    const auto start = Clock::now();
-    const FetchStatus st = pipelineCall("CONNECT", {server.url()}, HAZARD_REPLY_TIMEOUT_S, r);
-    const double took = secondsSince(start);
-    EXPECT_EQ(FetchStatus::TIMED_OUT, st) << controller::statusText(st);
-    const pid_t pid = session.worker().pid();
-    const faults::ProcSample a = faults::sampleProcess(pid);
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    const faults::ProcSample b = faults::sampleProcess(pid);
-    const double cpu = static_cast<double>(b.cpuTicks - a.cpuTicks) / faults::ticksPerSecond();
-    const long reads = b.readCalls - a.readCalls;
-    if (spins) {
-      // Another busy process may share the CPU; a third of it is still no wait.
-      EXPECT_GT(cpu, 0.3) << "not spinning";
-      if (a.readCalls >= 0) {
-        EXPECT_EQ(0, reads) << "the loop makes system calls";
-      }
-    } else if (a.readCalls >= 0) {
-      EXPECT_GT(reads, 0) << "not reading";
-    }
-    const ExitStatus how = killAndCheckNothingLeft();
-    report(GetParam().id, std::string("controller: ") + controller::statusText(st) + " after " +
-                              std::to_string(took) + " s; then " + std::to_string(cpu) +
-                              " s CPU and " + std::to_string(reads) +
-                              " read calls in 1 s; killed: " + how.toString());
   }
 
   void manyStreamNumbers(Transport t) {
@@ -291,19 +264,19 @@ class FaultMatrix : public faults::FaultTest, public ::testing::WithParamInterfa
   void zeroSizeObject(Transport t) {
     Faults f;
     f.zeroSizeObject = true;
-    hangsInConnect(t, f, true);
+    diesInConnect(t, f, SIGPROF);
   }
 
   void extensionChild4GiB(Transport t) {
     Faults f;
     f.extensionChildOf4GiB = true;
-    hangsInConnect(t, f, true);
+    diesInConnect(t, f, SIGPROF);
   }
 
   void endlessHeadLines(Transport t) {
     Faults f;
     f.endlessHeadLines = true;
-    hangsInConnect(t, f, false);
+    diesInConnect(t, f, SIGPROF);
   }
 
   // One head line without end: libmms 0.6.4 stops the line at the end of
@@ -420,16 +393,16 @@ const std::vector<Row>& matrix() {
        "worker dies by a signal in CONNECT; controller sees its socket end; nothing left",
        Transport::MMSH, &FaultMatrix::manyStreamNumbers, nullptr},
       {"ZeroSizeObjectMmst", "header object of size 0",
-       "worker spins without I/O; no reply in the time-out; killed; nothing left",
+       "worker spins without I/O until its CPU budget ends it (SIGPROF); controller sees its socket end; nothing left",
        Transport::MMST, &FaultMatrix::zeroSizeObject, nullptr},
       {"ZeroSizeObjectMmsh", "header object of size 0",
-       "worker spins without I/O; no reply in the time-out; killed; nothing left",
+       "worker spins without I/O until its CPU budget ends it (SIGPROF); controller sees its socket end; nothing left",
        Transport::MMSH, &FaultMatrix::zeroSizeObject, nullptr},
       {"ExtensionChild4GiBMmsh", "header extension child of 2^32 bytes",
-       "worker spins without I/O; no reply in the time-out; killed; nothing left",
+       "worker spins without I/O until its CPU budget ends it (SIGPROF); controller sees its socket end; nothing left",
        Transport::MMSH, &FaultMatrix::extensionChild4GiB, nullptr},
       {"EndlessHeadLinesMmsh", "HTTP head lines without end",
-       "worker reads byte by byte for ever; no reply in the time-out; killed; nothing left",
+       "worker reads byte by byte until its CPU budget ends it (SIGPROF); controller sees its socket end; nothing left",
        Transport::MMSH, &FaultMatrix::endlessHeadLines, nullptr},
       {"EndlessHeadLineMmsh", "one HTTP head line without end",
        "CONNECT ERR once the line fills libmms's 100 KiB buffer",
