@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# Builds the worker and the benchmark, runs every measurement, prints the
+# tables, and writes docs/PERFORMANCE.md (between its result markers) and
+# docs/throughput.png.
+#
+#   scripts/bench.sh [--quick] [halvarine-bench options...]
+#
+# --quick: a tiny run (a few MiB, one round) that only shows everything
+# works; its output stays in the build tree and docs/ is left alone.
+# BUILD_DIR (default build-bench) is where it builds. The timings are only
+# as quiet as the machine: see the load averages printed with the tables.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$(pwd)
+
+QUICK=0
+ARGS=()
+for a in "$@"; do
+  if [ "$a" = "--quick" ]; then QUICK=1; fi
+  ARGS+=("$a")
+done
+
+PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg valgrind gnuplot-nox)
+. scripts/lib/packages.sh
+ensure_packages "${PACKAGES[@]}"
+
+BUILD=${BUILD_DIR:-build-bench}
+cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHALVARINE_TESTS=ON >/dev/null
+cmake --build "$BUILD" -j"$(nproc)" --target halvarine halvarine-bench libmms-fetch >/dev/null
+BUILD=$(cd "$BUILD" && pwd)
+
+if ((QUICK)); then
+  OUT="$BUILD/bench/quick"
+  PNG="$OUT/throughput.png"
+else
+  OUT="$BUILD/bench/results"
+  PNG="$ROOT/docs/throughput.png"
+fi
+mkdir -p "$OUT"
+"$BUILD/bench/halvarine-bench" --out "$OUT" "${ARGS[@]}"
+
+# Where the worker's extra instructions go: the top of each profile, with
+# this machine's directories taken out of the file names.
+tidy() {
+  sed -E -e "s|$ROOT/||g" -e "s|$BUILD/||g" -e 's|\[/usr/lib/[^]]*/|[|' \
+    -e 's|:([A-Za-z_:~]+)\(.*\) \[|:\1() [|' -e 's|\./string/\.\./sysdeps/x86_64/multiarch/||'
+}
+PROFILE="$OUT/profile.txt"
+: >"$PROFILE"
+for who in worker libmms; do
+  f="$OUT/callgrind.$who.MMSH.out"
+  [ -f "$f" ] || continue
+  {
+    echo "$who, MMSH:"
+    callgrind_annotate --inclusive=no "$f" \
+      | awk '/file:function/{on=1; getline; next} on && NF && n++ < 8' | tidy
+    echo
+  } >>"$PROFILE"
+done
+
+gnuplot <<GNUPLOT
+set terminal pngcairo size 900,560 font "sans,10"
+set output "$PNG"
+set title "Whole-stream throughput on loopback against the READ count (median, bars: min-max)"
+set xlabel "bytes per READ (libmms: per read call)"
+set ylabel "MB/s"
+set logscale x 2
+set xrange [3000:90000]
+set yrange [0:*]
+set key outside right
+set grid
+plot for [i=0:7] "$OUT/throughput.dat" index i using 1:2:3:4 \
+  with yerrorlines lw 2 title columnheader(1)
+GNUPLOT
+
+if ((QUICK)); then
+  echo "quick run: results in $OUT"
+  exit 0
+fi
+
+# The tables and the profile go between the markers of docs/PERFORMANCE.md;
+# the text around them is written by hand.
+DOC=docs/PERFORMANCE.md
+python3 - "$DOC" "$OUT/table.md" "$PROFILE" <<'PY'
+import sys
+doc, table, profile = sys.argv[1:]
+text = open(doc).read()
+def splice(text, name, body):
+    begin, end = "<!-- %s:begin -->" % name, "<!-- %s:end -->" % name
+    a, b = text.index(begin) + len(begin), text.index(end)
+    return text[:a] + "\n" + body.rstrip() + "\n" + text[b:]
+text = splice(text, "results", open(table).read())
+text = splice(text, "profile", "```\n" + open(profile).read().rstrip() + "\n```")
+open(doc, "w").write(text)
+PY
+echo "wrote $DOC and $PNG"
