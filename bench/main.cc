@@ -380,6 +380,7 @@ void usage() {
 
 int main(int argc, char **argv) {
   signal(SIGPIPE, SIG_IGN);
+  controller::keepLargeBuffersResident();
   Settings s;
   bench::Programs programs;
   programs.worker = controller::workerFromEnvironment();

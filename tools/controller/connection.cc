@@ -78,17 +78,20 @@ bool ControllerConnection::sendRaw(const std::string& bytes) {
 }
 
 bool ControllerConnection::fill(size_t n, double deadline) {
+  // Reads whatever is there before waiting, and in large pieces: a READ
+  // reply is one 64 KiB frame, which should cost a few reads, not a wait
+  // per page.
+  char chunk[65536];
   while (buffer_.size() < n) {
     if (eof_) return fail("worker closed the connection", Failure::LOST);
-    WaitResult w = waitUntil(fd_.get(), WAIT_READABLE, deadline);
-    if (w == WAIT_TIMEOUT) return fail("no reply in time", Failure::TIMED_OUT);
-    if (w == WAIT_ERROR) return fail(errnoText("receive: wait"), Failure::LOST);
-    char chunk[4096];
-    ssize_t got = ::read(fd_.get(), chunk, sizeof chunk);
-    if (got < 0) {
-      if (errno == EINTR || errno == EAGAIN) continue;
-      return fail(errnoText("receive"), Failure::LOST);
+    ssize_t got = ::recv(fd_.get(), chunk, sizeof chunk, MSG_DONTWAIT);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+      WaitResult w = waitUntil(fd_.get(), WAIT_READABLE, deadline);
+      if (w == WAIT_TIMEOUT) return fail("no reply in time", Failure::TIMED_OUT);
+      if (w == WAIT_ERROR) return fail(errnoText("receive: wait"), Failure::LOST);
+      continue;
     }
+    if (got < 0) return fail(errnoText("receive"), Failure::LOST);
     if (got == 0) {
       eof_ = true;
       continue;
@@ -119,10 +122,10 @@ bool ControllerConnection::receive(unsigned char echo, int timeoutS, Reply& out)
               std::to_string(buffer_.size()) + " received)";
     return false;
   }
-  Packet frame = buffer_.substr(0, len);
+  out.frame.assign(buffer_, 0, len);
   buffer_.erase(0, len);
   std::string why;
-  if (!decodeReply(frame, echo, out, &why)) return fail(why + "; frame " + hex(frame));
+  if (!decodeReply(out.frame, echo, out, &why)) return fail(why + "; frame " + hex(out.frame));
   return true;
 }
 

@@ -101,24 +101,26 @@ bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out,
   if (params.size() < 3) return fail(error, "reply has no command word and status word");
 
   // Which elements came as counted fields, and that the body holds exactly
-  // these fields and the closing 0x0A: re-encoding must give the body back.
+  // these fields and the closing 0x0A: walk the field boundaries without
+  // copying the data again (a READ reply carries 64 KiB of it).
   std::vector<Field> fields;
+  fields.reserve(params.size() - 1);
   size_t pos = 0;
   for (size_t i = 1; i < params.size(); ++i) {
-    Field f{params[i], pos < bodyLen && body[pos] == static_cast<char>(COUNTED_FIELD_MARK)};
-    pos += wireElement(f).size() + 1;
-    fields.push_back(f);
+    const bool counted = body[pos] == static_cast<char>(COUNTED_FIELD_MARK);
+    if (counted && body[pos + 3] != 0) {
+      return fail(error, "reply counted field " + std::to_string(i) + " has spare byte " +
+                             byteText(static_cast<unsigned char>(body[pos + 3])));
+    }
+    pos += (counted ? COUNTED_PREFIX_LEN : 0) + params[i].size() + 1;
+    fields.push_back(Field{std::move(params[i]), counted});
   }
-  ParamList wire(1);
-  for (const Field& f : fields) wire.push_back(wireElement(f));
-  std::string rebuilt;
-  appendBody(wire, rebuilt);
-  if (rebuilt != std::string(body, bodyLen)) {
+  if (pos + 1 != bodyLen || body[pos] != static_cast<char>(FIELD_END)) {
     return fail(error, "reply body is not exactly its fields and the closing 0x0A: " +
                            hex(std::string(body, bodyLen)));
   }
 
-  out.frame = frame;
+  if (&out.frame != &frame) out.frame = frame;
   out.echo = h[HEADER_ECHO];
   out.fields = std::move(fields);
   return true;

@@ -60,6 +60,7 @@ struct Reply {
 // echo byte; the body must be well-formed fields followed by the closing
 // 0x0A and nothing else, with at least a command word and a status word.
 // Returns true and fills `out`, or false with the first fault in `error`.
+// `frame` may be `out.frame` itself, which saves a copy of the frame.
 bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out,
                  std::string* error);
 

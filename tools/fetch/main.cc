@@ -355,5 +355,6 @@ int main(int argc, char** argv) {
   fetch::Options options;
   const int parsed = fetch::parseOptions(argc, argv, options);
   if (parsed >= 0) return parsed;
+  controller::keepLargeBuffersResident();
   return fetch::Fetch(options).run();
 }
