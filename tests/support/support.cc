@@ -1,0 +1,583 @@
+#include "tests/support/support.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <libmms/mms.h>
+#include <libmms/mmsh.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+using controller::Reply;
+using controller::Request;
+using controller::UniqueFd;
+
+namespace support {
+
+std::string samplePath() { return HALVARINE_SAMPLE_ASF; }
+std::string libmmsFetchPath() { return HALVARINE_LIBMMS_FETCH; }
+std::string mmsServerPath() { return HALVARINE_MMS_SERVER; }
+std::string fetchToolPath() { return HALVARINE_FETCH; }
+
+const AsfFile& sampleAsf() {
+  static const AsfFile file = [] {
+    AsfFile f;
+    std::string error;
+    if (!loadAsfFile(samplePath(), f, error)) ADD_FAILURE() << "cannot load the sample: " << error;
+    return f;
+  }();
+  return file;
+}
+
+// ---- Child processes
+
+Child::Child(const std::vector<std::string>& argv, int stderrFd) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return;
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(fds[1], 1);
+    dup2(stderrFd >= 0 ? stderrFd : fds[1], 2);
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  if (pid_ < 0) {
+    close(fds[0]);
+    return;
+  }
+  out_ = fds[0];
+}
+
+Child::~Child() {
+  if (pid_ > 0 && !exited_) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  if (out_ >= 0) close(out_);
+}
+
+void Child::signal(int sig) {
+  if (pid_ > 0 && !exited_) kill(pid_, sig);
+}
+
+bool Child::wait(int timeoutMs) {
+  return waitUntil(timeoutMs, [this] { return exited_; });
+}
+
+bool Child::waitForOutput(const std::string& text, int timeoutMs) {
+  return waitUntil(timeoutMs, [&] { return output_.find(text) != std::string::npos; });
+}
+
+bool Child::running() {
+  poll(0);
+  return pid_ > 0 && !exited_;
+}
+
+int Child::exitCode() const { return exited_ && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1; }
+
+template <typename Done>
+bool Child::waitUntil(int timeoutMs, Done done) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (pid_ > 0) {
+    poll(10);
+    if (done()) return true;
+    if (exited_ || Clock::now() >= deadline) return false;
+  }
+  return false;
+}
+
+void Child::poll(int waitMs) {
+  if (!readSome(waitMs) && out_ < 0 && !exited_) usleep(static_cast<useconds_t>(waitMs) * 1000);
+  if (!exited_ && pid_ > 0 && waitpid(pid_, &status_, WNOHANG) == pid_) {
+    exited_ = true;
+    while (readSome(0)) {
+    }
+  }
+}
+
+bool Child::readSome(int waitMs) {
+  if (out_ < 0) return false;
+  pollfd p{out_, POLLIN, 0};
+  if (::poll(&p, 1, waitMs) <= 0) return false;
+  char buf[4096];
+  const ssize_t n = read(out_, buf, sizeof buf);
+  if (n > 0) {
+    output_.append(buf, static_cast<size_t>(n));
+    return true;
+  }
+  close(out_);
+  out_ = -1;
+  return false;
+}
+
+RunResult run(const std::vector<std::string>& argv, int timeoutMs) {
+  Child child(argv);
+  RunResult r;
+  r.timedOut = !child.wait(timeoutMs);
+  r.exitCode = child.exitCode();
+  r.output = child.output();
+  return r;
+}
+
+// ---- Files
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string templ = std::string(base != nullptr ? base : "/tmp") + "/halvarine-test-XXXXXX";
+  if (mkdtemp(&templ[0]) != nullptr) path_ = templ;
+}
+
+TempDir::~TempDir() {
+  if (path_.empty()) return;
+  if (DIR* dir = opendir(path_.c_str())) {
+    while (dirent* e = readdir(dir)) {
+      const std::string name = e->d_name;
+      if (name != "." && name != "..") unlink(file(name).c_str());
+    }
+    closedir(dir);
+  }
+  rmdir(path_.c_str());
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+bool writeFile(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out << bytes;
+  return static_cast<bool>(out);
+}
+
+bool fileExists(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+long long firstDifference(const std::string& a, const std::string& b) {
+  const size_t n = std::min(a.size(), b.size());
+  for (size_t i = 0; i < n; ++i) {
+    if (a[i] != b[i]) return static_cast<long long>(i);
+  }
+  return a.size() == b.size() ? -1 : static_cast<long long>(n);
+}
+
+size_t occurrences(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+size_t countLines(const std::vector<std::string>& lines, const std::string& line) {
+  return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+}
+
+long findLine(const std::vector<std::string>& lines, const std::string& line) {
+  const auto at = std::find(lines.begin(), lines.end(), line);
+  return at == lines.end() ? -1 : at - lines.begin();
+}
+
+std::string findProgram(const std::string& name) {
+  const char* path = getenv("PATH");
+  std::stringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
+  std::string dir;
+  while (std::getline(dirs, dir, ':')) {
+    const std::string candidate = (dir.empty() ? "." : dir) + "/" + name;
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return "";
+}
+
+std::string framemd5(const std::string& input, const TempDir& dir) {
+  const std::string out = dir.file("framemd5.txt");
+  unlink(out.c_str());
+  const RunResult r = run({findProgram("ffmpeg"), "-nostdin", "-hide_banner", "-loglevel", "error",
+                           "-y", "-i", input, "-map", "0", "-c", "copy", "-f", "framemd5", out},
+                          30000);
+  return r.timedOut || r.exitCode != 0 ? "" : readFile(out);
+}
+
+// ---- libmms
+
+namespace {
+
+template <typename Handle, typename Read>
+std::string readToEnd(Handle* h, Read read) {
+  std::string all;
+  std::vector<char> buf(32768);
+  int got;
+  while ((got = read(nullptr, h, buf.data(), static_cast<int>(buf.size()))) > 0) {
+    all.append(buf.data(), static_cast<size_t>(got));
+  }
+  return all;
+}
+
+}  // namespace
+
+bool libmmsStream(const std::string& url, std::string& out, uint32_t* length) {
+  if (url.compare(0, 6, "mms://") == 0 || url.compare(0, 7, "mmst://") == 0) {
+    mms_t* m = mms_connect(nullptr, nullptr, url.c_str(), 0);
+    if (m == nullptr) return false;
+    if (length != nullptr) *length = mms_get_length(m);
+    out = readToEnd(m, mms_read);
+    mms_close(m);
+  } else {
+    // libmms opens MMSH only by the mmsh:// name.
+    const std::string name = url.compare(0, 7, "http://") == 0 ? "mmsh://" + url.substr(7) : url;
+    mmsh_t* m = mmsh_connect(nullptr, nullptr, name.c_str(), 0);
+    if (m == nullptr) return false;
+    if (length != nullptr) *length = mmsh_get_length(m);
+    out = readToEnd(m, mmsh_read);
+    mmsh_close(m);
+  }
+  return true;
+}
+
+RunResult libmmsFetch(const std::string& url, const TempDir& dir, std::string& bytes,
+                      int timeoutMs) {
+  const std::string out = dir.file("libmms.out");
+  unlink(out.c_str());
+  RunResult r = run({libmmsFetchPath(), url, out}, timeoutMs);
+  bytes = readFile(out);
+  return r;
+}
+
+// ---- Sockets
+
+namespace {
+
+sockaddr_un unixAddress(const std::string& path) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+  return addr;
+}
+
+sockaddr_in inetAddress(const std::string& address, uint16_t port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  inet_pton(AF_INET, address.c_str(), &addr.sin_addr);
+  return addr;
+}
+
+UniqueFd boundToAnyPort(const std::string& address, uint16_t& port) {
+  UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in addr = inetAddress(address, 0);
+  socklen_t len = sizeof addr;
+  port = 0;
+  if (!fd.valid() || bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    return UniqueFd();
+  }
+  port = ntohs(addr.sin_port);
+  return fd;
+}
+
+}  // namespace
+
+UniqueFd boundSocket(const std::string& path) {
+  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+  sockaddr_un addr = unixAddress(path);
+  if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) fd.reset();
+  return fd;
+}
+
+UniqueFd connectedSocket(const std::string& path) {
+  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+  sockaddr_un addr = unixAddress(path);
+  if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) fd.reset();
+  return fd;
+}
+
+bool controllerPathFree(int timeoutS) {
+  const auto deadline = Clock::now() + std::chrono::seconds(timeoutS);
+  do {
+    controller::ControllerListener probe;   // takes a stale file away, then its own
+    if (probe.listen()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  } while (Clock::now() < deadline);
+  return false;
+}
+
+long residentKb(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.compare(0, 6, "VmRSS:") == 0) return strtol(line.c_str() + 6, nullptr, 10);
+  }
+  return -1;
+}
+
+long openFds(pid_t pid) {
+  DIR* d = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
+  if (d == nullptr) return -1;
+  long n = 0;
+  while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+  closedir(d);
+  return n;
+}
+
+void expectNothingLeft(pid_t pid) {
+  if (pid > 0) {
+    EXPECT_TRUE(kill(pid, 0) != 0 && errno == ESRCH) << "process " << pid << " left";
+  }
+  EXPECT_FALSE(fileExists(controller::DEFAULT_SOCKET_PATH)) << "controller socket file left";
+}
+
+std::string unresolvableHost() { return std::string(64, 'x') + ".invalid"; }
+
+uint16_t freeTcpPort(const std::string& address) {
+  uint16_t port = 0;
+  boundToAnyPort(address, port);
+  return port;
+}
+
+bool waitForListener(const std::string& address, uint16_t port, int timeoutMs, Child* child) {
+  const auto start = Clock::now();
+  while (secondsSince(start) * 1000 < timeoutMs) {
+    if (child != nullptr && !child->running()) return false;
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr = inetAddress(address, port);
+    if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return true;
+    usleep(50 * 1000);
+  }
+  return false;
+}
+
+RefusingPort::RefusingPort() : fd_(boundToAnyPort("127.0.0.1", port_)) {}
+
+RawExchange rawExchange(uint16_t port, const std::string& request) {
+  RawExchange result;
+  UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in addr = inetAddress("127.0.0.1", port);
+  if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      write(fd.get(), request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
+    result.error = errno;
+    return result;
+  }
+  timeval tv{10, 0};
+  setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  char buf[65536];
+  ssize_t n;
+  while ((n = read(fd.get(), buf, sizeof buf)) > 0) result.bytes.append(buf, static_cast<size_t>(n));
+  if (n < 0) result.error = errno;
+  return result;
+}
+
+// ---- Frames
+
+std::string bytes(std::initializer_list<int> values) {
+  std::string s;
+  for (int v : values) s.push_back(static_cast<char>(v));
+  return s;
+}
+
+std::string frameAround(unsigned char echo, const std::string& body, unsigned char kind) {
+  unsigned sum = 0;
+  for (unsigned char c : body) sum += c;
+  const unsigned checksum = ~sum & 0xFFFF;
+  return bytes({0x16, 0x16, 0x02, 0x00, static_cast<int>(checksum >> 8),
+                static_cast<int>(checksum & 0xFF), kind, echo, 0x00,
+                static_cast<int>((body.size() >> 8) & 0xFF), static_cast<int>(body.size() & 0xFF),
+                0x00}) +
+         body + "\x03";
+}
+
+std::string expectedReply(unsigned char echo, const std::vector<std::string>& fields) {
+  std::string body;
+  for (const std::string& f : fields) body += f + "\n";
+  return frameAround(echo, body + "\n", 'R');
+}
+
+std::string expectedReadReply(unsigned char echo, const std::string& word, const std::string& data) {
+  const size_t n = data.size();
+  const std::string body = word + "\nOK_\n" + countDigits(static_cast<int>(n)) + "\n" +
+                           bytes({0x00, static_cast<int>((n >> 8) & 0xFF),
+                                  static_cast<int>(n & 0xFF), 0x00}) +
+                           data + "\n\n";
+  return frameAround(echo, body, 'R');
+}
+
+std::string countDigits(int count) {
+  char digits[16];
+  snprintf(digits, sizeof digits, "%08d", count);
+  return digits;
+}
+
+const char REFUSED[] = "<connection refused>";
+
+std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& lines) {
+  const std::string errnoLine =
+      " errno = " + std::to_string(ECONNREFUSED) + " / msg = " + strerror(ECONNREFUSED);
+  std::vector<std::string> out;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (lines[i] == "ERR - connect with select : " + std::to_string(ECONNREFUSED)) {
+      out.push_back(REFUSED);
+    } else if (lines[i] == "ERR - connect" && i + 1 < lines.size() && lines[i + 1] == errnoLine) {
+      out.push_back(REFUSED);
+      ++i;
+    } else {
+      out.push_back(lines[i]);
+    }
+  }
+  return out;
+}
+
+// ---- Fixtures
+
+void WorkerTest::SetUp() { startWorker(); }
+
+void WorkerTest::startWorker(const std::vector<std::string>& prefix) {
+  controller::WorkerSession::Options options;
+  options.worker = controller::workerFromEnvironment();
+  ASSERT_FALSE(options.worker.empty()) << "neither HALVARINE_WORKER nor HALVARINE_BUILT_WORKER";
+  options.launcher.insert(options.launcher.begin(), prefix.begin(), prefix.end());
+  ASSERT_TRUE(session.start(options)) << session.error();
+}
+
+void WorkerTest::TearDown() {
+  if (!HasFailure()) return;
+  for (const std::string& line : stderrLines()) std::cerr << "worker stderr: " << line << "\n";
+}
+
+Reply WorkerTest::call(const Request& req, int timeoutS) {
+  Reply r;
+  EXPECT_TRUE(session.call(req, timeoutS, r)) << session.error();
+  if (r.fields.size() < 2) r.fields.resize(2);   // a failed call reads as empty words
+  return r;
+}
+
+Reply WorkerTest::receive(unsigned char echo) {
+  Reply r;
+  EXPECT_TRUE(session.receive(echo, REPLY_TIMEOUT_S, r)) << session.error();
+  return r;
+}
+
+void WorkerTest::expectOnlyCcheckReply(unsigned char echo) {
+  EXPECT_EQ(controller::hex(expectedReply(echo, {"CCHECK", "OK_"})),
+            controller::hex(call(Request::command("CCHECK", echo)).frame));
+}
+
+void WorkerTest::expectExit(int code, int timeoutS) {
+  controller::ExitStatus st;
+  ASSERT_TRUE(session.worker().waitExit(timeoutS, st)) << session.worker().error();
+  EXPECT_TRUE(st.exited && st.code == code) << st.toString();
+}
+
+void StreamTest::SetUp() {
+  unsetenv("http_proxy");
+  sampleAsf();
+  WorkerTest::SetUp();
+}
+
+MmsTestServer& StreamTest::startServer(Transport transport, const Faults& faults,
+                                       const std::string& address) {
+  ServerOptions options;
+  options.transport = transport;
+  options.faults = faults;
+  options.address = address;
+  servers.emplace_back(new MmsTestServer(sampleAsf(), options));
+  std::string error;
+  EXPECT_TRUE(servers.back()->start(error)) << error;
+  return *servers.back();
+}
+
+std::string StreamTest::referenceFor(const std::string& url) {
+  std::string got;
+  EXPECT_TRUE(libmmsStream(url, got)) << "libmms cannot open " << url;
+  EXPECT_TRUE(asfStreamBytes(sampleAsf()) == got) << "libmms read other bytes from " << url;
+  return got;
+}
+
+Request StreamTest::request(const std::string& word, const std::vector<std::string>& params) {
+  return Request::command(word, nextEcho(), params);
+}
+
+Reply StreamTest::connect(const std::string& url, int timeoutS) {
+  return call(request("CONNECT", {url}), timeoutS);
+}
+
+Reply StreamTest::connectCounted(const std::string& url) {
+  Request req = request("CONNECT");
+  req.fields.push_back(controller::Field::countedField(url));
+  return call(req);
+}
+
+void StreamTest::expectStatus(const std::string& word, const std::string& status) {
+  const Request req = request(word);
+  EXPECT_EQ(controller::hex(expectedReply(req.echo, {word, status})),
+            controller::hex(call(req).frame));
+}
+
+StreamTest::Fetched StreamTest::readStream(int chunk, size_t maxBytes, int maxSeconds) {
+  Fetched out;
+  const auto start = Clock::now();
+  while (out.bytes.size() < maxBytes && secondsSince(start) < maxSeconds) {
+    const Request req = request("READ", {countDigits(chunk)});
+    Reply r = call(req, 10);
+    out.lastStatus = r.status();
+    if (r.status() != "OK_") break;
+    const std::string data = r.values().at(1).bytes;
+    EXPECT_TRUE(r.frame == expectedReadReply(req.echo, "READ", data)) << "READ reply malformed";
+    out.bytes += data;
+  }
+  return out;
+}
+
+void StreamTest::endWorker() {
+  EXPECT_EQ("OK_", command("PEND").status());
+  expectExit(0);
+}
+
+std::vector<std::string> StreamTest::newLines() {
+  const std::vector<std::string> all = stderrLines();
+  std::vector<std::string> fresh(all.begin() + static_cast<long>(std::min(linesSeen_, all.size())),
+                                 all.end());
+  linesSeen_ = all.size();
+  return fresh;
+}
+
+std::vector<std::string> StreamTest::openLines(const std::string& url, Transport transport) {
+  std::vector<std::string> lines = {"[commandConnect()] command size : 7",
+                                    "[WrapperMms::connect()] call! ",
+                                    "[WrapperMms::connect()] url=" + url};
+  if (transport == Transport::MMST) {
+    lines.insert(lines.end(), {"[WrapperMms::connect()] open MMST stream!",
+                               "[WrapperMms::io_tcp_connect]",
+                               "[WrapperMms::connect()] open MMST stream success!"});
+  } else {
+    // Describe (answered with the header and the server's close), then play.
+    lines.insert(lines.end(), {"[WrapperMms::connect()] open MMSH stream!",
+                               "[WrapperMms::io_tcp_connect]", "[WrapperMms::io_read()] EOF",
+                               "[WrapperMms::io_tcp_connect]",
+                               "[WrapperMms::connect()] open MMSH stream success!"});
+  }
+  lines.push_back("[commandConnect()] MMS connect server!! : 0");
+  return lines;
+}
+
+}  // namespace support

@@ -1,0 +1,233 @@
+#ifndef HALVARINE_TESTS_SUPPORT_SUPPORT_H
+#define HALVARINE_TESTS_SUPPORT_SUPPORT_H
+
+// Shared by every test outside tests/unit: child processes, files, the
+// sample, libmms as the oracle for stream bytes, frames written out by hand,
+// loopback helpers, and fixtures that run the real worker on the fixed
+// controller socket with the test MMS servers beside it.
+
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <initializer_list>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tools/controller/controller.h"
+#include "tools/mmsserver/server.h"
+
+inline void PrintTo(Transport t, std::ostream* os) { *os << (t == Transport::MMST ? "MMST" : "MMSH"); }
+
+namespace support {
+
+// Paths the build passes in.
+std::string samplePath();
+std::string libmmsFetchPath();
+std::string mmsServerPath();
+std::string fetchToolPath();
+
+// The committed sample as the servers cut it; loaded once.
+const AsfFile& sampleAsf();
+
+using Clock = std::chrono::steady_clock;
+inline double secondsSince(Clock::time_point t) {
+  return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+// A child process; standard output and error go to one pipe, collected in
+// output(), unless `stderrFd` names where its standard error goes. The
+// destructor kills (SIGKILL) and reaps a child that still runs.
+class Child {
+ public:
+  explicit Child(const std::vector<std::string>& argv, int stderrFd = -1);
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return pid_; }
+  void signal(int sig);
+  bool wait(int timeoutMs);                                   // true once ended
+  bool waitForOutput(const std::string& text, int timeoutMs);
+  bool running();
+  int exitCode() const;   // -1 when it ended by a signal or still runs
+  const std::string& output() const { return output_; }
+
+ private:
+  template <typename Done>
+  bool waitUntil(int timeoutMs, Done done);
+  void poll(int waitMs);
+  bool readSome(int waitMs);
+
+  pid_t pid_ = -1;
+  int out_ = -1;
+  bool exited_ = false;
+  int status_ = 0;
+  std::string output_;
+};
+
+struct RunResult {
+  bool timedOut = false;
+  int exitCode = -1;
+  std::string output;
+};
+RunResult run(const std::vector<std::string>& argv, int timeoutMs);
+
+// A private directory, removed with its files by the destructor.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::string readFile(const std::string& path);
+bool writeFile(const std::string& path, const std::string& bytes);
+bool fileExists(const std::string& path);
+// Offset of the first difference, -1 when equal: readable for big strings.
+long long firstDifference(const std::string& a, const std::string& b);
+size_t occurrences(const std::string& text, const std::string& what);
+size_t countLines(const std::vector<std::string>& lines, const std::string& line);
+long findLine(const std::vector<std::string>& lines, const std::string& line);
+std::string findProgram(const std::string& name);   // on PATH; "" when absent
+
+// ffmpeg's per-packet digest (stream, timestamps, size, payload MD5) of a
+// URL or file, stream copied; "" when ffmpeg fails.
+std::string framemd5(const std::string& input, const TempDir& dir);
+
+// The whole stream at `url` as libmms gives it to a plain caller, in this
+// process, bandwidth 0 (http:// is read as mmsh://). False when it cannot
+// open; `length` gets what the library reports as the stream's length.
+bool libmmsStream(const std::string& url, std::string& out, uint32_t* length = nullptr);
+// libmms-fetch, the same library in its own process: exit status and bytes.
+RunResult libmmsFetch(const std::string& url, const TempDir& dir, std::string& bytes,
+                      int timeoutMs = 30000);
+
+// ---- Sockets
+
+// A Unix-domain socket bound to `path`, not listening; or connected to it.
+controller::UniqueFd boundSocket(const std::string& path);
+controller::UniqueFd connectedSocket(const std::string& path);
+// True once nobody accepts on the controller socket path (another run may
+// hold it for a while); the path is left free.
+bool controllerPathFree(int timeoutS);
+// From /proc: resident memory in kB, open descriptors; -1 when gone.
+long residentKb(pid_t pid);
+long openFds(pid_t pid);
+// No process `pid` (0: none to check) and no controller socket file.
+void expectNothingLeft(pid_t pid);
+
+// A first label longer than DNS allows: the lookup fails with no query.
+std::string unresolvableHost();
+uint16_t freeTcpPort(const std::string& address);
+bool waitForListener(const std::string& address, uint16_t port, int timeoutMs,
+                     Child* child = nullptr);
+
+// A loopback TCP port that refuses: bound, never listening, while it lives.
+class RefusingPort {
+ public:
+  RefusingPort();
+  uint16_t port() const { return port_; }
+
+ private:
+  controller::UniqueFd fd_;
+  uint16_t port_ = 0;
+};
+
+struct RawExchange {
+  std::string bytes;
+  int error = 0;   // errno of what ended it; 0 for a clean end
+};
+// Sends `request` to 127.0.0.1:port and reads until the server closes.
+RawExchange rawExchange(uint16_t port, const std::string& request);
+
+// ---- Frames written out by hand, independently of the worker's codec
+
+std::string bytes(std::initializer_list<int> values);
+// 16 16 02 00, checksum, `kind`, `echo`, 00, length, 00, body, 03.
+std::string frameAround(unsigned char echo, const std::string& body, unsigned char kind = 'C');
+// A reply of text fields.
+std::string expectedReply(unsigned char echo, const std::vector<std::string>& fields);
+// A READ reply carrying `data`.
+std::string expectedReadReply(unsigned char echo, const std::string& word, const std::string& data);
+std::string countDigits(int count);   // %08d
+
+// `lines` with each report of a refused connect (at once, or through the
+// wait: the kernel's choice) replaced by the one line REFUSED.
+extern const char REFUSED[];
+std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& lines);
+
+const int REPLY_TIMEOUT_S = 5;
+
+// The real worker connected to this controller; its standard error is
+// shown when a test fails. SetUp starts it; a fixture that needs a launcher
+// prefix overrides SetUp and calls startWorker itself.
+class WorkerTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  void startWorker(const std::vector<std::string>& prefix = {});
+
+  controller::Reply call(const controller::Request& req, int timeoutS = REPLY_TIMEOUT_S);
+  controller::Reply receive(unsigned char echo);
+  // A CCHECK that must get exactly its reply as the next frame.
+  void expectOnlyCcheckReply(unsigned char echo);
+  void expectExit(int code, int timeoutS = REPLY_TIMEOUT_S);
+  std::vector<std::string> stderrLines() { return session.worker().stderrLines(); }
+
+  controller::WorkerSession session;
+};
+
+// The worker plus test servers of the sample; no http_proxy reaches it.
+class StreamTest : public WorkerTest {
+ protected:
+  void SetUp() override;
+
+  MmsTestServer& startServer(Transport transport, const Faults& faults = Faults(),
+                             const std::string& address = "127.0.0.1");
+  // What libmms reads from `url`: every byte the server cut from the file.
+  std::string referenceFor(const std::string& url);
+
+  unsigned char nextEcho() { return echo_++; }
+  controller::Request request(const std::string& word, const std::vector<std::string>& params = {});
+  controller::Reply connect(const std::string& url, int timeoutS = REPLY_TIMEOUT_S);
+  controller::Reply connectCounted(const std::string& url);   // the URL as a counted field
+  controller::Reply read(int count) { return call(request("READ", {countDigits(count)})); }
+  controller::Reply command(const std::string& word) { return call(request(word)); }
+  // `word` answered with exactly `status`.
+  void expectStatus(const std::string& word, const std::string& status);
+
+  // READs of `chunk` until a status other than OK_, `maxBytes` or
+  // `maxSeconds`; the bytes, and the status that ended it.
+  struct Fetched {
+    std::string bytes;
+    std::string lastStatus;
+  };
+  Fetched readStream(int chunk, size_t maxBytes, int maxSeconds);
+  // PEND, its OK_, exit status 0.
+  void endWorker();
+
+  // Worker lines since the previous call.
+  std::vector<std::string> newLines();
+  // The lines of a CONNECT of `url` that opens at once over `transport`.
+  static std::vector<std::string> openLines(const std::string& url, Transport transport);
+
+  std::vector<std::unique_ptr<MmsTestServer>> servers;
+
+ private:
+  size_t linesSeen_ = 0;
+  unsigned char echo_ = 0x20;
+};
+
+}  // namespace support
+
+#endif
