@@ -2,6 +2,7 @@
 // the small commands byte for byte, and the frames it must drop.
 
 #include <errno.h>
+#include <stdlib.h>
 #include <signal.h>
 #include <string.h>
 #include <unistd.h>
@@ -62,7 +63,12 @@ TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
     controller::WorkerProcess p;
     const auto start = support::Clock::now();
     if (c.preload != nullptr) {
-      ASSERT_TRUE(p.start(worker, {}, {std::string("LD_PRELOAD=") + c.preload})) << p.error();
+      // A sanitized worker must be told that its runtime need not be first.
+      const char* asan = getenv("ASAN_OPTIONS");
+      const std::string asanOptions =
+          std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0";
+      ASSERT_TRUE(p.start(worker, {}, {std::string("LD_PRELOAD=") + c.preload, asanOptions}))
+          << p.error();
     } else {
       ASSERT_TRUE(p.startVia(controller::launcherFromEnvironment(), worker)) << p.error();
     }
