@@ -15,6 +15,8 @@ cmake --build build-asan -j"$(nproc)"
 # Any report fails the test that caused it (leaks at exit included); an
 # undefined-behaviour report comes with its whole stack.
 export ASAN_OPTIONS="detect_leaks=1:${ASAN_OPTIONS:-}"
+# Tells the tests that the worker carries a sanitizer runtime.
+export HALVARINE_SANITIZED=1
 export UBSAN_OPTIONS="print_stacktrace=1:${UBSAN_OPTIONS:-}"
 cd build-asan
 ctest --output-on-failure -j2 --timeout 600 "$@"

@@ -54,6 +54,11 @@ TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
     SCOPED_TRACE(c.what);
     const bool launched = !controller::launcherFromEnvironment().empty();
     if (c.preload != nullptr && launched) continue;   // the library is built for this host
+    // A sanitizer runtime needs descriptors of its own to report anything.
+    if (c.line.find("create socket fail") != std::string::npos &&
+        getenv("HALVARINE_SANITIZED") != nullptr) {
+      continue;
+    }
     // Bound but not listening: the connect is refused.
     controller::UniqueFd stale;
     if (c.line.find("errno=" + std::to_string(ECONNREFUSED)) != std::string::npos) {
