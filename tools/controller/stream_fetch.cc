@@ -26,7 +26,7 @@ FetchStatus failureStatus(ControllerConnection::Failure f) {
 }
 
 std::string countField(int64_t n) {
-  char digits[16];
+  char digits[24];
   snprintf(digits, sizeof digits, "%08lld", static_cast<long long>(n));
   return digits;
 }
