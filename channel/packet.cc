@@ -3,14 +3,13 @@
 #include <iostream>
 
 uint16_t bodyChecksum(const char* body, size_t len) {
-  // Only the low 16 bits of the sum count, and a 32-bit accumulator wraps
-  // modulo a multiple of 65536, so summing wide gives the same checksum; the
-  // plain loop lets the compiler add many bytes per step. This is the
+  // A 16-bit sum that simply wraps is the checksum's own arithmetic, and it
+  // lets the compiler add many bytes per step in 16-bit lanes. This is the
   // worker's hottest loop: every byte of every READ reply passes here.
   const unsigned char* p = reinterpret_cast<const unsigned char*>(body);
-  uint32_t sum = 0;
+  uint16_t sum = 0;
   for (size_t i = 0; i < len; ++i)
-    sum += p[i];
+    sum = static_cast<uint16_t>(sum + p[i]);
   return static_cast<uint16_t>(~sum);
 }
 
