@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg dpkg-dev
-          tinyproxy vlc-bin vlc-plugin-base iproute2 nftables)
+          tinyproxy vlc-bin vlc-plugin-base iproute2 nftables valgrind)
 
 . scripts/lib/packages.sh
 ensure_packages "${PACKAGES[@]}"
