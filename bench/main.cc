@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "bench/bench.h"
+#include "channel/transport.h"
 #include "tools/controller/controller.h"
 #include "tools/mmsserver/server.h"
 
@@ -380,7 +381,7 @@ void usage() {
 
 int main(int argc, char **argv) {
   signal(SIGPIPE, SIG_IGN);
-  controller::keepLargeBuffersResident();
+  keepReplyBuffersResident();
   Settings s;
   bench::Programs programs;
   programs.worker = controller::workerFromEnvironment();

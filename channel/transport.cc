@@ -1,6 +1,7 @@
 #include "channel/transport.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -79,6 +80,13 @@ ResultCode readPacket(Packet& out) {
     if (extractPacket(g_recvBuffer, out) == RESULT_OK)
       return RESULT_OK;
   }
+}
+
+void keepReplyBuffersResident() {
+#if defined(M_TRIM_THRESHOLD) && defined(M_TOP_PAD)
+  mallopt(M_TRIM_THRESHOLD, 1024 * 1024);
+  mallopt(M_TOP_PAD, 256 * 1024);
+#endif
 }
 
 ResultCode writePacket(const Packet& frame) {

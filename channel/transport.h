@@ -38,6 +38,13 @@ ResultCode readPacket(Packet& out);
 // first start sequence are dropped. 0 frame moved; 7 no whole frame yet.
 ResultCode extractPacket(std::string& buffer, Packet& out);
 
+// Each READ reply allocates up to two 64 KiB buffers on either side of the
+// socket and frees them before the next. With the allocator's default trim
+// threshold (128 KiB) every free hands the heap top back to the system and
+// the next reply faults the same pages in again, which costs more than the
+// copy. Worker and controller call this once at start to keep them.
+void keepReplyBuffersResident();
+
 // Writes every byte of `frame`, waiting up to 5 s at a time.
 // 0 sent; 8 no socket; 9 not writable in time; 1 select/write error.
 // Logs nothing; a partly sent frame is not taken back.

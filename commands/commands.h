@@ -19,9 +19,16 @@ ResultCode commandClose(const ParamList& request);
 ResultCode commandPend(const ParamList& request);
 ResultCode commandCcheck(const ParamList& request);
 
+// Body bytes of a READ success reply besides the data and the command word:
+// "OK_" + 0x0A, eight digits + 0x0A, the counted-field prefix, the data's
+// 0x0A and the list's closing 0x0A.
+static const size_t READ_REPLY_FIXED = 4 + 9 + COUNTED_PREFIX_LEN + 1 + 1 + 1;
+
 // The largest READ count whose reply fits a frame when the command word has
-// `wordLength` bytes: the body holds the word, the status, the 8-digit count,
-// the counted-field prefix and four field ends besides the data.
-int maxReadCount(size_t wordLength);
+// `wordLength` bytes. Header-only: controllers size their requests with it.
+inline int maxReadCount(size_t wordLength) {
+  const size_t fixed = READ_REPLY_FIXED + wordLength;
+  return fixed >= FRAME_MAX_BODY ? 0 : static_cast<int>(FRAME_MAX_BODY - fixed);
+}
 
 #endif

@@ -12,17 +12,7 @@ namespace {
 
 const size_t COUNT_FIELD_LEN = 8;
 
-// Body bytes of a success reply besides the data and the command word:
-// "OK_" + 0x0A, eight digits + 0x0A, the counted-field prefix, the data's
-// 0x0A and the list's closing 0x0A.
-const size_t READ_REPLY_FIXED = 4 + 9 + COUNTED_PREFIX_LEN + 1 + 1 + 1;
-
 }  // namespace
-
-int maxReadCount(size_t wordLength) {
-  const size_t fixed = READ_REPLY_FIXED + wordLength;
-  return fixed >= FRAME_MAX_BODY ? 0 : static_cast<int>(FRAME_MAX_BODY - fixed);
-}
 
 ResultCode commandRead(const ParamList& request) {
   if (!acceptRequest(request, 3, "READ"))

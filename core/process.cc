@@ -1,7 +1,6 @@
 #include "core/process.h"
 
 #include <errno.h>
-#include <malloc.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -53,25 +52,8 @@ bool installTerminationHandler() {
   return true;
 }
 
-namespace {
-
-// Each READ allocates two buffers of up to 64 KiB (the data and its frame)
-// and frees both before the next. With the allocator's default trim
-// threshold of 128 KiB, freeing them hands the top of the heap back to the
-// system every time and the next READ faults the same pages in again; on a
-// full-size READ that costs more than the copy. Keeping a little more heap
-// makes the pages stay.
-void keepReadBuffersResident() {
-#if defined(M_TRIM_THRESHOLD) && defined(M_TOP_PAD)
-  mallopt(M_TRIM_THRESHOLD, 1024 * 1024);
-  mallopt(M_TOP_PAD, 256 * 1024);
-#endif
-}
-
-}  // namespace
-
 int runProcess() {
-  keepReadBuffersResident();
+  keepReplyBuffersResident();
   if (!installTerminationHandler()) {
     perror("sigaction");
     return 1;

@@ -196,12 +196,6 @@ class WorkerProcess {
   std::string error_;
 };
 
-// For a controller process that streams: keeps freed 64 KiB reply buffers
-// in the heap instead of handing them back to the system after every reply,
-// which would fault the same pages in again for the next one. Call once at
-// start; it changes the allocator of the whole process.
-void keepLargeBuffersResident();
-
 // The launcher named by HALVARINE_WORKER_LAUNCHER, split at blanks; empty
 // when unset. Lets every test and tool run a cross-built worker.
 std::vector<std::string> launcherFromEnvironment();

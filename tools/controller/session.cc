@@ -1,6 +1,5 @@
 // One worker run, set up as a list of steps.
 
-#include <malloc.h>
 #include <stdlib.h>
 
 #include <sstream>
@@ -75,13 +74,6 @@ bool WorkerProcess::startVia(const std::vector<std::string>& launcher,
   all.push_back(binary);
   all.insert(all.end(), args.begin(), args.end());
   return start(launcher[0], all, extraEnv);
-}
-
-void keepLargeBuffersResident() {
-#if defined(M_TRIM_THRESHOLD) && defined(M_TOP_PAD)
-  mallopt(M_TRIM_THRESHOLD, 1024 * 1024);
-  mallopt(M_TOP_PAD, 256 * 1024);
-#endif
 }
 
 std::vector<std::string> launcherFromEnvironment() {

@@ -2,6 +2,8 @@
 
 #include "tools/controller/stream_fetch.h"
 
+#include "commands/commands.h"
+
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -103,15 +105,7 @@ class OutputQueue {
 
 }  // namespace
 
-int maxReadCount() {
-  // The reply to READ with no data, measured with the codec itself: what is
-  // left of the 16-bit body length is the room for data.
-  ParamList empty{std::string(), "READ", STATUS_OK, countField(0),
-                  std::string(COUNTED_PREFIX_LEN, '\0')};
-  std::string body;
-  appendBody(empty, body);
-  return static_cast<int>(FRAME_MAX_BODY - body.size());
-}
+int maxReadCount() { return ::maxReadCount(sizeof "READ" - 1); }
 
 const char* statusText(FetchStatus status) {
   switch (status) {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "channel/transport.h"
 #include "tools/controller/controller.h"
 #include "tools/controller/stream_fetch.h"
 #include "tools/fetch/display.h"
@@ -355,6 +356,6 @@ int main(int argc, char** argv) {
   fetch::Options options;
   const int parsed = fetch::parseOptions(argc, argv, options);
   if (parsed >= 0) return parsed;
-  controller::keepLargeBuffersResident();
+  keepReplyBuffersResident();
   return fetch::Fetch(options).run();
 }
