@@ -1,7 +1,9 @@
 #include "tools/mmsserver/connection.h"
 
 #include <errno.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -115,6 +117,15 @@ void Connection::stall() {
 }
 
 void Connection::reset() {
+  // "Reset after N bytes" means the client's kernel has the N bytes: a reset
+  // drops whatever still waits in our send queue, so a client that reads
+  // slowly would otherwise lose some of them depending on timing. Waits a
+  // bounded while for the queue to drain.
+  for (int i = 0; i < 200; ++i) {
+    int queued = 0;
+    if (ioctl(fd_, SIOCOUTQ, &queued) != 0 || queued == 0) break;
+    if (waitFor(fd_, 0, stopFd_, 10) == WaitOutcome::STOPPED) break;
+  }
   linger hard{1, 0};
   setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
   close(fd_);
