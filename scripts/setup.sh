@@ -12,5 +12,5 @@ ensure_packages "${PACKAGES[@]}"
 
 WERROR=OFF
 [ "${CI:-}" = "true" ] && WERROR=ON
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHALVARINE_WERROR="$WERROR" >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHALVARINE_TESTS=ON -DHALVARINE_WERROR="$WERROR" >/dev/null
 cmake --build build -j"$(nproc)"
