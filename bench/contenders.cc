@@ -35,8 +35,7 @@ double nowSeconds() {
 }
 
 double Samples::median() const {
-  if (values.empty())
-    return 0;
+  if (values.empty()) return 0;
   std::vector<double> v = values;
   std::sort(v.begin(), v.end());
   const size_t m = v.size() / 2;
@@ -58,28 +57,26 @@ double Samples::spread() const {
 
 namespace {
 
-const int ACCEPT_TIMEOUT_S = 60; // a worker under valgrind starts slowly
-const int CONTROLLER_TAKEN_WAIT_S = 120; // another run holding the socket
+const int ACCEPT_TIMEOUT_S = 60;          // a worker under valgrind starts slowly
+const int CONTROLLER_TAKEN_WAIT_S = 120;  // another run holding the socket
 const int EXIT_TIMEOUT_S = 600;
 
 // Standard output sent to /dev/null while it lives, so that children
 // started meanwhile do not write into the benchmark's table.
 class QuietStdout {
-public:
+ public:
   QuietStdout() : saved_(dup(STDOUT_FILENO)) {
     fflush(stdout);
     UniqueFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (saved_.valid() && null.valid())
-      dup2(null.get(), STDOUT_FILENO);
+    if (saved_.valid() && null.valid()) dup2(null.get(), STDOUT_FILENO);
   }
   ~QuietStdout() {
-    if (saved_.valid())
-      dup2(saved_.get(), STDOUT_FILENO);
+    if (saved_.valid()) dup2(saved_.get(), STDOUT_FILENO);
   }
-  QuietStdout(const QuietStdout &) = delete;
-  QuietStdout &operator=(const QuietStdout &) = delete;
+  QuietStdout(const QuietStdout&) = delete;
+  QuietStdout& operator=(const QuietStdout&) = delete;
 
-private:
+ private:
   UniqueFd saved_;
 };
 
@@ -88,25 +85,22 @@ long peakRssOf(pid_t pid) {
   std::string line;
   while (std::getline(status, line)) {
     long kib = -1;
-    if (sscanf(line.c_str(), "VmHWM: %ld kB", &kib) == 1)
-      return kib;
+    if (sscanf(line.c_str(), "VmHWM: %ld kB", &kib) == 1) return kib;
   }
   return -1;
 }
 
 // Starts a session, waiting while another controller holds the socket.
-bool startSession(WorkerSession &session, const Programs &programs,
-                  const Launcher &launcher, std::string &error) {
+bool startSession(WorkerSession& session, const Programs& programs, const Launcher& launcher,
+                  std::string& error) {
   WorkerSession::Options so;
   so.worker = programs.worker;
   so.launcher = launcher;
   so.acceptTimeoutS = ACCEPT_TIMEOUT_S;
   const double giveUp = nowSeconds() + CONTROLLER_TAKEN_WAIT_S;
   for (;;) {
-    if (session.start(so))
-      return true;
-    const bool taken =
-        session.worker().pid() <= 0 && !session.listener().listening();
+    if (session.start(so)) return true;
+    const bool taken = session.worker().pid() <= 0 && !session.listener().listening();
     if (!taken || nowSeconds() > giveUp) {
       error = "worker session: " + session.error();
       return false;
@@ -115,8 +109,7 @@ bool startSession(WorkerSession &session, const Programs &programs,
   }
 }
 
-bool endSession(WorkerSession &session, controller::RequestPipeline &pipeline,
-                std::string &error) {
+bool endSession(WorkerSession& session, controller::RequestPipeline& pipeline, std::string& error) {
   if (!pipeline.finish(30)) {
     error = "PEND: " + pipeline.error();
     return false;
@@ -135,9 +128,9 @@ bool endSession(WorkerSession &session, controller::RequestPipeline &pipeline,
 
 // Starts `binary` quietly and waits for its end; its standard error lines
 // come back in `lines`.
-bool runChild(const Launcher &launcher, const std::string &binary,
-              const std::vector<std::string> &args, double &seconds,
-              std::vector<std::string> &lines, std::string &error) {
+bool runChild(const Launcher& launcher, const std::string& binary,
+              const std::vector<std::string>& args, double& seconds,
+              std::vector<std::string>& lines, std::string& error) {
   WorkerProcess child;
   const double started = nowSeconds();
   {
@@ -156,21 +149,18 @@ bool runChild(const Launcher &launcher, const std::string &binary,
   lines = child.stderrLines();
   if (!st.exited || st.code != 0) {
     error = binary + " ended with " + st.toString();
-    for (const std::string &l : lines)
-      error += "\n  " + l;
+    for (const std::string& l : lines) error += "\n  " + l;
     return false;
   }
   return true;
 }
 
-} // namespace
+}  // namespace
 
-bool fetchThroughWorker(const Programs &programs, const std::string &url,
-                        int count, int window, const Launcher &launcher,
-                        FetchRun &out, std::string &error) {
+bool fetchThroughWorker(const Programs& programs, const std::string& url, int count, int window,
+                        const Launcher& launcher, FetchRun& out, std::string& error) {
   WorkerSession session;
-  if (!startSession(session, programs, launcher, error))
-    return false;
+  if (!startSession(session, programs, launcher, error)) return false;
   controller::PipelineOptions po;
   po.replyTimeoutS = launcher.empty() ? 30 : 300;
   controller::RequestPipeline pipeline(session.connection(), po);
@@ -178,24 +168,20 @@ bool fetchThroughWorker(const Programs &programs, const std::string &url,
   const double started = nowSeconds();
   controller::Reply reply;
   if (pipeline.call("CONNECT", {url}, reply) != FetchStatus::DONE) {
-    error = "CONNECT: " + pipeline.error() +
-            "; worker: " + session.worker().stderrText();
+    error = "CONNECT: " + pipeline.error() + "; worker: " + session.worker().stderrText();
     return false;
   }
   if (reply.status() != "OK_") {
-    error = "CONNECT answered " + reply.status() + ": " +
-            session.worker().stderrText();
+    error = "CONNECT answered " + reply.status() + ": " + session.worker().stderrText();
     return false;
   }
   controller::StreamFetchOptions fo;
   fo.count = count;
   fo.window = window;
-  const controller::StreamFetchResult r =
-      controller::fetchStream(pipeline, fo, -1);
+  const controller::StreamFetchResult r = controller::fetchStream(pipeline, fo, -1);
   out.seconds = nowSeconds() - started;
   if (r.status != FetchStatus::DONE || !r.endOfStream) {
-    error = std::string("READ loop: ") + controller::statusText(r.status) +
-            " " + r.error;
+    error = std::string("READ loop: ") + controller::statusText(r.status) + " " + r.error;
     return false;
   }
   out.bytes = r.bytes;
@@ -203,23 +189,21 @@ bool fetchThroughWorker(const Programs &programs, const std::string &url,
   return endSession(session, pipeline, error);
 }
 
-bool fetchWithLibmms(const Programs &programs, const std::string &url,
-                     int count, const Launcher &launcher, FetchRun &out,
-                     std::string &error) {
+bool fetchWithLibmms(const Programs& programs, const std::string& url, int count,
+                     const Launcher& launcher, FetchRun& out, std::string& error) {
   double wall = 0;
   std::vector<std::string> lines;
-  if (!runChild(
-          launcher, programs.libmmsFetch,
-          {url, "/dev/null", "--read-size", std::to_string(count), "--stats"},
-          wall, lines, error)) {
+  if (!runChild(launcher, programs.libmmsFetch,
+                {url, "/dev/null", "--read-size", std::to_string(count), "--stats"}, wall, lines,
+                error)) {
     return false;
   }
-  for (const std::string &l : lines) {
+  for (const std::string& l : lines) {
     unsigned long long bytes = 0;
     double seconds = 0;
     long rss = -1;
-    if (sscanf(l.c_str(), "stats bytes %llu elapsed %lf peak-rss %ld", &bytes,
-               &seconds, &rss) == 3) {
+    if (sscanf(l.c_str(), "stats bytes %llu elapsed %lf peak-rss %ld", &bytes, &seconds, &rss) ==
+        3) {
       out.bytes = bytes;
       out.seconds = seconds;
       out.peakRssKiB = rss;
@@ -230,20 +214,18 @@ bool fetchWithLibmms(const Programs &programs, const std::string &url,
   return false;
 }
 
-bool fetchWithFfmpeg(const Programs &programs, const std::string &url,
-                     FetchRun &out, std::string &error) {
+bool fetchWithFfmpeg(const Programs& programs, const std::string& url, FetchRun& out,
+                     std::string& error) {
   std::vector<std::string> lines;
   return runChild({}, programs.ffmpeg,
-                  {"-nostdin", "-hide_banner", "-loglevel", "error", "-y", "-i",
-                   url, "-map", "0", "-c", "copy", "-f", "asf", "/dev/null"},
+                  {"-nostdin", "-hide_banner", "-loglevel", "error", "-y", "-i", url, "-map", "0",
+                   "-c", "copy", "-f", "asf", "/dev/null"},
                   out.seconds, lines, error);
 }
 
-bool ccheckRoundTrip(const Programs &programs, int calls, double &seconds,
-                     std::string &error) {
+bool ccheckRoundTrip(const Programs& programs, int calls, double& seconds, std::string& error) {
   WorkerSession session;
-  if (!startSession(session, programs, {}, error))
-    return false;
+  if (!startSession(session, programs, {}, error)) return false;
   controller::Reply reply;
   const double started = nowSeconds();
   for (int i = 0; i < calls; ++i) {
@@ -267,8 +249,7 @@ bool selectFor(int fd, bool write) {
   FD_ZERO(&set);
   FD_SET(fd, &set);
   timeval tv{5, 0};
-  return select(fd + 1, write ? nullptr : &set, write ? &set : nullptr, nullptr,
-                &tv) == 1;
+  return select(fd + 1, write ? nullptr : &set, write ? &set : nullptr, nullptr, &tv) == 1;
 }
 
 // The least a peer can do per request: read one frame of the known size,
@@ -276,7 +257,7 @@ bool selectFor(int fd, bool write) {
 // A forked child, so that each round trip crosses two processes as it does
 // with the worker. Ends when the other side closes; reaped on destruction.
 class RawPeer {
-public:
+ public:
   RawPeer(UniqueFd fd, size_t requestLen, Packet reply) {
     std::vector<char> request(requestLen);
     pid_ = fork();
@@ -287,36 +268,29 @@ public:
   }
   ~RawPeer() {
     int status;
-    if (pid_ > 0)
-      waitpid(pid_, &status, 0);
+    if (pid_ > 0) waitpid(pid_, &status, 0);
   }
-  RawPeer(const RawPeer &) = delete;
-  RawPeer &operator=(const RawPeer &) = delete;
+  RawPeer(const RawPeer&) = delete;
+  RawPeer& operator=(const RawPeer&) = delete;
 
   bool started() const { return pid_ > 0; }
 
-private:
-  static void serve(int fd, std::vector<char> &request, Packet &reply) {
+ private:
+  static void serve(int fd, std::vector<char>& request, Packet& reply) {
     for (;;) {
       size_t have = 0;
       while (have < request.size()) {
-        if (!selectFor(fd, false))
-          return;
-        const ssize_t n =
-            read(fd, request.data() + have, request.size() - have);
-        if (n <= 0)
-          return;
+        if (!selectFor(fd, false)) return;
+        const ssize_t n = read(fd, request.data() + have, request.size() - have);
+        if (n <= 0) return;
         have += static_cast<size_t>(n);
       }
-      reply[FRAME_START_LEN + HEADER_ECHO] =
-          request[FRAME_START_LEN + HEADER_ECHO];
+      reply[FRAME_START_LEN + HEADER_ECHO] = request[FRAME_START_LEN + HEADER_ECHO];
       size_t sent = 0;
       while (sent < reply.size()) {
-        if (!selectFor(fd, true))
-          return;
+        if (!selectFor(fd, true)) return;
         const ssize_t n = write(fd, reply.data() + sent, reply.size() - sent);
-        if (n <= 0)
-          return;
+        if (n <= 0) return;
         sent += static_cast<size_t>(n);
       }
     }
@@ -325,14 +299,13 @@ private:
   pid_t pid_ = -1;
 };
 
-} // namespace
+}  // namespace
 
-bool rawRoundTrip(int calls, double &seconds, std::string &error) {
+bool rawRoundTrip(int calls, double& seconds, std::string& error) {
   // The frames the worker would see and send, made by the worker's codec.
   Packet request;
   ParamList parsed;
-  if (!controller::encodeRequest(controller::Request::command("CCHECK", 1),
-                                 request) ||
+  if (!controller::encodeRequest(controller::Request::command("CCHECK", 1), request) ||
       parsePacket(request, parsed) != RESULT_OK) {
     error = "cannot build the CCHECK frames";
     return false;
@@ -348,7 +321,7 @@ bool rawRoundTrip(int calls, double &seconds, std::string &error) {
   UniqueFd peerEnd(fds[1]);
   controller::ControllerConnection connection{UniqueFd(fds[0])};
   RawPeer peer(std::move(peerEnd), request.size(),
-               reply); // closes its copy here
+               reply);  // closes its copy here
   if (!peer.started()) {
     error = std::string("fork: ") + strerror(errno);
     connection.close();
@@ -367,24 +340,21 @@ bool rawRoundTrip(int calls, double &seconds, std::string &error) {
     }
   }
   seconds = (nowSeconds() - started) / calls;
-  connection.close(); // the peer sees the end and exits
+  connection.close();  // the peer sees the end and exits
   return true;
 }
 
-bool workerStartup(const Programs &programs, double &seconds,
-                   std::string &error) {
+bool workerStartup(const Programs& programs, double& seconds, std::string& error) {
   WorkerSession session;
   const double started = nowSeconds();
-  if (!startSession(session, programs, {}, error))
-    return false;
+  if (!startSession(session, programs, {}, error)) return false;
   seconds = nowSeconds() - started;
   controller::PipelineOptions po;
   controller::RequestPipeline pipeline(session.connection(), po);
   return endSession(session, pipeline, error);
 }
 
-bool processStartup(const std::string &reference, double &seconds,
-                    std::string &error) {
+bool processStartup(const std::string& reference, double& seconds, std::string& error) {
   WorkerProcess child;
   const double started = nowSeconds();
   if (!child.start(reference)) {
@@ -400,4 +370,4 @@ bool processStartup(const std::string &reference, double &seconds,
   return true;
 }
 
-} // namespace bench
+}  // namespace bench

@@ -49,29 +49,29 @@ struct Settings {
   int window = 4;
 };
 
-const char *transportName(Transport t) {
+const char* transportName(Transport t) {
   return t == Transport::MMSH ? "MMSH" : "MMST";
 }
 
 // mmst:// for ffmpeg, which does not take the mms:// name.
-std::string ffmpegUrl(const std::string &url) {
+std::string ffmpegUrl(const std::string& url) {
   return url.compare(0, 6, "mms://") == 0 ? "mmst://" + url.substr(6) : url;
 }
 
-std::string fmt(const char *format, double v) {
+std::string fmt(const char* format, double v) {
   char buf[64];
   snprintf(buf, sizeof buf, format, v);
   return buf;
 }
 
 // "123.4 ±2 %"
-std::string withSpread(const Samples &s, const char *format) {
+std::string withSpread(const Samples& s, const char* format) {
   return fmt(format, s.median()) + " ±" + fmt("%.0f", s.spread() * 100) + " %";
 }
 
 // Ends the run through main, so that every child is killed and reaped on
 // the way out.
-[[noreturn]] void die(const std::string &what) {
+[[noreturn]] void die(const std::string& what) {
   throw std::runtime_error(what);
 }
 
@@ -83,48 +83,45 @@ struct Servers {
 
   explicit Servers(int megabytes) {
     std::string error;
-    if (!parseAsf(generateAsf(static_cast<uint64_t>(megabytes) << 20), file,
-                  error))
+    if (!parseAsf(generateAsf(static_cast<uint64_t>(megabytes) << 20), file, error))
       die("generated stream: " + error);
-    streamBytes =
-        file.header.size() + uint64_t(file.packets.size()) * file.packetSize;
+    streamBytes = file.header.size() + uint64_t(file.packets.size()) * file.packetSize;
     ServerOptions o;
     o.transport = Transport::MMSH;
     mmsh.reset(new MmsTestServer(file, o));
     o.transport = Transport::MMST;
     mmst.reset(new MmsTestServer(file, o));
-    if (!mmsh->start(error) || !mmst->start(error))
-      die("test server: " + error);
+    if (!mmsh->start(error) || !mmst->start(error)) die("test server: " + error);
   }
   std::string url(Transport t) const {
     return (t == Transport::MMSH ? mmsh : mmst)->url("generated.asf");
   }
 };
 
-void checkBytes(const FetchRun &run, uint64_t expected,
-                const std::string &who) {
+void checkBytes(const FetchRun& run, uint64_t expected, const std::string& who) {
   if (run.bytes != expected)
     die(who + " delivered " + std::to_string(run.bytes) + " bytes, not " +
         std::to_string(expected));
 }
 
-double mbps(const FetchRun &r) { return r.bytes / r.seconds / 1e6; }
+double mbps(const FetchRun& r) {
+  return r.bytes / r.seconds / 1e6;
+}
 
 struct Report {
   std::ostringstream md;
-  void line(const std::string &s) { md << s << "\n"; }
+  void line(const std::string& s) { md << s << "\n"; }
 };
 
 // 1. Throughput against the READ count.
-void throughput(const Settings &s, const bench::Programs &programs,
-                Report &report) {
+void throughput(const Settings& s, const bench::Programs& programs, Report& report) {
   Servers servers(s.streamMb);
   const Transport transports[] = {Transport::MMSH, Transport::MMST};
   // [transport][contender][count]
   std::map<std::string, Samples> mb;
   std::map<std::string, Samples> rss;
-  const std::vector<std::string> contenders{
-      "worker w1", "worker w" + std::to_string(s.window), "libmms"};
+  const std::vector<std::string> contenders{"worker w1", "worker w" + std::to_string(s.window),
+                                            "libmms"};
   for (int round = 0; round < s.rounds; ++round) {
     for (Transport t : transports) {
       const std::string url = servers.url(t);
@@ -139,54 +136,48 @@ void throughput(const Settings &s, const bench::Programs &programs,
           if (c == 2) {
             ok = bench::fetchWithLibmms(programs, url, count, {}, run, error);
           } else {
-            ok = bench::fetchThroughWorker(
-                programs, url, count, c == 0 ? 1 : s.window, {}, run, error);
+            ok = bench::fetchThroughWorker(programs, url, count, c == 0 ? 1 : s.window, {}, run,
+                                           error);
           }
-          if (!ok)
-            die(contenders[c] + " " + tn + ": " + error);
+          if (!ok) die(contenders[c] + " " + tn + ": " + error);
           checkBytes(run, servers.streamBytes, contenders[c] + " " + tn);
-          const std::string key =
-              tn + "|" + contenders[c] + "|" + std::to_string(count);
+          const std::string key = tn + "|" + contenders[c] + "|" + std::to_string(count);
           mb[key].add(mbps(run));
           rss[key].add(static_cast<double>(run.peakRssKiB));
         }
       }
       FetchRun run;
       std::string error;
-      if (!bench::fetchWithFfmpeg(programs, ffmpegUrl(url), run, error))
-        die("ffmpeg: " + error);
+      if (!bench::fetchWithFfmpeg(programs, ffmpegUrl(url), run, error)) die("ffmpeg: " + error);
       run.bytes = servers.streamBytes;
       mb[tn + "|ffmpeg"].add(mbps(run));
     }
-    std::cerr << "throughput round " << round + 1 << "/" << s.rounds << " done"
-              << std::endl;
+    std::cerr << "throughput round " << round + 1 << "/" << s.rounds << " done" << std::endl;
   }
 
   report.line("### Throughput, MB/s (10^6 bytes/s), stream of " +
-              fmt("%.1f", servers.streamBytes / 1048576.0) + " MiB, " +
-              std::to_string(s.rounds) + " rounds");
+              fmt("%.1f", servers.streamBytes / 1048576.0) + " MiB, " + std::to_string(s.rounds) +
+              " rounds");
   report.line("");
-  report.line(
-      "| transport | READ count | worker, 1 in flight | worker, window " +
-      std::to_string(s.window) +
-      " | libmms direct | window / libmms | 1 in flight / libmms |");
+  report.line("| transport | READ count | worker, 1 in flight | worker, window " +
+              std::to_string(s.window) +
+              " | libmms direct | window / libmms | 1 in flight / libmms |");
   report.line("|---|---:|---:|---:|---:|---:|---:|");
   for (Transport t : transports) {
     const std::string tn = transportName(t);
     for (int count : s.counts) {
       const std::string suffix = "|" + std::to_string(count);
-      const Samples &w1 = mb[tn + "|worker w1" + suffix];
-      const Samples &wn = mb[tn + "|" + contenders[1] + suffix];
-      const Samples &lm = mb[tn + "|libmms" + suffix];
-      report.line("| " + tn + " | " + std::to_string(count) + " | " +
-                  withSpread(w1, "%.0f") + " | " + withSpread(wn, "%.0f") +
-                  " | " + withSpread(lm, "%.0f") + " | " +
+      const Samples& w1 = mb[tn + "|worker w1" + suffix];
+      const Samples& wn = mb[tn + "|" + contenders[1] + suffix];
+      const Samples& lm = mb[tn + "|libmms" + suffix];
+      report.line("| " + tn + " | " + std::to_string(count) + " | " + withSpread(w1, "%.0f") +
+                  " | " + withSpread(wn, "%.0f") + " | " + withSpread(lm, "%.0f") + " | " +
                   fmt("%.3f", wn.median() / lm.median()) + " | " +
                   fmt("%.3f", w1.median() / lm.median()) + " |");
     }
-    const Samples &ff = mb[tn + "|ffmpeg"];
-    report.line("| " + tn + " | ffmpeg -c copy | | | " +
-                withSpread(ff, "%.0f") + " (whole process) | | |");
+    const Samples& ff = mb[tn + "|ffmpeg"];
+    report.line("| " + tn + " | ffmpeg -c copy | | | " + withSpread(ff, "%.0f") +
+                " (whole process) | | |");
   }
   report.line("");
 
@@ -195,20 +186,18 @@ void throughput(const Settings &s, const bench::Programs &programs,
   std::ofstream dat(s.outDir + "/throughput.dat");
   for (Transport t : transports) {
     const std::string tn = transportName(t);
-    for (const std::string &c : contenders) {
+    for (const std::string& c : contenders) {
       dat << "\"" << tn << ", " << c << "\" median min max\n";
       for (int count : s.counts) {
-        const Samples &x = mb[tn + "|" + c + "|" + std::to_string(count)];
-        dat << count << " " << x.median() << " " << x.min() << " " << x.max()
-            << "\n";
+        const Samples& x = mb[tn + "|" + c + "|" + std::to_string(count)];
+        dat << count << " " << x.median() << " " << x.min() << " " << x.max() << "\n";
       }
       dat << "\n\n";
     }
-    const Samples &ff = mb[tn + "|ffmpeg"];
+    const Samples& ff = mb[tn + "|ffmpeg"];
     dat << "\"" << tn << ", ffmpeg (any count)\" median min max\n";
     for (int count : s.counts)
-      dat << count << " " << ff.median() << " " << ff.min() << " " << ff.max()
-          << "\n";
+      dat << count << " " << ff.median() << " " << ff.min() << " " << ff.max() << "\n";
     dat << "\n\n";
   }
 
@@ -224,43 +213,38 @@ void throughput(const Settings &s, const bench::Programs &programs,
     const std::string tn = transportName(t);
     const double w = rss[tn + "|" + contenders[1] + big].median();
     const double l = rss[tn + "|libmms" + big].median();
-    report.line("| " + tn + " | " + fmt("%.0f", w) + " KiB | " +
-                fmt("%.0f", l) + " KiB | " + fmt("%+.0f", w - l) + " KiB |");
+    report.line("| " + tn + " | " + fmt("%.0f", w) + " KiB | " + fmt("%.0f", l) + " KiB | " +
+                fmt("%+.0f", w - l) + " KiB |");
   }
   report.line("");
 }
 
 // 2. Command round trip.
-void roundTrip(const Settings &s, const bench::Programs &programs,
-               Report &report) {
+void roundTrip(const Settings& s, const bench::Programs& programs, Report& report) {
   Samples worker, raw;
   for (int round = 0; round < s.rttRounds; ++round) {
     for (int k = 0; k < 2; ++k) {
       double sec = 0;
       std::string error;
       if ((k + round) % 2 == 0) {
-        if (!bench::ccheckRoundTrip(programs, s.calls, sec, error))
-          die(error);
+        if (!bench::ccheckRoundTrip(programs, s.calls, sec, error)) die(error);
         worker.add(sec * 1e6);
       } else {
-        if (!bench::rawRoundTrip(s.calls, sec, error))
-          die(error);
+        if (!bench::rawRoundTrip(s.calls, sec, error)) die(error);
         raw.add(sec * 1e6);
       }
     }
   }
-  report.line("### Command round trip, " + std::to_string(s.calls) +
-              " calls x " + std::to_string(s.rttRounds) + " rounds");
+  report.line("### Command round trip, " + std::to_string(s.calls) + " calls x " +
+              std::to_string(s.rttRounds) + " rounds");
   report.line("");
   report.line("| exchange | µs per round trip | calls/s |");
   report.line("|---|---:|---:|");
-  report.line("| CCHECK through the worker | " + withSpread(worker, "%.2f") +
-              " | " + fmt("%.0f", 1e6 / worker.median()) + " |");
-  report.line(
-      "| raw socket peer, same frame sizes, select before each read/write | " +
-      withSpread(raw, "%.2f") + " | " + fmt("%.0f", 1e6 / raw.median()) + " |");
-  report.line("| ratio worker / raw | " +
-              fmt("%.3f", worker.median() / raw.median()) + " | |");
+  report.line("| CCHECK through the worker | " + withSpread(worker, "%.2f") + " | " +
+              fmt("%.0f", 1e6 / worker.median()) + " |");
+  report.line("| raw socket peer, same frame sizes, select before each read/write | " +
+              withSpread(raw, "%.2f") + " | " + fmt("%.0f", 1e6 / raw.median()) + " |");
+  report.line("| ratio worker / raw | " + fmt("%.3f", worker.median() / raw.median()) + " | |");
   report.line("");
 }
 
@@ -268,27 +252,27 @@ void roundTrip(const Settings &s, const bench::Programs &programs,
 const std::string BIG = std::to_string(1 << 30);
 
 // Total instructions (Ir) from a callgrind output file.
-double callgrindTotal(const std::string &path) {
+double callgrindTotal(const std::string& path) {
   std::ifstream in(path);
   std::string line;
   double total = -1;
   while (std::getline(in, line)) {
-    if (line.compare(0, 8, "summary:") == 0 ||
-        line.compare(0, 7, "totals:") == 0)
+    if (line.compare(0, 8, "summary:") == 0 || line.compare(0, 7, "totals:") == 0)
       total = atof(line.substr(line.find(':') + 1).c_str());
   }
   return total;
 }
 
 // 3. Instructions per streamed MB.
-void cost(const Settings &s, const bench::Programs &programs, Report &report) {
+void cost(const Settings& s, const bench::Programs& programs, Report& report) {
   Servers servers(s.costMb);
   const double mib = servers.streamBytes / 1048576.0;
   const int count = s.counts.back();
-  report.line("### Instructions per streamed MiB (callgrind, whole process, "
-              "stream of " +
-              fmt("%.1f", mib) + " MiB, READ count " + std::to_string(count) +
-              ", window " + std::to_string(s.window) + ")");
+  report.line(
+      "### Instructions per streamed MiB (callgrind, whole process, "
+      "stream of " +
+      fmt("%.1f", mib) + " MiB, READ count " + std::to_string(count) + ", window " +
+      std::to_string(s.window) + ")");
   report.line("");
   report.line("| transport | worker | libmms direct | ratio |");
   report.line("|---|---:|---:|---:|");
@@ -300,62 +284,55 @@ void cost(const Settings &s, const bench::Programs &programs, Report &report) {
     // as one instruction, so glibc's "rep movsb" and "rep stosb" for large
     // blocks would cost a byte an instruction. Both contenders run with those
     // paths off, and copies are counted as the vector loops they become.
-    auto launcher = [](const std::string &file) {
-      return bench::Launcher{
-          "env",
-          "GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=" + BIG +
-              ":glibc.cpu.x86_rep_stosb_threshold=" + BIG,
-          "valgrind", "--tool=callgrind", "--callgrind-out-file=" + file};
+    auto launcher = [](const std::string& file) {
+      return bench::Launcher{"env",
+                             "GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=" + BIG +
+                                 ":glibc.cpu.x86_rep_stosb_threshold=" + BIG,
+                             "valgrind", "--tool=callgrind", "--callgrind-out-file=" + file};
     };
     FetchRun run;
     std::string error;
-    if (!bench::fetchThroughWorker(programs, servers.url(t), count, s.window,
-                                   launcher(wFile), run, error))
+    if (!bench::fetchThroughWorker(programs, servers.url(t), count, s.window, launcher(wFile), run,
+                                   error))
       die("worker under callgrind: " + error);
     checkBytes(run, servers.streamBytes, "worker under callgrind");
-    if (!bench::fetchWithLibmms(programs, servers.url(t), count,
-                                launcher(lFile), run, error))
+    if (!bench::fetchWithLibmms(programs, servers.url(t), count, launcher(lFile), run, error))
       die("libmms-fetch under callgrind: " + error);
     checkBytes(run, servers.streamBytes, "libmms-fetch under callgrind");
-    const double w = callgrindTotal(wFile) / mib,
-                 l = callgrindTotal(lFile) / mib;
-    report.line("| " + tn + " | " + fmt("%.3g", w) + " | " + fmt("%.3g", l) +
-                " | " + fmt("%.3f", w / l) + " |");
+    const double w = callgrindTotal(wFile) / mib, l = callgrindTotal(lFile) / mib;
+    report.line("| " + tn + " | " + fmt("%.3g", w) + " | " + fmt("%.3g", l) + " | " +
+                fmt("%.3f", w / l) + " |");
   }
   report.line("");
 }
 
 // 4b. Start-up and size.
-void startupAndSize(const Settings &s, const bench::Programs &programs,
-                    Report &report) {
+void startupAndSize(const Settings& s, const bench::Programs& programs, Report& report) {
   Samples worker, reference;
   for (int round = 0; round < 2 * s.rttRounds; ++round) {
     double sec = 0;
     std::string error;
-    if (!bench::workerStartup(programs, sec, error))
-      die(error);
+    if (!bench::workerStartup(programs, sec, error)) die(error);
     worker.add(sec * 1e3);
-    if (!bench::processStartup(programs.libmmsFetch, sec, error))
-      die(error);
+    if (!bench::processStartup(programs.libmmsFetch, sec, error)) die(error);
     reference.add(sec * 1e3);
   }
   const std::string stripped = s.outDir + "/halvarine.stripped";
   controller::WorkerProcess strip;
   controller::ExitStatus st;
   struct stat sb;
-  if (!strip.start("strip", {"-o", stripped, programs.worker}) ||
-      !strip.waitExit(30, st) || stat(stripped.c_str(), &sb) != 0)
+  if (!strip.start("strip", {"-o", stripped, programs.worker}) || !strip.waitExit(30, st) ||
+      stat(stripped.c_str(), &sb) != 0)
     die("strip failed: " + strip.error());
   unlink(stripped.c_str());
   report.line("### Start-up and size");
   report.line("");
   report.line("| measure | value |");
   report.line("|---|---:|");
-  report.line("| worker start: exec to the controller's accept | " +
-              withSpread(worker, "%.2f") + " ms |");
-  report.line(
-      "| reference: fork, exec and exit of libmms-fetch (usage error) | " +
-      withSpread(reference, "%.2f") + " ms |");
+  report.line("| worker start: exec to the controller's accept | " + withSpread(worker, "%.2f") +
+              " ms |");
+  report.line("| reference: fork, exec and exit of libmms-fetch (usage error) | " +
+              withSpread(reference, "%.2f") + " ms |");
   report.line("| stripped worker binary (this build, x86-64) | " +
               std::to_string(static_cast<long long>(sb.st_size)) + " bytes |");
   report.line("");
@@ -371,22 +348,20 @@ std::string loadAverage() {
 }
 
 void usage() {
-  std::cerr
-      << "usage: halvarine-bench [--quick] [--out DIR] [--rounds N] [--mb N]\n"
-         "         [--cost-mb N] [--calls N] [--only PARTS]\n";
+  std::cerr << "usage: halvarine-bench [--quick] [--out DIR] [--rounds N] [--mb N]\n"
+               "         [--cost-mb N] [--calls N] [--only PARTS]\n";
   exit(2);
 }
 
-} // namespace
+}  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   keepReplyBuffersResident();
   Settings s;
   bench::Programs programs;
   programs.worker = controller::workerFromEnvironment();
-  if (programs.worker.empty())
-    programs.worker = HALVARINE_BENCH_WORKER;
+  if (programs.worker.empty()) programs.worker = HALVARINE_BENCH_WORKER;
   programs.libmmsFetch = HALVARINE_BENCH_LIBMMS_FETCH;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
@@ -415,30 +390,24 @@ int main(int argc, char **argv) {
       usage();
     }
   }
-  if (s.rounds < 1 || s.streamMb < 1 || s.costMb < 1 || s.calls < 1)
-    usage();
+  if (s.rounds < 1 || s.streamMb < 1 || s.costMb < 1 || s.calls < 1) usage();
   mkdir(s.outDir.c_str(), 0755);
 
   const std::string parts = "," + s.only + ",";
-  auto wanted = [&](const char *part) {
+  auto wanted = [&](const char* part) {
     return parts.find("," + std::string(part) + ",") != std::string::npos;
   };
   Report report;
   try {
-    report.line("Worker: " +
-                programs.worker.substr(programs.worker.find_last_of('/') + 1) +
+    report.line("Worker: " + programs.worker.substr(programs.worker.find_last_of('/') + 1) +
                 "; load average at the start: " + loadAverage());
     report.line("");
-    if (wanted("throughput"))
-      throughput(s, programs, report);
-    if (wanted("roundtrip"))
-      roundTrip(s, programs, report);
-    if (wanted("cost"))
-      cost(s, programs, report);
-    if (wanted("startup"))
-      startupAndSize(s, programs, report);
+    if (wanted("throughput")) throughput(s, programs, report);
+    if (wanted("roundtrip")) roundTrip(s, programs, report);
+    if (wanted("cost")) cost(s, programs, report);
+    if (wanted("startup")) startupAndSize(s, programs, report);
     report.line("Load average at the end: " + loadAverage());
-  } catch (const std::exception &e) {
+  } catch (const std::exception& e) {
     std::cerr << "halvarine-bench: " << e.what() << std::endl;
     return 1;
   }

@@ -14,12 +14,13 @@
 
 #include <stddef.h>
 #include <stdint.h>
+
 #include <string>
 #include <vector>
 
 #include "channel/result_code.h"
 
-typedef std::string Packet;               // one whole frame
+typedef std::string Packet;  // one whole frame
 typedef std::vector<std::string> ParamList;
 
 static const unsigned char FRAME_SYN = 0x16;
@@ -28,22 +29,22 @@ static const unsigned char FRAME_ETX = 0x03;
 static const unsigned char FIELD_END = 0x0A;
 static const unsigned char COUNTED_FIELD_MARK = 0x00;
 
-static const size_t FRAME_START_LEN = 3;      // SYN SYN STX
+static const size_t FRAME_START_LEN = 3;  // SYN SYN STX
 static const size_t FRAME_HEADER_LEN = 9;
 static const size_t FRAME_BODY_OFFSET = FRAME_START_LEN + FRAME_HEADER_LEN;  // 12
 static const size_t FRAME_OVERHEAD = FRAME_BODY_OFFSET + 1;                  // 13
 static const size_t FRAME_LENGTH_OFFSET = 9;  // body length, big-endian, from frame start
 static const size_t FRAME_MAX_BODY = 0xFFFF;
-static const size_t FRAME_MAX_LEN = FRAME_MAX_BODY + FRAME_OVERHEAD;        // 65548
+static const size_t FRAME_MAX_LEN = FRAME_MAX_BODY + FRAME_OVERHEAD;  // 65548
 
 // Header bytes, counted from the header's first byte (frame offset - 3).
-static const size_t HEADER_CHECKSUM = 1;   // 2 bytes, big-endian
-static const size_t HEADER_KIND = 3;       // 'R' in replies
-static const size_t HEADER_ECHO = 4;       // copied from the request
-static const size_t HEADER_LENGTH = 6;     // 2 bytes, big-endian
+static const size_t HEADER_CHECKSUM = 1;  // 2 bytes, big-endian
+static const size_t HEADER_KIND = 3;      // 'R' in replies
+static const size_t HEADER_ECHO = 4;      // copied from the request
+static const size_t HEADER_LENGTH = 6;    // 2 bytes, big-endian
 static const unsigned char REPLY_KIND = 'R';
 
-static const size_t COUNTED_PREFIX_LEN = 4;   // 0x00, L high, L low, 0x00
+static const size_t COUNTED_PREFIX_LEN = 4;  // 0x00, L high, L low, 0x00
 
 // Big-endian 16-bit wire values: the only way this code reads or writes them.
 inline uint16_t getBe16(const unsigned char* p) {
@@ -64,8 +65,7 @@ void appendBody(const ParamList& params, std::string& body);
 // Builds a whole frame around `body` with the given 9 header bytes, filling
 // in the checksum and the length. Returns false, leaving `out` untouched,
 // when the body does not fit the 16-bit length field.
-bool frameBody(const unsigned char header[FRAME_HEADER_LEN],
-               const std::string& body, Packet& out);
+bool frameBody(const unsigned char header[FRAME_HEADER_LEN], const std::string& body, Packet& out);
 
 // Reply frame from a list whose element 0 is the request's header.
 // 0: `out` holds the frame.

@@ -34,11 +34,8 @@ WaitResult waitFd(int fd, WaitFor what, int seconds) {
     // while it was blocked is taken here and nowhere else.
     const int rc = pselect(fd + 1, readSet, writeSet, nullptr, &timeout,
                            g_haveWaitMask ? &g_waitMask : nullptr);
-    if (rc < 0)
-      return WAIT_ERROR;
-    if (rc == 0)
-      return WAIT_TIMEOUT;
-    if (FD_ISSET(fd, &set))
-      return WAIT_READY;
+    if (rc < 0) return WAIT_ERROR;
+    if (rc == 0) return WAIT_TIMEOUT;
+    if (FD_ISSET(fd, &set)) return WAIT_READY;
   }
 }

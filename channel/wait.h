@@ -7,9 +7,9 @@
 enum WaitFor { WAIT_READABLE, WAIT_WRITABLE };
 
 enum WaitResult {
-  WAIT_READY = 1,     // the descriptor is ready
-  WAIT_TIMEOUT = 0,   // `seconds` passed without readiness
-  WAIT_ERROR = -1     // the wait itself failed; errno tells why
+  WAIT_READY = 1,    // the descriptor is ready
+  WAIT_TIMEOUT = 0,  // `seconds` passed without readiness
+  WAIT_ERROR = -1    // the wait itself failed; errno tells why
 };
 
 // Waits up to `seconds` (whole seconds, 0 microseconds) for `fd`.

@@ -5,11 +5,9 @@
 #include "mms/wrapper_mms.h"
 
 ResultCode commandConnect(const ParamList& request) {
-  if (!acceptRequest(request, 3, "CONNECT"))
-    return COMMAND_REFUSED;
+  if (!acceptRequest(request, 3, "CONNECT")) return COMMAND_REFUSED;
   const std::string url = request[2];
-  std::cerr << "[commandConnect()] command size : " << request[1].size()
-            << std::endl;
+  std::cerr << "[commandConnect()] command size : " << request[1].size() << std::endl;
   ParamList reply = startReply(request);
 
   // Replacing the only owner destroys the old object, which closes its
@@ -17,8 +15,7 @@ ResultCode commandConnect(const ParamList& request) {
   // outcome of this connect.
   g_wrapperMms.reset(new WrapperMms(url));
   const ResultCode rc = g_wrapperMms->connect();
-  std::cerr << "[commandConnect()] MMS connect server!! : "
-            << static_cast<int>(rc) << std::endl;
+  std::cerr << "[commandConnect()] MMS connect server!! : " << static_cast<int>(rc) << std::endl;
 
   reply.push_back(rc == RESULT_OK ? STATUS_OK : STATUS_ERR);
   return sendReply(reply);

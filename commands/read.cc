@@ -15,10 +15,8 @@ const size_t COUNT_FIELD_LEN = 8;
 }  // namespace
 
 ResultCode commandRead(const ParamList& request) {
-  if (!acceptRequest(request, 3, "READ"))
-    return COMMAND_REFUSED;
-  if (request[2].size() != COUNT_FIELD_LEN)
-    return COMMAND_REFUSED;
+  if (!acceptRequest(request, 3, "READ")) return COMMAND_REFUSED;
+  if (request[2].size() != COUNT_FIELD_LEN) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
   if (!g_wrapperMms || !g_wrapperMms->isConnected()) {
     reply.push_back(STATUS_ERR);
@@ -39,8 +37,7 @@ ResultCode commandRead(const ParamList& request) {
     // the only copy of the data.
     std::string buffer(static_cast<size_t>(count) + COUNTED_PREFIX_LEN, '\0');
     int n = 0;
-    const ResultCode rc =
-        g_wrapperMms->read(&buffer[COUNTED_PREFIX_LEN], count, n);
+    const ResultCode rc = g_wrapperMms->read(&buffer[COUNTED_PREFIX_LEN], count, n);
     // A count the library reports outside 1..count (a negative error value
     // passed through as a count) cannot describe bytes in the buffer.
     if (rc == RESULT_OK && n > 0 && n <= count) {

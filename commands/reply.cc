@@ -8,8 +8,7 @@ const char STATUS_OK[] = "OK_";
 const char STATUS_ERR[] = "ERR";
 const char STATUS_EOF[] = "EOF";
 
-bool acceptRequest(const ParamList& request, size_t minElements,
-                   const char* literal) {
+bool acceptRequest(const ParamList& request, size_t minElements, const char* literal) {
   return request.size() >= minElements && request.size() >= 2 &&
          boost::algorithm::starts_with(request[1], literal);
 }

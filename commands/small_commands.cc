@@ -13,8 +13,7 @@ namespace {
 
 // A bare acknowledgement; the loop does any work that follows it.
 ResultCode acknowledge(const ParamList& request, const char* literal) {
-  if (!acceptRequest(request, 2, literal))
-    return COMMAND_REFUSED;
+  if (!acceptRequest(request, 2, literal)) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
   reply.push_back(STATUS_OK);
   return sendReply(reply);
@@ -31,23 +30,20 @@ ResultCode commandPend(const ParamList& request) {
 }
 
 ResultCode commandClose(const ParamList& request) {
-  if (!acceptRequest(request, 2, "CLOSE"))
-    return COMMAND_REFUSED;
+  if (!acceptRequest(request, 2, "CLOSE")) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
   if (!g_wrapperMms || !g_wrapperMms->isConnected()) {
-    reply.push_back(STATUS_OK);   // nothing to close
+    reply.push_back(STATUS_OK);  // nothing to close
   } else {
     const ResultCode rc = g_wrapperMms->close();
-    std::cerr << "[commandClose()] MMS close!! : " << static_cast<int>(rc)
-              << std::endl;
+    std::cerr << "[commandClose()] MMS close!! : " << static_cast<int>(rc) << std::endl;
     reply.push_back(rc == RESULT_OK ? STATUS_OK : STATUS_ERR);
   }
   return sendReply(reply);
 }
 
 ResultCode commandGsize(const ParamList& request) {
-  if (!acceptRequest(request, 2, "GSIZE"))
-    return COMMAND_REFUSED;
+  if (!acceptRequest(request, 2, "GSIZE")) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
   if (!g_wrapperMms || !g_wrapperMms->isConnected()) {
     reply.push_back(STATUS_ERR);
@@ -55,8 +51,7 @@ ResultCode commandGsize(const ParamList& request) {
   }
   uint32_t length = 0;
   const ResultCode rc = g_wrapperMms->getLength(length);
-  std::cerr << "[commandGsize()] MMS get size!! : " << static_cast<int>(rc)
-            << std::endl;
+  std::cerr << "[commandGsize()] MMS get size!! : " << static_cast<int>(rc) << std::endl;
   if (rc != RESULT_OK) {
     reply.push_back(STATUS_ERR);
   } else {

@@ -1,3 +1,5 @@
 #include "core/process.h"
 
-int main() { return runProcess(); }
+int main() {
+  return runProcess();
+}

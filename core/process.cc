@@ -37,8 +37,7 @@ bool installTerminationHandler() {
   action.sa_handler = onTerminate;
   action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
-  if (sigaction(SIGTERM, &action, nullptr) != 0)
-    return false;
+  if (sigaction(SIGTERM, &action, nullptr) != 0) return false;
 
   // Hold SIGTERM everywhere but in the readiness wait. A SIGTERM that comes
   // while the process works is taken at its next wait, which every request
@@ -68,12 +67,10 @@ int runProcess() {
   struct sockaddr_un address;
   memset(&address, 0, sizeof address);
   address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, CONTROLLER_SOCKET_PATH,
-         sizeof CONTROLLER_SOCKET_PATH);
+  memcpy(address.sun_path, CONTROLLER_SOCKET_PATH, sizeof CONTROLLER_SOCKET_PATH);
   // The whole address structure, not the path's length: the controller
   // binds the same way.
-  if (connect(g_controlFd, reinterpret_cast<const sockaddr*>(&address),
-              sizeof address) < 0) {
+  if (connect(g_controlFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
     const int err = errno;
     std::cerr << "[Halvarine] connect fail! errno=" << err << std::endl;
     close(g_controlFd);
@@ -84,18 +81,14 @@ int runProcess() {
     Packet frame;
     ParamList request;
     for (;;) {
-      if (readPacket(frame) != RESULT_OK)
-        break;
-      if (parsePacket(frame, request) != RESULT_OK)
-        continue;
-      if (dispatchCommand(request) == COMMAND_END)
-        break;
+      if (readPacket(frame) != RESULT_OK) break;
+      if (parsePacket(frame, request) != RESULT_OK) continue;
+      if (dispatchCommand(request) == COMMAND_END) break;
     }
 
     if (g_wrapperMms && g_wrapperMms->isConnected()) {
       const ResultCode rc = g_wrapperMms->close();
-      std::cerr << "[Halvarine] MMS close!! : " << static_cast<int>(rc)
-                << std::endl;
+      std::cerr << "[Halvarine] MMS close!! : " << static_cast<int>(rc) << std::endl;
     }
     close(g_controlFd);
     std::cerr << "[Halvarine] application finished !!" << std::endl;

@@ -13,13 +13,12 @@
 #include <string>
 
 // A failed property is a finding: libFuzzer saves the input on abort.
-#define FUZZ_CHECK(cond)                                              \
-  do {                                                                \
-    if (!(cond)) {                                                    \
-      fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__,       \
-              __LINE__, #cond);                                       \
-      abort();                                                        \
-    }                                                                 \
+#define FUZZ_CHECK(cond)                                                          \
+  do {                                                                            \
+    if (!(cond)) {                                                                \
+      fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #cond); \
+      abort();                                                                    \
+    }                                                                             \
   } while (0)
 
 namespace fuzzframe {
@@ -41,14 +40,13 @@ inline unsigned checksumField(const std::string& frame) {
 // The body's byte sum, inverted, in 16 bits: computed here from scratch.
 inline unsigned expectedChecksum(const std::string& frame) {
   unsigned sum = 0;
-  for (size_t i = 12; i + 1 < frame.size(); ++i)
-    sum += byteAt(frame, i);
+  for (size_t i = 12; i + 1 < frame.size(); ++i) sum += byteAt(frame, i);
   return ~sum & 0xFFFFu;
 }
 
 inline bool startsFrame(const std::string& s, size_t at) {
-  return s.size() >= at + 3 && byteAt(s, at) == 0x16 &&
-         byteAt(s, at + 1) == 0x16 && byteAt(s, at + 2) == 0x02;
+  return s.size() >= at + 3 && byteAt(s, at) == 0x16 && byteAt(s, at + 1) == 0x16 &&
+         byteAt(s, at + 2) == 0x02;
 }
 
 // A frame as this process sends it: start sequence, length field matching
@@ -67,7 +65,9 @@ inline void checkReplyFrame(const std::string& frame) {
 
 // The code under test logs every rejected frame; at millions of inputs a
 // second that is all the run would do. C stdio stays open for findings.
-inline void silenceDiagnostics() { std::cerr.setstate(std::ios::badbit); }
+inline void silenceDiagnostics() {
+  std::cerr.setstate(std::ios::badbit);
+}
 
 }  // namespace fuzzframe
 

@@ -42,26 +42,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t pos = 0;
   while (pos < size && data[pos] != 0 && chunks.size() < MAX_CHUNK_SIZES)
     chunks.push_back(data[pos++]);
-  if (pos < size && data[pos] == 0)
-    ++pos;
-  if (chunks.empty())
-    chunks.push_back(1000);   // readPacket's largest read
-  const std::string stream(reinterpret_cast<const char*>(data) + pos,
-                           size - pos);
+  if (pos < size && data[pos] == 0) ++pos;
+  if (chunks.empty()) chunks.push_back(1000);  // readPacket's largest read
+  const std::string stream(reinterpret_cast<const char*>(data) + pos, size - pos);
 
   std::string buffer;
-  size_t received = 0;       // stream bytes appended to the buffer so far
-  size_t frameEnd = 0;       // stream offset just past the last frame
+  size_t received = 0;  // stream bytes appended to the buffer so far
+  size_t frameEnd = 0;  // stream offset just past the last frame
   size_t nextChunk = 0;
   while (received < stream.size()) {
-    const size_t piece =
-        std::min(chunks[nextChunk++ % chunks.size()], stream.size() - received);
+    const size_t piece = std::min(chunks[nextChunk++ % chunks.size()], stream.size() - received);
     buffer.append(stream, received, piece);
     received += piece;
 
     for (;;) {
       const size_t before = buffer.size();
-      const size_t bufferAt = received - before;   // stream offset of buffer[0]
+      const size_t bufferAt = received - before;  // stream offset of buffer[0]
       Packet frame("stale");
       const ResultCode rc = extractPacket(buffer, frame);
       FUZZ_CHECK(buffer.size() <= before);

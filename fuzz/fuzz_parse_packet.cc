@@ -25,14 +25,12 @@ namespace {
 // A text field ends at the first 0x0A, and an empty one or one that begins
 // with 0x00 would be read as the end of the list or as a counted field.
 bool travelsAsText(const std::string& field) {
-  return !field.empty() && field[0] != '\0' &&
-         field.find('\n') == std::string::npos;
+  return !field.empty() && field[0] != '\0' && field.find('\n') == std::string::npos;
 }
 
 std::string asCounted(const std::string& data) {
   std::string field(COUNTED_PREFIX_LEN, '\0');
-  putBe16(reinterpret_cast<unsigned char*>(&field[1]),
-          static_cast<uint16_t>(data.size()));
+  putBe16(reinterpret_cast<unsigned char*>(&field[1]), static_cast<uint16_t>(data.size()));
   return field + data;
 }
 
@@ -41,14 +39,11 @@ void checkRoundTrip(const ParamList& parsed) {
   request.push_back(parsed[0]);
   size_t bodyLen = 1;
   for (size_t i = 1; i < parsed.size(); ++i) {
-    request.push_back(travelsAsText(parsed[i]) ? parsed[i]
-                                               : asCounted(parsed[i]));
+    request.push_back(travelsAsText(parsed[i]) ? parsed[i] : asCounted(parsed[i]));
     bodyLen += request.back().size() + 1;
   }
-  if (request.size() < 2)
-    request.push_back(std::string());   // makePacket needs a word
-  if (parsed.size() < 2)
-    bodyLen += 1;
+  if (request.size() < 2) request.push_back(std::string());  // makePacket needs a word
+  if (parsed.size() < 2) bodyLen += 1;
 
   Packet frame;
   const ResultCode made = makePacket(request, frame);
@@ -75,8 +70,7 @@ void checkRoundTrip(const ParamList& parsed) {
     return;
   }
   FUZZ_CHECK(again.size() == parsed.size());
-  for (size_t i = 1; i < parsed.size(); ++i)
-    FUZZ_CHECK(again[i] == parsed[i]);
+  for (size_t i = 1; i < parsed.size(); ++i) FUZZ_CHECK(again[i] == parsed[i]);
 }
 
 }  // namespace
@@ -92,9 +86,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const ResultCode rc = parsePacket(frame, params);
   FUZZ_CHECK(rc == RESULT_OK || rc == PARSE_MALFORMED);
 
-  const bool judgedWhole = size >= FRAME_OVERHEAD &&
-                           fuzzframe::startsFrame(frame, 0) &&
-                           data[size - 1] == FRAME_ETX;
+  const bool judgedWhole =
+      size >= FRAME_OVERHEAD && fuzzframe::startsFrame(frame, 0) && data[size - 1] == FRAME_ETX;
   if (!judgedWhole) {
     FUZZ_CHECK(rc == PARSE_MALFORMED);
     FUZZ_CHECK(params.size() == 1 && params[0] == "untouched");
@@ -106,11 +99,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Each field is at least its own bytes plus one 0x0A of the body.
   const size_t body = size - FRAME_OVERHEAD;
   size_t used = 0;
-  for (size_t i = 1; i < params.size(); ++i)
-    used += params[i].size() + 1;
+  for (size_t i = 1; i < params.size(); ++i) used += params[i].size() + 1;
   FUZZ_CHECK(used <= body);
 
-  if (rc == RESULT_OK)
-    checkRoundTrip(params);
+  if (rc == RESULT_OK) checkRoundTrip(params);
   return 0;
 }

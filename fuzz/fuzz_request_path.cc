@@ -32,7 +32,7 @@
 
 namespace {
 
-int g_peerFd = -1;   // the controller's end
+int g_peerFd = -1;  // the controller's end
 
 void openControlPair() {
   int fds[2];
@@ -52,16 +52,15 @@ std::string drainReplies() {
   char chunk[4096];
   for (;;) {
     const ssize_t n = read(g_peerFd, chunk, sizeof chunk);
-    if (n <= 0)
-      break;
+    if (n <= 0) break;
     bytes.append(chunk, static_cast<size_t>(n));
   }
   return bytes;
 }
 
 struct Expected {
-  bool answered;        // the handler accepts the request
-  const char* status;   // the status of a process without a stream
+  bool answered;       // the handler accepts the request
+  const char* status;  // the status of a process without a stream
 };
 
 // The command table's choice and each handler's acceptance rule, from the
@@ -72,40 +71,33 @@ Expected expectedFor(const ParamList& request) {
     const char* word;
     size_t minElements;
     const char* status;
-  } COMMANDS[] = {{"CONNECT", 3, "ERR"}, {"READ", 3, "ERR"},
-                  {"GSIZE", 2, "ERR"},   {"CLOSE", 2, "OK_"},
-                  {"PEND", 2, "OK_"},    {"CCHECK", 2, "OK_"}};
-  if (request.size() < 2)
-    return {false, nullptr};
+  } COMMANDS[] = {{"CONNECT", 3, "ERR"}, {"READ", 3, "ERR"}, {"GSIZE", 2, "ERR"},
+                  {"CLOSE", 2, "OK_"},   {"PEND", 2, "OK_"}, {"CCHECK", 2, "OK_"}};
+  if (request.size() < 2) return {false, nullptr};
   for (const auto& c : COMMANDS) {
-    if (request[1].compare(0, strlen(c.word), c.word) != 0)
-      continue;
+    if (request[1].compare(0, strlen(c.word), c.word) != 0) continue;
     bool accepted = request.size() >= c.minElements;
-    if (accepted && strcmp(c.word, "READ") == 0)
-      accepted = request[2].size() == 8;
+    if (accepted && strcmp(c.word, "READ") == 0) accepted = request[2].size() == 8;
     return {accepted, c.status};
   }
   return {false, nullptr};
 }
 
-void checkReply(const ParamList& request, const Expected& expected,
-                const std::string& replies) {
+void checkReply(const ParamList& request, const Expected& expected, const std::string& replies) {
   if (!expected.answered) {
     FUZZ_CHECK(replies.empty());
     return;
   }
-  fuzzframe::checkReplyFrame(replies);   // exactly one frame, nothing after
+  fuzzframe::checkReplyFrame(replies);  // exactly one frame, nothing after
   FUZZ_CHECK(replies[7] == request[0][HEADER_ECHO]);
   const std::string body = request[1] + '\n' + expected.status + "\n\n";
-  FUZZ_CHECK(replies.compare(FRAME_BODY_OFFSET, std::string::npos,
-                             body + '\x03') == 0);
+  FUZZ_CHECK(replies.compare(FRAME_BODY_OFFSET, std::string::npos, body + '\x03') == 0);
 }
 
 void serve(const Packet& frame) {
   ParamList request;
   const bool parsed = parsePacket(frame, request) == RESULT_OK;
-  const Expected expected =
-      parsed ? expectedFor(request) : Expected{false, nullptr};
+  const Expected expected = parsed ? expectedFor(request) : Expected{false, nullptr};
   if (parsed) {
     const CommandOutcome outcome = dispatchCommand(request);
     FUZZ_CHECK(outcome == COMMAND_DROPPED || expected.status != nullptr);
@@ -127,8 +119,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string buffer(reinterpret_cast<const char*>(data), size);
   Packet frame;
-  while (extractPacket(buffer, frame) == RESULT_OK)
-    serve(frame);
+  while (extractPacket(buffer, frame) == RESULT_OK) serve(frame);
   // Each input starts as a fresh process would: no stream object.
   g_wrapperMms.reset();
   return 0;

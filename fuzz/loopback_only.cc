@@ -26,8 +26,7 @@ int realConnect(int fd, const sockaddr* addr, socklen_t len) {
 uint16_t deadPort() {
   static uint16_t port = [] {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd == -1)
-      return static_cast<uint16_t>(0);
+    if (fd == -1) return static_cast<uint16_t>(0);
     sockaddr_in addr;
     memset(&addr, 0, sizeof addr);
     addr.sin_family = AF_INET;
@@ -38,7 +37,7 @@ uint16_t deadPort() {
       close(fd);
       return static_cast<uint16_t>(0);
     }
-    return ntohs(addr.sin_port);   // fd stays open for the process's life
+    return ntohs(addr.sin_port);  // fd stays open for the process's life
   }();
   return port;
 }
@@ -46,14 +45,12 @@ uint16_t deadPort() {
 }  // namespace
 
 extern "C" int connect(int fd, const sockaddr* addr, socklen_t len) {
-  if (addr == nullptr || len < sizeof(sa_family_t))
-    return realConnect(fd, addr, len);
+  if (addr == nullptr || len < sizeof(sa_family_t)) return realConnect(fd, addr, len);
   if (addr->sa_family == AF_INET6) {
     errno = ENETUNREACH;
     return -1;
   }
-  if (addr->sa_family != AF_INET)
-    return realConnect(fd, addr, len);
+  if (addr->sa_family != AF_INET) return realConnect(fd, addr, len);
   const uint16_t port = deadPort();
   if (port == 0) {
     errno = ENETUNREACH;
@@ -64,8 +61,7 @@ extern "C" int connect(int fd, const sockaddr* addr, socklen_t len) {
   loopback.sin_family = AF_INET;
   loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   loopback.sin_port = htons(port);
-  return realConnect(fd, reinterpret_cast<const sockaddr*>(&loopback),
-                     sizeof loopback);
+  return realConnect(fd, reinterpret_cast<const sockaddr*>(&loopback), sizeof loopback);
 }
 
 extern "C" hostent* gethostbyname(const char* name) {
@@ -94,15 +90,13 @@ extern "C" hostent* gethostbyname2(const char*, int) {
   return nullptr;
 }
 
-extern "C" int gethostbyname_r(const char*, hostent*, char*, size_t,
-                               hostent** result, int* err) {
+extern "C" int gethostbyname_r(const char*, hostent*, char*, size_t, hostent** result, int* err) {
   *result = nullptr;
   *err = HOST_NOT_FOUND;
   return ENOENT;
 }
 
-extern "C" int getaddrinfo(const char*, const char*, const addrinfo*,
-                           addrinfo** result) {
+extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo** result) {
   *result = nullptr;
   return EAI_FAIL;
 }

@@ -43,7 +43,9 @@ void logConnectErr(const char* text) {
   fputs(text, stderr);
 }
 
-int newTcpSocket() { return socket(AF_INET, SOCK_STREAM, IPPROTO_TCP); }
+int newTcpSocket() {
+  return socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+}
 
 bool setBlockingFlags(int fd, int flags) {
   return fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != -1;
@@ -51,8 +53,7 @@ bool setBlockingFlags(int fd, int flags) {
 
 // Puts back the blocking mode that a failed attempt had switched off.
 void restoreAfterFailure(int fd, bool wasNonBlocking, int savedFlags) {
-  if (!wasNonBlocking && !setBlockingFlags(fd, savedFlags))
-    logConnectErr("ERR - set Blocking\n");
+  if (!wasNonBlocking && !setBlockingFlags(fd, savedFlags)) logConnectErr("ERR - set Blocking\n");
 }
 
 // One connection attempt to one address on `fd`. Returns true when `fd` is
@@ -70,8 +71,7 @@ bool tryAddress(int fd, const sockaddr_in& addr) {
   }
 
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) {
-    if (wasNonBlocking || setBlockingFlags(fd, savedFlags))
-      return true;
+    if (wasNonBlocking || setBlockingFlags(fd, savedFlags)) return true;
     logConnectErr("ERR - set Blocking\n");
     return false;
   }
@@ -119,17 +119,16 @@ bool tryAddress(int fd, const sockaddr_in& addr) {
     restoreAfterFailure(fd, wasNonBlocking, savedFlags);
     return false;
   }
-  if (!wasNonBlocking && !setBlockingFlags(fd, savedFlags))
-    logConnectErr("ERR - set Blocking\n");
+  if (!wasNonBlocking && !setBlockingFlags(fd, savedFlags)) logConnectErr("ERR - set Blocking\n");
   return true;
 }
 
 // io_read and io_write are one loop; this names the difference.
 struct Transfer {
-  const char* name;            // "[WrapperMms::io_read()] " ...
+  const char* name;  // "[WrapperMms::io_read()] " ...
   WaitFor waitFor;
-  const char* transferError;   // "read error! errno=" / "write error! errno="
-  bool zeroIsEnd;              // a read of 0 is the end of the stream
+  const char* transferError;  // "read error! errno=" / "write error! errno="
+  bool zeroIsEnd;             // a read of 0 is the end of the stream
 };
 
 const Transfer READ_TRANSFER = {"[WrapperMms::io_read()] ", WAIT_READABLE,
@@ -141,8 +140,7 @@ const Transfer WRITE_TRANSFER = {"[WrapperMms::io_write()] ", WAIT_WRITABLE,
 // served without a wait, so a stream flowing at full speed costs one system
 // call per piece instead of two. EAGAIN means "wait first".
 ssize_t transferNow(const Transfer& t, int fd, char* buf, size_t len) {
-  if (t.waitFor == WAIT_READABLE)
-    return ::recv(fd, buf, len, MSG_DONTWAIT);
+  if (t.waitFor == WAIT_READABLE) return ::recv(fd, buf, len, MSG_DONTWAIT);
   // A server that has gone away must cost the stream, not the process:
   // no SIGPIPE, the error comes back as EPIPE instead.
   return ::send(fd, buf, len, MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -162,8 +160,7 @@ mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
     std::cerr << t.name << "invalid socket!" << std::endl;
     return -1;
   }
-  if (num <= 0)
-    return 0;
+  if (num <= 0) return 0;
 
   mms_off_t total = 0;
   while (total < num) {
@@ -181,8 +178,7 @@ mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
         return total > 0 ? total : -1;
       }
       n = transferNow(t, fd, buf + total, want);
-      if (mustWait(n))
-        continue;   // readiness that went away again: wait anew
+      if (mustWait(n)) continue;  // readiness that went away again: wait anew
     }
     if (n < 0) {
       const int err = errno;
@@ -208,15 +204,13 @@ int WrapperMms::io_tcp_connect(void* /*data*/, const char* host, int port) {
   }
   const hostent* h = gethostbyname(host);
   if (h == nullptr) {
-    std::cerr << "[WrapperMms::io_tcp_connect] unable to resolve host: "
-              << host << std::endl;
+    std::cerr << "[WrapperMms::io_tcp_connect] unable to resolve host: " << host << std::endl;
     return -1;
   }
   int fd = newTcpSocket();
   if (fd == -1) {
     const int err = errno;
-    std::cerr << "[WrapperMms::io_tcp_connect] failed to create socket: "
-              << err << std::endl;
+    std::cerr << "[WrapperMms::io_tcp_connect] failed to create socket: " << err << std::endl;
     return -1;
   }
   // The library expects a blocking socket back.
@@ -240,8 +234,7 @@ int WrapperMms::io_tcp_connect(void* /*data*/, const char* host, int port) {
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port & 0xFFFF));
     memcpy(&addr.sin_addr, *entry, 4);
-    if (tryAddress(fd, addr))
-      return fd;
+    if (tryAddress(fd, addr)) return fd;
     logConnect(" connect failed.");
     // A socket whose connect is still in progress cannot be pointed at
     // another address; anything else can be tried again as it is.
@@ -254,12 +247,10 @@ int WrapperMms::io_tcp_connect(void* /*data*/, const char* host, int port) {
   return -1;
 }
 
-mms_off_t WrapperMms::io_read(void* /*data*/, int socket, char* buf,
-                              mms_off_t num) {
+mms_off_t WrapperMms::io_read(void* /*data*/, int socket, char* buf, mms_off_t num) {
   return transferAll(READ_TRANSFER, socket, buf, num);
 }
 
-mms_off_t WrapperMms::io_write(void* /*data*/, int socket, char* buf,
-                               mms_off_t num) {
+mms_off_t WrapperMms::io_write(void* /*data*/, int socket, char* buf, mms_off_t num) {
   return transferAll(WRITE_TRANSFER, socket, buf, num);
 }

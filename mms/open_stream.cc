@@ -13,12 +13,11 @@ namespace {
 // A URL of the form PROXY/SCHEME://... reaches the stream through an HTTP
 // proxy. The markers are tried in this order, each over the whole URL, so
 // the order decides which one splits a URL that holds several.
-const char* const PROXY_MARKERS[] = {"/mms://", "/mmst://", "/mmsh://",
-                                     "/http://"};
+const char* const PROXY_MARKERS[] = {"/mms://", "/mmst://", "/mmsh://", "/http://"};
 
 const char SCHEME_MMSH[] = "mmsh://";
 const char SCHEME_HTTP[] = "http://";
-const size_t SCHEME_LEN = 7;   // both of the above
+const size_t SCHEME_LEN = 7;  // both of the above
 
 bool hasScheme(const std::string& url, const char* scheme) {
   return url.compare(0, SCHEME_LEN, scheme) == 0;
@@ -28,8 +27,7 @@ bool hasScheme(const std::string& url, const char* scheme) {
 
 ResultCode WrapperMms::connect() {
   std::cerr << "[WrapperMms::connect()] call! " << std::endl;
-  if (m_connected)
-    close();
+  if (m_connected) close();
 
   // The library hands out its own process-wide table as const, but it is
   // writable and it is the one every connection reads; patching it in place
@@ -45,8 +43,7 @@ ResultCode WrapperMms::connect() {
   size_t markerPos = std::string::npos;
   for (const char* marker : PROXY_MARKERS) {
     markerPos = m_url.find(marker);
-    if (markerPos != std::string::npos)
-      break;
+    if (markerPos != std::string::npos) break;
   }
 
   if (markerPos != std::string::npos) {
@@ -66,33 +63,28 @@ ResultCode WrapperMms::connect() {
         m_mms = mms_connect(m_io, nullptr, target.c_str(), 0);
       }
       if (m_mms != nullptr) {
-        std::cerr << "[WrapperMms::connect()] open MMST stream success!"
-                  << std::endl;
+        std::cerr << "[WrapperMms::connect()] open MMST stream success!" << std::endl;
         m_connected = true;
         m_streamType = STREAM_MMST;
         return RESULT_OK;
       }
-      std::cerr << "[WrapperMms::connect()] open MMST stream failed!"
-                << std::endl;
+      std::cerr << "[WrapperMms::connect()] open MMST stream failed!" << std::endl;
     }
   }
 
-  if (hasScheme(target, SCHEME_HTTP))
-    target.replace(0, SCHEME_LEN, SCHEME_MMSH);
+  if (hasScheme(target, SCHEME_HTTP)) target.replace(0, SCHEME_LEN, SCHEME_MMSH);
   std::cerr << "[WrapperMms::connect()] open MMSH stream!" << std::endl;
   {
     CpuBudget budget;
     m_mmsh = mmsh_connect(m_io, nullptr, target.c_str(), 0);
   }
   if (m_mmsh != nullptr) {
-    std::cerr << "[WrapperMms::connect()] open MMSH stream success!"
-              << std::endl;
+    std::cerr << "[WrapperMms::connect()] open MMSH stream success!" << std::endl;
     m_streamType = STREAM_MMSH;
     m_connected = true;
     return RESULT_OK;
   }
-  std::cerr << "[WrapperMms::connect()] open MMSH stream failed! " << target
-            << std::endl;
+  std::cerr << "[WrapperMms::connect()] open MMSH stream failed! " << target << std::endl;
   m_streamType = STREAM_NONE;
   m_connected = false;
   return MMS_OPEN_FAILED;

@@ -1,8 +1,8 @@
 #include "mms/wrapper_mms.h"
 
-#include "mms/cpu_budget.h"
-
 #include <iostream>
+
+#include "mms/cpu_budget.h"
 
 boost::shared_ptr<WrapperMms> g_wrapperMms;
 
@@ -14,14 +14,14 @@ WrapperMms::WrapperMms(const std::string& url)
       m_streamType(STREAM_NONE),
       m_connected(false) {}
 
-WrapperMms::~WrapperMms() { close(); }
+WrapperMms::~WrapperMms() {
+  close();
+}
 
 ResultCode WrapperMms::read(char* buffer, int length, int& count) {
   count = 0;
-  if (buffer == nullptr)
-    return MMS_NULL_BUFFER;
-  if (!m_connected)
-    return MMS_NOT_CONNECTED;
+  if (buffer == nullptr) return MMS_NULL_BUFFER;
+  if (!m_connected) return MMS_NOT_CONNECTED;
   int got;
   CpuBudget budget;
   if (m_streamType == STREAM_MMST)
@@ -37,16 +37,13 @@ ResultCode WrapperMms::read(char* buffer, int length, int& count) {
 
 ResultCode WrapperMms::getLength(uint32_t& length) {
   std::cerr << "[WrapperMms::getLength()] call! " << std::endl;
-  if (!m_connected)
-    return MMS_NOT_CONNECTED;
+  if (!m_connected) return MMS_NOT_CONNECTED;
   if (m_streamType == STREAM_MMST) {
     length = mms_get_length(m_mms);
-    std::cerr << "[WrapperMms::getLength()] get MMST length : " << length
-              << std::endl;
+    std::cerr << "[WrapperMms::getLength()] get MMST length : " << length << std::endl;
   } else if (m_streamType == STREAM_MMSH) {
     length = mmsh_get_length(m_mmsh);
-    std::cerr << "[WrapperMms::getLength()] get MMSH length : " << length
-              << std::endl;
+    std::cerr << "[WrapperMms::getLength()] get MMSH length : " << length << std::endl;
   } else {
     return MMS_BAD_STREAM_TYPE;
   }
@@ -57,16 +54,13 @@ ResultCode WrapperMms::getCurrentPos(uint32_t& position) {
   // This line has always lacked its opening bracket; log readers match it
   // as it is.
   std::cerr << "WrapperMms::getCurrentPos()] call! " << std::endl;
-  if (!m_connected)
-    return MMS_NOT_CONNECTED;
+  if (!m_connected) return MMS_NOT_CONNECTED;
   if (m_streamType == STREAM_MMST) {
     position = static_cast<uint32_t>(mms_get_current_pos(m_mms));
-    std::cerr << "[WrapperMms::getCurrentPos()] get MMST pos! offset="
-              << position << std::endl;
+    std::cerr << "[WrapperMms::getCurrentPos()] get MMST pos! offset=" << position << std::endl;
   } else if (m_streamType == STREAM_MMSH) {
     position = static_cast<uint32_t>(mmsh_get_current_pos(m_mmsh));
-    std::cerr << "[WrapperMms::getCurrentPos()] get MMSH pos! offset="
-              << position << std::endl;
+    std::cerr << "[WrapperMms::getCurrentPos()] get MMSH pos! offset=" << position << std::endl;
   } else {
     return MMS_BAD_STREAM_TYPE;
   }

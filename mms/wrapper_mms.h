@@ -4,12 +4,12 @@
 // The worker's one handle on an MMS stream, over TCP (MMST) or HTTP (MMSH),
 // opened through libmms with the worker's own socket callbacks.
 
-#include <stdint.h>
-#include <string>
-
-#include <boost/shared_ptr.hpp>
 #include <libmms/mms.h>
 #include <libmms/mmsh.h>
+#include <stdint.h>
+
+#include <boost/shared_ptr.hpp>
+#include <string>
 
 #include "channel/result_code.h"
 
@@ -19,11 +19,11 @@ static const StreamType STREAM_MMSH = 1;
 static const StreamType STREAM_NONE = 0xFFFF;
 
 // Result codes of the stream operations.
-static const ResultCode MMS_NULL_BUFFER = 1;       // read: buffer is null
-static const ResultCode MMS_OPEN_FAILED = 2;       // connect: no transport opened it
-static const ResultCode MMS_BAD_READ_TYPE = 3;     // read: connected, unknown stream type
-static const ResultCode MMS_NO_DATA = 4;           // read: the library delivered no bytes
-static const ResultCode MMS_NOT_CONNECTED = 5;     // read, getLength, getCurrentPos
+static const ResultCode MMS_NULL_BUFFER = 1;           // read: buffer is null
+static const ResultCode MMS_OPEN_FAILED = 2;           // connect: no transport opened it
+static const ResultCode MMS_BAD_READ_TYPE = 3;         // read: connected, unknown stream type
+static const ResultCode MMS_NO_DATA = 4;               // read: the library delivered no bytes
+static const ResultCode MMS_NOT_CONNECTED = 5;         // read, getLength, getCurrentPos
 static const ResultCode MMS_BAD_STREAM_TYPE = 0xFFFF;  // getLength, getCurrentPos, close
 
 // Invariant: while m_connected is true, m_streamType names the protocol and
@@ -31,7 +31,7 @@ static const ResultCode MMS_BAD_STREAM_TYPE = 0xFFFF;  // getLength, getCurrentP
 class WrapperMms {
  public:
   explicit WrapperMms(const std::string& url);
-  virtual ~WrapperMms();   // closes an open stream
+  virtual ~WrapperMms();  // closes an open stream
 
   // Opens the stream named by the URL given at construction, closing an
   // open one first. 0 open; 2 neither transport could open it.

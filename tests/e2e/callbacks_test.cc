@@ -34,8 +34,8 @@ bool contains(const std::vector<std::string>& lines, const std::string& line) {
 }
 
 std::string urlOf(const MmsTestServer& server, Transport t) {
-  return std::string(t == Transport::MMST ? "mms" : "mmsh") + "://127.0.0.1:" +
-         std::to_string(server.port()) + "/x";
+  return std::string(t == Transport::MMST ? "mms" : "mmsh") +
+         "://127.0.0.1:" + std::to_string(server.port()) + "/x";
 }
 
 class Callbacks : public support::StreamTest {
@@ -47,7 +47,8 @@ class Callbacks : public support::StreamTest {
     ASSERT_EQ("OK_", connect(urlOf(startServer(t, faults), t)).status());
     newLines();
     const Request req = request("READ", {countDigits(BIG_READ)});
-    ASSERT_TRUE(call(req).frame == expectedReadReply(req.echo, "READ", reference.substr(0, BIG_READ)));
+    ASSERT_TRUE(call(req).frame ==
+                expectedReadReply(req.echo, "READ", reference.substr(0, BIG_READ)));
     delivered = BIG_READ;
   }
 
@@ -58,7 +59,8 @@ class Callbacks : public support::StreamTest {
       return r.status();
     }
     const std::string data = r.values().at(1).bytes;
-    EXPECT_TRUE(r.frame == expectedReadReply(echo, "READ", reference.substr(delivered, data.size())))
+    EXPECT_TRUE(r.frame ==
+                expectedReadReply(echo, "READ", reference.substr(delivered, data.size())))
         << "bytes after " << delivered << " are not the stream's";
     delivered += data.size();
     return "OK_";
@@ -107,7 +109,7 @@ TEST_P(MidStream, PeerClosingDuringTheWaitEndsTheReadAtOnce) {
   ASSERT_TRUE(session.send(req));
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   const auto start = support::Clock::now();
-  servers.back().reset();   // ends the stalled session and closes its socket
+  servers.back().reset();  // ends the stalled session and closes its socket
   const Reply r = receive(req.echo);
   EXPECT_LT(secondsSince(start), 2.0);
   if (r.fields.size() >= 2 && take(r, req.echo) == "OK_") {
@@ -160,20 +162,19 @@ INSTANTIATE_TEST_SUITE_P(Transports, MidStream, ::testing::Values(Transport::MMS
 // Silence before the header: the open fails after the 7-second wait.
 TEST_F(Callbacks, SlowStallBeforeTheHeaderFailsTheConnect) {
   Faults faults;
-  faults.stallAfter = 50;   // inside the answer to the first request
+  faults.stallAfter = 50;  // inside the answer to the first request
   const std::string url = urlOf(startServer(Transport::MMSH, faults), Transport::MMSH);
   const Request req = request("CONNECT", {url});
   const auto start = support::Clock::now();
   EXPECT_EQ(hex(expectedReply(req.echo, {"CONNECT", "ERR"})), hex(call(req, 15).frame));
   EXPECT_GE(secondsSince(start), 6.5);
   EXPECT_LT(secondsSince(start), 10.0);
-  EXPECT_EQ((std::vector<std::string>{"[commandConnect()] command size : 7",
-                                      "[WrapperMms::connect()] call! ",
-                                      "[WrapperMms::connect()] url=" + url,
-                                      "[WrapperMms::connect()] open MMSH stream!",
-                                      "[WrapperMms::io_tcp_connect]", SELECT_TIMEOUT,
-                                      "[WrapperMms::connect()] open MMSH stream failed! " + url,
-                                      "[commandConnect()] MMS connect server!! : 2"}),
+  EXPECT_EQ((std::vector<std::string>{
+                "[commandConnect()] command size : 7", "[WrapperMms::connect()] call! ",
+                "[WrapperMms::connect()] url=" + url, "[WrapperMms::connect()] open MMSH stream!",
+                "[WrapperMms::io_tcp_connect]", SELECT_TIMEOUT,
+                "[WrapperMms::connect()] open MMSH stream failed! " + url,
+                "[commandConnect()] MMS connect server!! : 2"}),
             newLines());
   const Reply r = read(1000);
   EXPECT_EQ("ERR", r.status()) << "a failed open leaves nothing to read";

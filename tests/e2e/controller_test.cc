@@ -65,7 +65,7 @@ TEST(ReplyFrames, BodiesThatAreNotExactlyFieldsAreRejected) {
   for (const std::string& body :
        {std::string("CCHECK\nOK_\n"), std::string("CCHECK\nOK_\n\nX\n\n"),
         std::string("CCHECK\n\nOK_\n\n"), std::string("CCHECK\nOK_"), std::string(),
-        "READ\nOK_\n" + bytes({0x00, 0x00, 0x01, 0x01}) + "a\n\n"}) {   // spare byte not 0
+        "READ\nOK_\n" + bytes({0x00, 0x00, 0x01, 0x01}) + "a\n\n"}) {  // spare byte not 0
     EXPECT_TRUE(rejected(frameAround(0x07, body, 'R'))) << controller::hex(body);
   }
 }

@@ -2,8 +2,8 @@
 // the small commands byte for byte, and the frames it must drop.
 
 #include <errno.h>
-#include <stdlib.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -40,7 +40,7 @@ TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
   ASSERT_TRUE(support::controllerPathFree(0));
   struct Case {
     const char* what;
-    const char* preload;   // run directly with this library preloaded
+    const char* preload;  // run directly with this library preloaded
     std::string line;
   } const cases[] = {
       {"no socket file", nullptr, "[Halvarine] connect fail! errno=" + std::to_string(ENOENT)},
@@ -53,7 +53,7 @@ TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     const bool launched = !controller::launcherFromEnvironment().empty();
-    if (c.preload != nullptr && launched) continue;   // the library is built for this host
+    if (c.preload != nullptr && launched) continue;  // the library is built for this host
     // A sanitizer runtime needs descriptors of its own to report anything.
     if (c.line.find("create socket fail") != std::string::npos &&
         getenv("HALVARINE_SANITIZED") != nullptr) {
@@ -137,9 +137,8 @@ TEST_F(ProcessEnd, SlowSilenceOf60SecondsEndsTheProcess) {
 class SmallCommands : public support::WorkerTest {};
 
 TEST_F(SmallCommands, CcheckReplyIsTheDocumentedFrameWhateverTheEcho) {
-  EXPECT_EQ(hex(bytes({0x16, 0x16, 0x02, 0x00, 0xFD, 0x47, 0x52, 0x07, 0x00, 0x00, 0x0C, 0x00,
-                       0x43, 0x43, 0x48, 0x45, 0x43, 0x4B, 0x0A, 0x4F, 0x4B, 0x5F, 0x0A, 0x0A,
-                       0x03})),
+  EXPECT_EQ(hex(bytes({0x16, 0x16, 0x02, 0x00, 0xFD, 0x47, 0x52, 0x07, 0x00, 0x00, 0x0C, 0x00, 0x43,
+                       0x43, 0x48, 0x45, 0x43, 0x4B, 0x0A, 0x4F, 0x4B, 0x5F, 0x0A, 0x0A, 0x03})),
             hex(call(Request::command("CCHECK", 0x07)).frame));
   for (int echo : {0x00, 0x03, 0x0A, 0x16, 0x80, 0xFF}) {
     SCOPED_TRACE(echo);
@@ -165,7 +164,8 @@ TEST_F(SmallCommands, RepliesBeforeAnyStreamInOrderByteExact) {
   for (const auto& step : script) all += frameOf(step.first);
   ASSERT_TRUE(session.sendRaw(all));
   for (const auto& step : script) {
-    EXPECT_EQ(hex(expectedReply(step.first.echo, step.second)), hex(receive(step.first.echo).frame));
+    EXPECT_EQ(hex(expectedReply(step.first.echo, step.second)),
+              hex(receive(step.first.echo).frame));
   }
   EXPECT_EQ(std::vector<std::string>{}, stderrLines());
 }
@@ -183,22 +183,22 @@ class MalformedFrames : public support::WorkerTest {
 
 TEST_F(MalformedFrames, UnknownWordsGetNoReply) {
   // Unknown, lower case, proper beginnings of a command, the empty word.
-  for (const char* w : {"HELLO", "ccheck", "gsize", "close", "pend", "CCHEC", "GSIZ", "CLOS",
-                        "PEN", "C", "", " CCHECK", "XCCHECK", "REA", "CONN"}) {
+  for (const char* w : {"HELLO", "ccheck", "gsize", "close", "pend", "CCHEC", "GSIZ", "CLOS", "PEN",
+                        "C", "", " CCHECK", "XCCHECK", "REA", "CONN"}) {
     ASSERT_TRUE(session.send(Request::command(w, 0x40)));
   }
-  expectDropped(frameAround(0x41, ""), {});   // an empty body
+  expectDropped(frameAround(0x41, ""), {});  // an empty body
   EXPECT_TRUE(session.worker().running());
 }
 
 TEST_F(MalformedFrames, LengthFieldTooSmallCutsTheFrameShort) {
   Packet f = frameOf(Request::command("CCHECK", 0x01));
   f[9] = 0;
-  f[10] = 0;   // a 13-byte frame ending in 'C'; the rest is noise
+  f[10] = 0;  // a 13-byte frame ending in 'C'; the rest is noise
   Packet g = frameOf(Request::command("GSIZE", 0x02));
   g[10] = static_cast<char>(g[10] - 1);
   Packet h = frameOf(Request::command("CCHECK", 0x03));
-  h.back() = '\x04';   // wrong end mark
+  h.back() = '\x04';  // wrong end mark
   expectDropped(f + g + h, {NO_ETX, NO_ETX, NO_ETX});
 }
 
@@ -215,8 +215,8 @@ TEST_F(MalformedFrames, BadBodiesAreDroppedSilently) {
 // Noise before a frame, a frame split anywhere, the largest frame.
 TEST_F(MalformedFrames, FramesSurviveNoiseAndAnyCut) {
   const Packet f = frameOf(Request::command("CLOSE", 0x06));
-  ASSERT_TRUE(session.sendRaw("abc" + bytes({0x16, 0x02, 0x16, 0x16, 0x03}) +
-                              std::string(10000, 'g')));
+  ASSERT_TRUE(
+      session.sendRaw("abc" + bytes({0x16, 0x02, 0x16, 0x16, 0x03}) + std::string(10000, 'g')));
   for (size_t cut = 1; cut < f.size(); ++cut) {
     SCOPED_TRACE(cut);
     ASSERT_TRUE(session.sendRaw(f.substr(0, cut)));
@@ -225,7 +225,7 @@ TEST_F(MalformedFrames, FramesSurviveNoiseAndAnyCut) {
     ASSERT_EQ(hex(expectedReply(0x06, {"CLOSE", "OK_"})), hex(receive(0x06).frame));
   }
   Request big = Request::command("CCHECK", 0x0C);
-  big.fields.push_back(Field::countedField(std::string(0xFFFF - 13, '\n')));   // body 65,535
+  big.fields.push_back(Field::countedField(std::string(0xFFFF - 13, '\n')));  // body 65,535
   ASSERT_EQ(65548u, frameOf(big).size());
   ASSERT_TRUE(session.sendRaw(frameOf(big)));
   EXPECT_EQ(hex(expectedReply(0x0C, {"CCHECK", "OK_"})), hex(receive(0x0C).frame));

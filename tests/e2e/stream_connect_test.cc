@@ -61,7 +61,9 @@ struct UrlForm {
   const char* status;
 };
 
-void PrintTo(const UrlForm& form, std::ostream* os) { *os << form.url; }
+void PrintTo(const UrlForm& form, std::ostream* os) {
+  *os << form.url;
+}
 
 const std::vector<UrlForm>& urlForms() {
   static const std::vector<UrlForm> forms = {
@@ -70,46 +72,59 @@ const std::vector<UrlForm>& urlForms() {
       {"direct_mmsh", "mmsh://127.0.0.1:{H}/x", join({{OPEN_MMSH}, MMSH_OPENED}), "OK_"},
       // libmms opens nothing by the http:// name: the open proves the rewrite.
       {"direct_http", "http://127.0.0.1:{H}/x", join({{OPEN_MMSH}, MMSH_OPENED}), "OK_"},
-      {"direct_http_refused", "http://127.0.0.1:{R}/x",
+      {"direct_http_refused",
+       "http://127.0.0.1:{R}/x",
        {OPEN_MMSH, TCP_CONNECT, REFUSED, TCP_FAILED, MMSH_FAILED + "mmsh://127.0.0.1:{R}/x",
         CONNECT_FAILED},
        "ERR"},
       // mms:// tries MMST, then MMSH with the same URL: one report each.
-      {"direct_mms_refused", "mms://127.0.0.1:{R}/x",
+      {"direct_mms_refused",
+       "mms://127.0.0.1:{R}/x",
        {OPEN_MMST, TCP_CONNECT, REFUSED, TCP_FAILED, MMST_FAILED, OPEN_MMSH, TCP_CONNECT, REFUSED,
         TCP_FAILED, MMSH_FAILED + "mms://127.0.0.1:{R}/x", CONNECT_FAILED},
        "ERR"},
-      {"direct_mms_unresolvable", "mms://{BAD}/x",
+      {"direct_mms_unresolvable",
+       "mms://{BAD}/x",
        {OPEN_MMST, TCP_CONNECT, UNRESOLVED, MMST_FAILED, OPEN_MMSH, TCP_CONNECT, UNRESOLVED,
         MMSH_FAILED + "mms://{BAD}/x", CONNECT_FAILED},
        "ERR"},
-      {"direct_mmsh_unresolvable", "mmsh://{BAD}/x",
-       {OPEN_MMSH, TCP_CONNECT, UNRESOLVED, MMSH_FAILED + "mmsh://{BAD}/x", CONNECT_FAILED}, "ERR"},
+      {"direct_mmsh_unresolvable",
+       "mmsh://{BAD}/x",
+       {OPEN_MMSH, TCP_CONNECT, UNRESOLVED, MMSH_FAILED + "mmsh://{BAD}/x", CONNECT_FAILED},
+       "ERR"},
       // The MMSH server stands in for the proxy, so {BAD} is never looked up.
-      {"proxy_mmsh", "http://127.0.0.1:{H}/mmsh://{BAD}/x", viaProxy("http://127.0.0.1:{H}"), "OK_"},
+      {"proxy_mmsh", "http://127.0.0.1:{H}/mmsh://{BAD}/x", viaProxy("http://127.0.0.1:{H}"),
+       "OK_"},
       {"proxy_mms", "http://127.0.0.1:{H}/mms://{BAD}/x", viaProxy("http://127.0.0.1:{H}"), "OK_"},
-      {"proxy_http", "http://127.0.0.1:{H}/http://{BAD}/x", viaProxy("http://127.0.0.1:{H}"), "OK_"},
+      {"proxy_http", "http://127.0.0.1:{H}/http://{BAD}/x", viaProxy("http://127.0.0.1:{H}"),
+       "OK_"},
       // No MMST attempt for a proxy form: libmms refuses mmst:// over MMSH.
-      {"proxy_mmst", "http://127.0.0.1:{H}/mmst://{BAD}/x",
+      {"proxy_mmst",
+       "http://127.0.0.1:{H}/mmst://{BAD}/x",
        {SET_PROXY + "http://127.0.0.1:{H}", OPEN_MMSH, MMSH_FAILED + "mmst://{BAD}/x",
         CONNECT_FAILED},
        "ERR"},
-      {"proxy_http_refused", "http://127.0.0.1:{R}/http://{BAD}/x",
+      {"proxy_http_refused",
+       "http://127.0.0.1:{R}/http://{BAD}/x",
        {SET_PROXY + "http://127.0.0.1:{R}", OPEN_MMSH, TCP_CONNECT, REFUSED, TCP_FAILED,
         MMSH_FAILED + "mmsh://{BAD}/x", CONNECT_FAILED},
        "ERR"},
       // The first marker in the fixed order splits, not the first in the URL.
-      {"proxy_marker_order", "http://127.0.0.1:{R}/http://{BAD}/mms://{BAD}/x",
+      {"proxy_marker_order",
+       "http://127.0.0.1:{R}/http://{BAD}/mms://{BAD}/x",
        {SET_PROXY + "http://127.0.0.1:{R}/http://{BAD}", OPEN_MMSH, TCP_CONNECT, REFUSED,
         TCP_FAILED, MMSH_FAILED + "mms://{BAD}/x", CONNECT_FAILED},
        "ERR"},
       {"proxy_marker_twice", "http://127.0.0.1:{H}/mmsh://{BAD}/a/mmsh://{BAD}/x",
        viaProxy("http://127.0.0.1:{H}"), "OK_"},
       // An empty proxy is set as "", which libmms cannot use.
-      {"marker_at_start", "/mmsh://127.0.0.1:{H}/x",
-       {SET_PROXY, OPEN_MMSH, MMSH_FAILED + "mmsh://127.0.0.1:{H}/x", CONNECT_FAILED}, "ERR"},
+      {"marker_at_start",
+       "/mmsh://127.0.0.1:{H}/x",
+       {SET_PROXY, OPEN_MMSH, MMSH_FAILED + "mmsh://127.0.0.1:{H}/x", CONNECT_FAILED},
+       "ERR"},
       // Scheme tests are case-sensitive: MMST first, and no rewrite.
-      {"capitals", "HTTP://127.0.0.1:{H}/x",
+      {"capitals",
+       "HTTP://127.0.0.1:{H}/x",
        {OPEN_MMST, MMST_FAILED, OPEN_MMSH, MMSH_FAILED + "HTTP://127.0.0.1:{H}/x", CONNECT_FAILED},
        "ERR"},
   };
@@ -119,11 +134,10 @@ const std::vector<UrlForm>& urlForms() {
 class StreamConnect : public support::StreamTest {
  protected:
   std::string fill(std::string text) {
-    const std::map<std::string, std::string> values = {
-        {"{H}", std::to_string(mmsh().port())},
-        {"{T}", std::to_string(mmst().port())},
-        {"{R}", std::to_string(refusing.port())},
-        {"{BAD}", support::unresolvableHost()}};
+    const std::map<std::string, std::string> values = {{"{H}", std::to_string(mmsh().port())},
+                                                       {"{T}", std::to_string(mmst().port())},
+                                                       {"{R}", std::to_string(refusing.port())},
+                                                       {"{BAD}", support::unresolvableHost()}};
     for (const auto& v : values) {
       for (size_t at; (at = text.find(v.first)) != std::string::npos;) {
         text.replace(at, v.first.size(), v.second);
@@ -132,8 +146,12 @@ class StreamConnect : public support::StreamTest {
     return text;
   }
 
-  MmsTestServer& mmsh() { return mmsh_ != nullptr ? *mmsh_ : *(mmsh_ = &startServer(Transport::MMSH)); }
-  MmsTestServer& mmst() { return mmst_ != nullptr ? *mmst_ : *(mmst_ = &startServer(Transport::MMST)); }
+  MmsTestServer& mmsh() {
+    return mmsh_ != nullptr ? *mmsh_ : *(mmsh_ = &startServer(Transport::MMSH));
+  }
+  MmsTestServer& mmst() {
+    return mmst_ != nullptr ? *mmst_ : *(mmst_ = &startServer(Transport::MMST));
+  }
   std::string mmshUrl() { return "mmsh://127.0.0.1:" + std::to_string(mmsh().port()) + "/x"; }
   std::string mmstUrl() { return "mms://127.0.0.1:" + std::to_string(mmst().port()) + "/x"; }
 
@@ -295,7 +313,8 @@ TEST_P(OpenStream, PendAnswersThenClosesTheStreamAndEnds) {
             newLines());
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, OpenStream, ::testing::Values(Transport::MMST, Transport::MMSH),
+INSTANTIATE_TEST_SUITE_P(Transports, OpenStream,
+                         ::testing::Values(Transport::MMST, Transport::MMSH),
                          [](const ::testing::TestParamInfo<Transport>& info) {
                            return std::string(info.param == Transport::MMST ? "MMST" : "MMSH");
                          });

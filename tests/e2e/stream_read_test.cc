@@ -28,9 +28,9 @@ const int MAX_READX = 65510;
   if (at < 0) return ::testing::AssertionSuccess();
   const size_t from = at < 8 ? 0 : static_cast<size_t>(at) - 8;
   return ::testing::AssertionFailure()
-         << "frames differ at byte " << at << " (sizes " << expected.size() << ", "
-         << actual.size() << ")\n  expected ..." << hex(expected.substr(from, 24))
-         << "\n  received ..." << hex(actual.substr(std::min(from, actual.size()), 24));
+         << "frames differ at byte " << at << " (sizes " << expected.size() << ", " << actual.size()
+         << ")\n  expected ..." << hex(expected.substr(from, 24)) << "\n  received ..."
+         << hex(actual.substr(std::min(from, actual.size()), 24));
 }
 
 class StreamRead : public support::StreamTest {
@@ -40,7 +40,8 @@ class StreamRead : public support::StreamTest {
   Reply expectNext(const std::string& countField, const std::string& word = "READ") {
     const controller::Request req = request(word, {countField});
     Reply r = call(req);
-    const size_t n = std::min(static_cast<size_t>(atoi(countField.c_str())), reference.size() - pos);
+    const size_t n =
+        std::min(static_cast<size_t>(atoi(countField.c_str())), reference.size() - pos);
     EXPECT_TRUE(sameFrame(expectedReadReply(req.echo, word, reference.substr(pos, n)), r.frame))
         << word << " " << countField << " at stream position " << pos;
     pos += n;
@@ -82,7 +83,7 @@ class WholeStream : public StreamRead, public ::testing::WithParamInterface<Fetc
 
 TEST_P(WholeStream, BytesAreWhatLibmmsReadsThenEofForGood) {
   const FetchCase& c = GetParam();
-  expectStatusFor(countDigits(c.count), "ERR");   // no stream yet
+  expectStatusFor(countDigits(c.count), "ERR");  // no stream yet
   ASSERT_NO_FATAL_FAILURE(open(c.transport, c.scheme));
   // One byte at a time over the header and first packets, then big pieces.
   const size_t byOwnCount = c.count == 1 ? 4000 : reference.size();
@@ -101,22 +102,24 @@ TEST_P(WholeStream, BytesAreWhatLibmmsReadsThenEofForGood) {
                                           " stream! ",
                                       "[commandClose()] MMS close!! : 0"}),
             newLines());
-  expectStatus("CLOSE", "OK_");   // nothing left to close
+  expectStatus("CLOSE", "OK_");  // nothing left to close
   expectStatusFor(countDigits(c.count), "ERR");
   EXPECT_EQ(std::vector<std::string>{}, newLines());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Fetch, WholeStream,
-    ::testing::Values(FetchCase{"mms", Transport::MMST, 1}, FetchCase{"mmst", Transport::MMST, 1000},
-                      FetchCase{"mms", Transport::MMST, 32768},
-                      FetchCase{"mmst", Transport::MMST, MAX_READ},
-                      FetchCase{"mmsh", Transport::MMSH, 1}, FetchCase{"http", Transport::MMSH, 1000},
-                      FetchCase{"mmsh", Transport::MMSH, 32768},
-                      FetchCase{"http", Transport::MMSH, MAX_READ}),
-    [](const ::testing::TestParamInfo<FetchCase>& info) {
-      return std::string(info.param.scheme) + "_" + std::to_string(info.param.count);
-    });
+INSTANTIATE_TEST_SUITE_P(Fetch, WholeStream,
+                         ::testing::Values(FetchCase{"mms", Transport::MMST, 1},
+                                           FetchCase{"mmst", Transport::MMST, 1000},
+                                           FetchCase{"mms", Transport::MMST, 32768},
+                                           FetchCase{"mmst", Transport::MMST, MAX_READ},
+                                           FetchCase{"mmsh", Transport::MMSH, 1},
+                                           FetchCase{"http", Transport::MMSH, 1000},
+                                           FetchCase{"mmsh", Transport::MMSH, 32768},
+                                           FetchCase{"http", Transport::MMSH, MAX_READ}),
+                         [](const ::testing::TestParamInfo<FetchCase>& info) {
+                           return std::string(info.param.scheme) + "_" +
+                                  std::to_string(info.param.count);
+                         });
 
 // ---- The reply's layout, on both transports
 
@@ -129,10 +132,10 @@ class ReplyLayout : public StreamRead, public ::testing::WithParamInterface<Tran
 };
 
 TEST_P(ReplyLayout, CountFieldIsReadAsAtoiDoes) {
-  expectStatusFor("abcdefgh", "EOF");   // no digits: count 0, no bytes
+  expectStatusFor("abcdefgh", "EOF");  // no digits: count 0, no bytes
   expectStatusFor("00000000", "EOF");
-  expectNext("12ab5678");               // the digits up to the first other byte
-  expectNext(1000);                     // none of that moved the stream further
+  expectNext("12ab5678");  // the digits up to the first other byte
+  expectNext(1000);        // none of that moved the stream further
 }
 
 TEST_P(ReplyLayout, FieldsAreLaidOutToTheByte) {
@@ -151,7 +154,7 @@ TEST_P(ReplyLayout, FieldsAreLaidOutToTheByte) {
   EXPECT_EQ(hex(bytes({0x00, 0x12, 0x34, 0x00})), hex(r.frame.substr(30, 4)));
   EXPECT_EQ(hex(bytes({0x12, 0x4C})), hex(r.frame.substr(9, 2))) << "body length 4660 + 24";
 
-  r = expectNext(100, "READX");   // a longer word is echoed whole
+  r = expectNext(100, "READX");  // a longer word is echoed whole
   EXPECT_EQ("READX", r.word());
   EXPECT_EQ(12u + 100 + 25 + 1, r.frame.size());
 }
@@ -160,7 +163,7 @@ TEST_P(ReplyLayout, LargestCountFillsTheBodyLengthField) {
   const Reply r = expectNext(MAX_READ);
   EXPECT_EQ(hex(bytes({0xFF, 0xFF})), hex(r.frame.substr(9, 2)));
   EXPECT_EQ(hex(bytes({0x00, 0xFF, 0xE7, 0x00})), hex(r.frame.substr(30, 4)));
-  expectNext(MAX_READX, "READX");   // the longer word's own limit
+  expectNext(MAX_READX, "READX");  // the longer word's own limit
 }
 
 // Refused (ERR) or dropped (no reply) before the stream is touched: the
@@ -173,14 +176,16 @@ TEST_P(ReplyLayout, CountsNoReplyCanCarryAreRefusedWithoutLoss) {
     expectNext(1000);
   }
   expectStatusFor(countDigits(MAX_READX + 1), "ERR", "READX");
-  for (const char* count : {"0001000", "000001000", ""}) ASSERT_TRUE(session.send(request("READ", {count})));
+  for (const char* count : {"0001000", "000001000", ""})
+    ASSERT_TRUE(session.send(request("READ", {count})));
   ASSERT_TRUE(session.send(request("READ")));
   expectOnlyCcheckReply(nextEcho());
   expectNext(1000);
   EXPECT_EQ(std::vector<std::string>{}, newLines());
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, ReplyLayout, ::testing::Values(Transport::MMST, Transport::MMSH),
+INSTANTIATE_TEST_SUITE_P(Transports, ReplyLayout,
+                         ::testing::Values(Transport::MMST, Transport::MMSH),
                          [](const ::testing::TestParamInfo<Transport>& info) {
                            return std::string(info.param == Transport::MMST ? "MMST" : "MMSH");
                          });

@@ -33,20 +33,32 @@ const int BIG_READ = 65511;
 // budget ends is seen as the worker's death, not as a missing reply.
 const int HAZARD_REPLY_TIMEOUT_S = 15;
 
-enum class Kind { COVERED, OPEN_FAILS, DRIP, SHORT_READ, GARBAGE, LONG_URL, NUL_IN_URL, DIES, CONTINUES };
+enum class Kind {
+  COVERED,
+  OPEN_FAILS,
+  DRIP,
+  SHORT_READ,
+  GARBAGE,
+  LONG_URL,
+  NUL_IN_URL,
+  DIES,
+  CONTINUES
+};
 
 struct Row {
-  const char* id;   // test name; "Slow" ones sit out a media wait
+  const char* id;  // test name; "Slow" ones sit out a media wait
   const char* fault;
   const char* outcome;
   Transport transport;
   Kind kind;
   Faults faults;
-  int signal;       // DIES: the signal, 0 for any
+  int signal;  // DIES: the signal, 0 for any
   const char* coveredBy;
 };
 
-void PrintTo(const Row& row, std::ostream* os) { *os << row.id; }
+void PrintTo(const Row& row, std::ostream* os) {
+  *os << row.id;
+}
 
 template <typename Set>
 Faults with(Set set) {
@@ -77,16 +89,27 @@ const std::vector<Row>& matrix() {
   const Faults absurdHeader = with([](Faults& f) { f.absurdHeaderSize = true; });
   const Faults absurdPacket = with([](Faults& f) { f.absurdPacketSize = true; });
   // Bytes of the second packet 2.5 s apart: no single wait reaches 7 s.
-  const Faults drip = with([](Faults& f) { f.slowPacket = 1; f.slowBytes = 3; f.slowGapMs = 2500; });
+  const Faults drip = with([](Faults& f) {
+    f.slowPacket = 1;
+    f.slowBytes = 3;
+    f.slowGapMs = 2500;
+  });
   // One byte, then 8 s: the callback gives up after 7 s.
-  const Faults pause = with([](Faults& f) { f.slowPacket = 1; f.slowBytes = 1; f.slowGapMs = 8000; });
+  const Faults pause = with([](Faults& f) {
+    f.slowPacket = 1;
+    f.slowBytes = 1;
+    f.slowGapMs = 8000;
+  });
   const Faults zeroSize = with([](Faults& f) { f.zeroSizeObject = true; });
   static const std::vector<Row> rows = {
       // ---- Media servers
-      row("RefuseMmst", "server closes each connection at accept", ERR_AT_ONCE, T, Kind::OPEN_FAILS, refuse),
-      row("RefuseMmsh", "server closes each connection at accept", ERR_AT_ONCE, H, Kind::OPEN_FAILS, refuse),
+      row("RefuseMmst", "server closes each connection at accept", ERR_AT_ONCE, T, Kind::OPEN_FAILS,
+          refuse),
+      row("RefuseMmsh", "server closes each connection at accept", ERR_AT_ONCE, H, Kind::OPEN_FAILS,
+          refuse),
       covered("port refuses the connection", "CONNECT ERR at once, one report per attempt",
-              "stream_connect_e2e Rows/UrlForms.OpenWithTheTransportAndProxyTheFormCallsFor/direct_mms_refused"),
+              "stream_connect_e2e "
+              "Rows/UrlForms.OpenWithTheTransportAndProxyTheFormCallsFor/direct_mms_refused"),
       covered("server stalls before the header", "CONNECT ERR after the 7-second wait",
               "callbacks_e2e_slow Callbacks.SlowStallBeforeTheHeaderFailsTheConnect"),
       covered("server stalls mid-stream", "READ answers what came after the 7-second wait",
@@ -102,16 +125,20 @@ const std::vector<Row>& matrix() {
           "the READ waits them all out and answers whole", T, Kind::DRIP, drip),
       row("DripMmsh", "one byte every 2.5 s inside a data packet",
           "the READ waits them all out and answers whole", H, Kind::DRIP, drip),
-      row("TruncatedHeaderMmst", "header cut short, then close", ERR_AT_ONCE, T, Kind::OPEN_FAILS, truncated),
-      row("TruncatedHeaderMmsh", "header cut short, then close", ERR_AT_ONCE, H, Kind::OPEN_FAILS, truncated),
+      row("TruncatedHeaderMmst", "header cut short, then close", ERR_AT_ONCE, T, Kind::OPEN_FAILS,
+          truncated),
+      row("TruncatedHeaderMmsh", "header cut short, then close", ERR_AT_ONCE, H, Kind::OPEN_FAILS,
+          truncated),
       row("AbsurdHeaderSizeMmst", "header length far beyond the real one", ERR_AT_ONCE, T,
           Kind::OPEN_FAILS, absurdHeader),
       row("AbsurdHeaderSizeMmsh", "header length far beyond the real one", ERR_AT_ONCE, H,
           Kind::OPEN_FAILS, absurdHeader),
-      row("AbsurdPacketSizeMmst", "packet size of 256 MiB", ERR_AT_ONCE, T, Kind::OPEN_FAILS, absurdPacket),
-      row("AbsurdPacketSizeMmsh", "packet size of 1 GiB", ERR_AT_ONCE, H, Kind::OPEN_FAILS, absurdPacket),
-      row("CloseBeforePlayMmsh", "describe served, play connection closed unanswered", ERR_AT_ONCE, H,
-          Kind::OPEN_FAILS, with([](Faults& f) { f.closeBeforePlay = true; })),
+      row("AbsurdPacketSizeMmst", "packet size of 256 MiB", ERR_AT_ONCE, T, Kind::OPEN_FAILS,
+          absurdPacket),
+      row("AbsurdPacketSizeMmsh", "packet size of 1 GiB", ERR_AT_ONCE, H, Kind::OPEN_FAILS,
+          absurdPacket),
+      row("CloseBeforePlayMmsh", "describe served, play connection closed unanswered", ERR_AT_ONCE,
+          H, Kind::OPEN_FAILS, with([](Faults& f) { f.closeBeforePlay = true; })),
       // ---- The controller
       covered("controller silent for 60 s", "the worker shuts down, status 0",
               "process_core_e2e_slow ProcessEnd.SlowSilenceOf60SecondsEndsTheProcess"),
@@ -135,8 +162,10 @@ const std::vector<Row>& matrix() {
       row("LongUrlMmst", "CONNECT with a URL of 60,000 bytes", SERVES_ON, T, Kind::LONG_URL),
       row("SlowLongUrlMmsh", "CONNECT with a URL of 60,000 bytes",
           "answered (after the 7-second wait); the worker goes on serving", H, Kind::LONG_URL),
-      row("NulInUrlMmst", "CONNECT with a NUL byte in a counted URL", SERVES_ON, T, Kind::NUL_IN_URL),
-      row("NulInUrlMmsh", "CONNECT with a NUL byte in a counted URL", SERVES_ON, H, Kind::NUL_IN_URL),
+      row("NulInUrlMmst", "CONNECT with a NUL byte in a counted URL", SERVES_ON, T,
+          Kind::NUL_IN_URL),
+      row("NulInUrlMmsh", "CONNECT with a NUL byte in a counted URL", SERVES_ON, H,
+          Kind::NUL_IN_URL),
       covered("SIGTERM during a READ that waits on a stalled server",
               "the 18-byte notice, status 0, the stream released, no shut-down lines",
               "callbacks_e2e MidStream.SigtermDuringAWaitingReadEndsTheProcessAtOnce"),
@@ -159,9 +188,11 @@ const std::vector<Row>& matrix() {
           "READs answered for ever, the header again inside the data; reconnects without limit", H,
           Kind::CONTINUES, with([](Faults& f) { f.continueAtEnd = true; })),
       row("SlowShortReadMmst", "8 s pause inside a data packet",
-          "READ answers after 7 s; the rest of the stream is lost or misread", T, Kind::SHORT_READ, pause),
+          "READ answers after 7 s; the rest of the stream is lost or misread", T, Kind::SHORT_READ,
+          pause),
       row("SlowShortReadMmsh", "8 s pause inside a data packet",
-          "READ answers after 7 s; the rest of the stream is lost or misread", H, Kind::SHORT_READ, pause),
+          "READ answers after 7 s; the rest of the stream is lost or misread", H, Kind::SHORT_READ,
+          pause),
   };
   return rows;
 }
@@ -312,14 +343,22 @@ TEST_P(FaultMatrix, Outcome) {
   if (r.kind == Kind::GARBAGE) return garbage();
   MmsTestServer& server = startServer(r.transport, r.faults);
   switch (r.kind) {
-    case Kind::OPEN_FAILS: return openFails(server);
-    case Kind::DRIP: return drip(server);
-    case Kind::SHORT_READ: return shortRead(server);
-    case Kind::LONG_URL: return longUrl(server);
-    case Kind::NUL_IN_URL: return nulInUrl(server);
-    case Kind::DIES: return dies(server, r.signal);
-    case Kind::CONTINUES: return continues(server);
-    default: FAIL() << "row without a runner";
+    case Kind::OPEN_FAILS:
+      return openFails(server);
+    case Kind::DRIP:
+      return drip(server);
+    case Kind::SHORT_READ:
+      return shortRead(server);
+    case Kind::LONG_URL:
+      return longUrl(server);
+    case Kind::NUL_IN_URL:
+      return nulInUrl(server);
+    case Kind::DIES:
+      return dies(server, r.signal);
+    case Kind::CONTINUES:
+      return continues(server);
+    default:
+      FAIL() << "row without a runner";
   }
 }
 
@@ -331,10 +370,13 @@ std::vector<Row> runnableRows() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, FaultMatrix, ::testing::ValuesIn(runnableRows()),
-                         [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.id); });
+                         [](const ::testing::TestParamInfo<Row>& info) {
+                           return std::string(info.param.id);
+                         });
 
 TEST(FaultMatrixTable, EveryRowIsRunHereOrNamesItsTest) {
-  for (const Row& r : matrix()) EXPECT_NE(r.kind == Kind::COVERED, r.coveredBy == nullptr) << r.fault;
+  for (const Row& r : matrix())
+    EXPECT_NE(r.kind == Kind::COVERED, r.coveredBy == nullptr) << r.fault;
 }
 
 }  // namespace

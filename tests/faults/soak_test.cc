@@ -34,7 +34,7 @@ TEST_F(Soak, CyclesLeakNeitherMemoryNorDescriptors) {
     ASSERT_EQ("OK_", r.status()) << "cycle " << i;
     ASSERT_TRUE(r.values().at(1).bytes == head) << "cycle " << i;
     ASSERT_EQ("OK_", command("CLOSE").status()) << "cycle " << i;
-    session.worker().stderrText();   // about ten lines a cycle: a full pipe blocks the worker
+    session.worker().stderrText();  // about ten lines a cycle: a full pipe blocks the worker
     if (i == WARM_UP) {
       baseRss = peakRss = support::residentKb(pid);
       baseFds = peakFds = lastFds = support::openFds(pid);

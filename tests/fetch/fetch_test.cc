@@ -3,6 +3,7 @@
 // no worker, no socket file, no partial output unless asked for.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
@@ -14,8 +15,6 @@
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "tests/support/support.h"
 
@@ -71,7 +70,9 @@ class FetchTest : public ::testing::Test {
     return argv;
   }
 
-  RunResult fetch(const std::vector<std::string>& args) { return support::run(command(args), 60000); }
+  RunResult fetch(const std::vector<std::string>& args) {
+    return support::run(command(args), 60000);
+  }
 
   // No worker, no socket file, no output file (unless `kept`), no partial.
   void expectNothingLeft(const std::string& output, bool kept = false) {
@@ -87,14 +88,16 @@ class FetchTest : public ::testing::Test {
 
 // ---- Whole streams, window 1 and 4
 
-class WholeFetch : public FetchTest, public ::testing::WithParamInterface<std::pair<Transport, int>> {};
+class WholeFetch : public FetchTest,
+                   public ::testing::WithParamInterface<std::pair<Transport, int>> {};
 
 TEST_P(WholeFetch, GivesLibmmsBytesAndEndsCleanly) {
   const std::string url = serve(GetParam().first);
   std::string expected;
   ASSERT_TRUE(support::libmmsStream(url, expected));
   ASSERT_GT(expected.size(), 200000u);
-  const RunResult r = fetch({url, "-o", out, "--verbose", "--window", std::to_string(GetParam().second)});
+  const RunResult r =
+      fetch({url, "-o", out, "--verbose", "--window", std::to_string(GetParam().second)});
   ASSERT_EQ(FETCHED, r.exitCode) << r.output;
   EXPECT_EQ(-1, support::firstDifference(expected, support::readFile(out)));
   // Past the end every READ answers EOF; the worker is ended with PEND.
@@ -104,19 +107,21 @@ TEST_P(WholeFetch, GivesLibmmsBytesAndEndsCleanly) {
   expectNothingLeft(r.output, true);
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, WholeFetch,
-                         ::testing::Values(std::make_pair(Transport::MMST, 1), std::make_pair(Transport::MMST, 4),
-                                           std::make_pair(Transport::MMSH, 1), std::make_pair(Transport::MMSH, 4)),
-                         [](const ::testing::TestParamInfo<std::pair<Transport, int>>& info) {
-                           return std::string(info.param.first == Transport::MMST ? "Mmst" : "Mmsh") +
-                                  "Window" + std::to_string(info.param.second);
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Transports, WholeFetch,
+    ::testing::Values(std::make_pair(Transport::MMST, 1), std::make_pair(Transport::MMST, 4),
+                      std::make_pair(Transport::MMSH, 1), std::make_pair(Transport::MMSH, 4)),
+    [](const ::testing::TestParamInfo<std::pair<Transport, int>>& info) {
+      return std::string(info.param.first == Transport::MMST ? "Mmst" : "Mmsh") + "Window" +
+             std::to_string(info.param.second);
+    });
 
 TEST_F(FetchTest, MaxBytesStopsExactlyThereWithReadsInFlight) {
   const std::string url = serve(Transport::MMSH);
   std::string expected;
   ASSERT_TRUE(support::libmmsStream(url, expected));
-  const RunResult r = fetch({url, "-o", out, "--max-bytes", "100000", "--count", "30000", "--window", "4", "-v"});
+  const RunResult r =
+      fetch({url, "-o", out, "--max-bytes", "100000", "--count", "30000", "--window", "4", "-v"});
   ASSERT_EQ(FETCHED, r.exitCode) << r.output;
   EXPECT_EQ(expected.substr(0, 100000), support::readFile(out));
   // 30000 three times and the 10000 left: no READ asks beyond the limit.
@@ -133,7 +138,8 @@ TEST_F(FetchTest, KeepAliveWhileTheOutputIsBlocked) {
   ASSERT_TRUE(support::libmmsStream(url, expected));
   const std::string err = dir.file("err.txt");
   const RunResult r = support::run(
-      {"bash", "-c", "set -o pipefail; \"$0\" \"$1\" -v --keep-alive 1 2>\"$2\" | (sleep 4; cat >\"$3\")",
+      {"bash", "-c",
+       "set -o pipefail; \"$0\" \"$1\" -v --keep-alive 1 2>\"$2\" | (sleep 4; cat >\"$3\")",
        support::fetchToolPath(), url, err, out},
       60000);
   const std::string log = support::readFile(err);
@@ -148,7 +154,7 @@ TEST_F(FetchTest, KeepAliveWhileTheOutputIsBlocked) {
 
 TEST_F(FetchTest, ProgressLineOnATerminalAndASlowStreamIsNoTimeOut) {
   Faults faults;
-  faults.dripIntervalMs = 1;   // a 3200-byte packet takes over 3 s
+  faults.dripIntervalMs = 1;  // a 3200-byte packet takes over 3 s
   const std::string url = serve(Transport::MMST, faults);
   int master = -1, slave = -1;
   ASSERT_EQ(0, openpty(&master, &slave, nullptr, nullptr, nullptr));
@@ -190,7 +196,7 @@ TEST_F(FetchTest, ProgressLineOnATerminalAndASlowStreamIsNoTimeOut) {
        at = screen.find("\r\x1b[K", at + 1)) {
     const size_t end = std::min(screen.find_first_of("\r\n", at + 1), screen.size());
     const std::string update = screen.substr(at, end - at);
-    if (update.size() == 4 || has(update, "halvarine-fetch:")) continue;   // cleared for a message
+    if (update.size() == 4 || has(update, "halvarine-fetch:")) continue;  // cleared for a message
     ++updates;
     EXPECT_TRUE(std::regex_match(update, line)) << controller::hex(update);
     withTimeLeft += has(update, " left");
@@ -204,7 +210,8 @@ TEST_F(FetchTest, ProgressLineOnATerminalAndASlowStreamIsNoTimeOut) {
 
 TEST_F(FetchTest, RefusedPortIsConnectErr) {
   support::RefusingPort refusing;
-  const RunResult r = fetch({"mms://127.0.0.1:" + std::to_string(refusing.port()) + "/x", "-o", out, "-v"});
+  const RunResult r =
+      fetch({"mms://127.0.0.1:" + std::to_string(refusing.port()) + "/x", "-o", out, "-v"});
   EXPECT_EQ(CONNECT_ERR, r.exitCode) << r.output;
   // The worker's own words are shown, and it was still ended politely.
   for (const char* text : {"CONNECT answered ERR", "MMS connect server!! : 2", "< PEND OK_"}) {
@@ -239,7 +246,7 @@ TEST_F(FetchTest, MissingOrUnrunnableWorker) {
 
 TEST_F(FetchTest, WorkerKilledMidFetch) {
   Faults faults;
-  faults.stallAfter = 100000;   // some data, then silence
+  faults.stallAfter = 100000;  // some data, then silence
   support::Child tool(command({serve(Transport::MMST, faults), "-o", out, "-v"}));
   ASSERT_TRUE(tool.waitForOutput("< READ OK_", 20000)) << tool.output();
   const pid_t worker = workerPid(tool.output());
@@ -256,7 +263,8 @@ TEST_F(FetchTest, StalledStreamTripsTheReplyTimeout) {
   Faults faults;
   faults.stallAfter = 100000;
   const auto start = support::Clock::now();
-  const RunResult r = fetch({serve(Transport::MMST, faults), "-o", out, "-v", "--reply-timeout", "2"});
+  const RunResult r =
+      fetch({serve(Transport::MMST, faults), "-o", out, "-v", "--reply-timeout", "2"});
   EXPECT_EQ(TIMED_OUT, r.exitCode) << r.output;
   EXPECT_TRUE(has(r.output, "no reply to READ within 2 s")) << r.output;
   EXPECT_LT(support::secondsSince(start), 7.0) << "before the worker's own 7-second wait";
@@ -265,7 +273,7 @@ TEST_F(FetchTest, StalledStreamTripsTheReplyTimeout) {
 
 TEST_F(FetchTest, SigintMidFetchEndsEverything) {
   Faults faults;
-  faults.dripIntervalMs = 1;   // a READ of 65511 bytes would take over a minute
+  faults.dripIntervalMs = 1;  // a READ of 65511 bytes would take over a minute
   support::Child tool(command({serve(Transport::MMSH, faults), "-o", out, "-v"}));
   ASSERT_TRUE(tool.waitForOutput("> READ", 60000)) << tool.output();
   const auto start = support::Clock::now();

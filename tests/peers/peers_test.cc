@@ -17,12 +17,14 @@ using support::countLines;
 
 namespace {
 
-const std::string ASF_HEADER_GUID("\x30\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C",
-                                  16);
+const std::string ASF_HEADER_GUID(
+    "\x30\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C", 16);
 const char OPEN_MMSH_OK[] = "[WrapperMms::connect()] open MMSH stream success!";
 const char OPEN_MMST[] = "[WrapperMms::connect()] open MMST stream!";
 
-bool runningAsRoot() { return geteuid() == 0; }
+bool runningAsRoot() {
+  return geteuid() == 0;
+}
 
 // tinyproxy drops root on its own; VLC refuses to run as root. As root the
 // helpers run as nobody, from a directory that account can read.
@@ -33,7 +35,8 @@ struct Helper {
   bool find(std::string& error) {
     const passwd* pw = getpwnam(user.c_str());
     const struct group* gr = getgrnam(groupName.c_str());
-    if (pw == nullptr || gr == nullptr) return error = "no account " + user + ":" + groupName, false;
+    if (pw == nullptr || gr == nullptr)
+      return error = "no account " + user + ":" + groupName, false;
     uid = pw->pw_uid;
     gid = gr->gr_gid;
     return true;
@@ -80,7 +83,8 @@ TEST_F(PeerTest, WholeStreamThroughTinyproxyEqualsTheDirectRead) {
     ASSERT_TRUE(support::writeFile(
         conf, settings + "Port " + std::to_string(port) +
                   "\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 30\nMaxClients 16\n"
-                  "LogLevel Info\nLogFile \"" + log + "\"\n"));
+                  "LogLevel Info\nLogFile \"" +
+                  log + "\"\n"));
     proxy.reset(new support::Child({"tinyproxy", "-d", "-c", conf}));
     if (!support::waitForListener("127.0.0.1", port, 5000, proxy.get())) proxy.reset();
   }
@@ -114,7 +118,8 @@ TEST_F(PeerTest, WholeStreamThroughTinyproxyEqualsTheDirectRead) {
 // time, so the worker reads a bounded amount.
 
 TEST_F(PeerTest, WorkerReadsVlcMmshOutputInBothUrlForms) {
-  if (support::findProgram("cvlc").empty()) GTEST_SKIP() << "cvlc (vlc-bin, vlc-plugin-base) absent";
+  if (support::findProgram("cvlc").empty())
+    GTEST_SKIP() << "cvlc (vlc-bin, vlc-plugin-base) absent";
   Helper account;
   std::string error;
   ASSERT_TRUE(!runningAsRoot() || account.find(error)) << error;
@@ -126,9 +131,10 @@ TEST_F(PeerTest, WorkerReadsVlcMmshOutputInBothUrlForms) {
     // Played once: looped, VLC has no header for a moment at each turn.
     const uint16_t port = support::freeTcpPort("127.0.0.1");
     std::vector<std::string> argv = account.prefix();
-    argv.insert(argv.end(), {"env", "HOME=" + dir.path(), "cvlc", "-I", "dummy", "--play-and-exit",
-                             sample, "--sout",
-                             "#std{access=mmsh,mux=asfh,dst=127.0.0.1:" + std::to_string(port) + "}"});
+    argv.insert(
+        argv.end(),
+        {"env", "HOME=" + dir.path(), "cvlc", "-I", "dummy", "--play-and-exit", sample, "--sout",
+         "#std{access=mmsh,mux=asfh,dst=127.0.0.1:" + std::to_string(port) + "}"});
     support::Child vlc(argv);
     // VLC accepts before its mux has a header, and then sends none.
     bool serving = support::waitForListener("127.0.0.1", port, 15000, &vlc);
@@ -140,8 +146,9 @@ TEST_F(PeerTest, WorkerReadsVlcMmshOutputInBothUrlForms) {
     }
     ASSERT_TRUE(serving) << "VLC did not serve: " << vlc.output();
 
-    ASSERT_EQ("OK_", connect(scheme + std::string("127.0.0.1:") + std::to_string(port) + "/", 20)
-                         .status());
+    ASSERT_EQ(
+        "OK_",
+        connect(scheme + std::string("127.0.0.1:") + std::to_string(port) + "/", 20).status());
     // About 36 KB a second for 6 s.
     const Fetched got = readStream(32768, 200 * 1024, 10);
     EXPECT_TRUE(got.lastStatus == "OK_" || got.lastStatus == "EOF") << got.lastStatus;
@@ -149,7 +156,8 @@ TEST_F(PeerTest, WorkerReadsVlcMmshOutputInBothUrlForms) {
     EXPECT_EQ(0, got.bytes.compare(0, 16, ASF_HEADER_GUID));
     // The whole header object, and stream data behind it.
     uint64_t headerSize = 0;
-    for (int i = 7; i >= 0; --i) headerSize = (headerSize << 8) | static_cast<unsigned char>(got.bytes[16 + i]);
+    for (int i = 7; i >= 0; --i)
+      headerSize = (headerSize << 8) | static_cast<unsigned char>(got.bytes[16 + i]);
     EXPECT_GT(headerSize, 30u);
     EXPECT_GT(got.bytes.size(), headerSize);
     EXPECT_EQ("OK_", command("CLOSE").status());
@@ -196,9 +204,11 @@ class NetNamespace {
     const std::string t = "halvarine_peers";
     return (exec({"nft", "add", "table", "ip", t}, error) &&
             exec({"nft", "add", "chain", "ip", t, "output",
-                  "{ type filter hook output priority 0 ; policy accept ; }"}, error) &&
+                  "{ type filter hook output priority 0 ; policy accept ; }"},
+                 error) &&
             exec({"nft", "add", "rule", "ip", t, "output", "ip", "daddr", address, "tcp", "dport",
-                  "1-65535", "drop"}, error)) ||
+                  "1-65535", "drop"},
+                 error)) ||
            exec({"iptables", "-A", "OUTPUT", "-d", address, "-p", "tcp", "-j", "DROP"}, error);
   }
   bool exec(const std::vector<std::string>& argv, std::string& output) {
@@ -220,7 +230,7 @@ class NetNamespace {
 
 class TwoAddress : public support::StreamTest {
  protected:
-  void SetUp() override {}   // the worker starts inside the namespace
+  void SetUp() override {}  // the worker starts inside the namespace
 };
 
 TEST_F(TwoAddress, SlowFirstAddressTimesOutThenTheSecondConnects) {
@@ -257,7 +267,8 @@ TEST_F(TwoAddress, SlowFirstAddressTimesOutThenTheSecondConnects) {
   const long entry = support::findLine(lines, "[WrapperMms::io_tcp_connect]");
   const long timeout = support::findLine(lines, "ERR - timeout");
   const long failed = support::findLine(lines, "[WrapperMms::io_tcp_connect] connect failed.");
-  const long success = support::findLine(lines, "[WrapperMms::connect()] open MMST stream success!");
+  const long success =
+      support::findLine(lines, "[WrapperMms::connect()] open MMST stream success!");
   EXPECT_TRUE(entry >= 0 && entry < timeout && timeout < failed && failed < success)
       << entry << " " << timeout << " " << failed << " " << success;
   for (const char* once : {"ERR - timeout", "[WrapperMms::io_tcp_connect] connect failed.",

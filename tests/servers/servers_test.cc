@@ -17,8 +17,8 @@ using support::RunResult;
 namespace {
 
 std::string schemeUrl(Transport t, const MmsTestServer& server) {
-  return std::string(t == Transport::MMST ? "mmst" : "mmsh") + "://127.0.0.1:" +
-         std::to_string(server.port()) + "/sample.asf";
+  return std::string(t == Transport::MMST ? "mmst" : "mmsh") +
+         "://127.0.0.1:" + std::to_string(server.port()) + "/sample.asf";
 }
 
 class ServerTest : public ::testing::Test {
@@ -68,7 +68,7 @@ TEST_P(BothServers, LibmmsAndFfmpegGetTheStreamOnEveryConnection) {
   }
   // The sample's packets are whole: the file up to its index object.
   EXPECT_EQ(0, support::readFile(support::samplePath()).compare(0, want.size(), want));
-  const int perClient = GetParam() == Transport::MMSH ? 2 : 1;   // describe, then play
+  const int perClient = GetParam() == Transport::MMSH ? 2 : 1;  // describe, then play
   EXPECT_EQ(4 * perClient, servedOnceSettled(4 * perClient));
 }
 
@@ -77,8 +77,8 @@ TEST_P(BothServers, LibmmsAndFfmpegGetTheStreamOnEveryConnection) {
 TEST_P(BothServers, GeneratedStreamsArriveExactly) {
   for (const auto& shape : {std::make_pair(200 * 1024, 128), std::make_pair(3 << 20, 16000)}) {
     SCOPED_TRACE(shape.second);
-    const std::string bytes = generateAsf(static_cast<uint64_t>(shape.first),
-                                          static_cast<uint32_t>(shape.second));
+    const std::string bytes =
+        generateAsf(static_cast<uint64_t>(shape.first), static_cast<uint32_t>(shape.second));
     AsfFile file;
     std::string error;
     ASSERT_TRUE(parseAsf(bytes, file, error)) << error;
@@ -104,9 +104,10 @@ TEST_P(BothServers, HeaderFaultsFailTheOpenPromptly) {
   absurdHeader.absurdHeaderSize = true;
   absurdPacket.absurdPacketSize = true;
   for (const Faults& faults : {cut, cutAtZero, absurdHeader, absurdPacket}) {
-    SCOPED_TRACE(faults.truncateHeader >= 0 ? "truncated at " + std::to_string(faults.truncateHeader)
-                 : faults.absurdHeaderSize  ? "absurd header size"
-                                            : "absurd packet size");
+    SCOPED_TRACE(faults.truncateHeader >= 0
+                     ? "truncated at " + std::to_string(faults.truncateHeader)
+                 : faults.absurdHeaderSize ? "absurd header size"
+                                           : "absurd packet size");
     start(GetParam(), support::sampleAsf(), faults);
     std::string bytes;
     const auto begin = support::Clock::now();
@@ -115,28 +116,31 @@ TEST_P(BothServers, HeaderFaultsFailTheOpenPromptly) {
     EXPECT_EQ(1, r.exitCode) << r.output;
     EXPECT_TRUE(bytes.empty());
     if (GetParam() == Transport::MMSH) {
-      const RunResult ff = support::run({support::findProgram("ffmpeg"), "-nostdin", "-loglevel",
-                                         "error", "-i", server->url(), "-c", "copy", "-f", "null",
-                                         "-"},
-                                        15000);
+      const RunResult ff =
+          support::run({support::findProgram("ffmpeg"), "-nostdin", "-loglevel", "error", "-i",
+                        server->url(), "-c", "copy", "-f", "null", "-"},
+                       15000);
       EXPECT_FALSE(ff.timedOut);
       EXPECT_NE(0, ff.exitCode) << ff.output;
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, BothServers, ::testing::Values(Transport::MMST, Transport::MMSH),
+INSTANTIATE_TEST_SUITE_P(Transports, BothServers,
+                         ::testing::Values(Transport::MMST, Transport::MMSH),
                          [](const ::testing::TestParamInfo<Transport>& info) {
                            return std::string(info.param == Transport::MMST ? "MMST" : "MMSH");
                          });
 
 // ---- The transfer faults, seen by libmms and a plain socket
 
-std::string playRequest() { return "GET /x HTTP/1.0\r\nPragma: xPlayStrm=1\r\n\r\n"; }
+std::string playRequest() {
+  return "GET /x HTTP/1.0\r\nPragma: xPlayStrm=1\r\n\r\n";
+}
 
 TEST_F(ServerTest, StallHoldsTheClientUntilTheServerStops) {
   Faults faults;
-  faults.stallAfter = 50000;   // past the describe answer, early in the play answer
+  faults.stallAfter = 50000;  // past the describe answer, early in the play answer
   start(Transport::MMSH, support::sampleAsf(), faults);
   support::Child fetch({support::libmmsFetchPath(), server->url(), dir.file("out")});
   EXPECT_FALSE(fetch.wait(1500)) << "stalled, not ended: " << fetch.output();

@@ -4,6 +4,8 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <libmms/mms.h>
+#include <libmms/mmsh.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -15,9 +17,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <libmms/mms.h>
-#include <libmms/mmsh.h>
 
 #include <algorithm>
 #include <fstream>
@@ -31,10 +30,18 @@ using controller::UniqueFd;
 
 namespace support {
 
-std::string samplePath() { return HALVARINE_SAMPLE_ASF; }
-std::string libmmsFetchPath() { return HALVARINE_LIBMMS_FETCH; }
-std::string mmsServerPath() { return HALVARINE_MMS_SERVER; }
-std::string fetchToolPath() { return HALVARINE_FETCH; }
+std::string samplePath() {
+  return HALVARINE_SAMPLE_ASF;
+}
+std::string libmmsFetchPath() {
+  return HALVARINE_LIBMMS_FETCH;
+}
+std::string mmsServerPath() {
+  return HALVARINE_MMS_SERVER;
+}
+std::string fetchToolPath() {
+  return HALVARINE_FETCH;
+}
 
 const AsfFile& sampleAsf() {
   static const AsfFile file = [] {
@@ -94,7 +101,9 @@ bool Child::running() {
   return pid_ > 0 && !exited_;
 }
 
-int Child::exitCode() const { return exited_ && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1; }
+int Child::exitCode() const {
+  return exited_ && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+}
 
 template <typename Done>
 bool Child::waitUntil(int timeoutMs, Done done) {
@@ -317,7 +326,7 @@ UniqueFd connectedSocket(const std::string& path) {
 bool controllerPathFree(int timeoutS) {
   const auto deadline = Clock::now() + std::chrono::seconds(timeoutS);
   do {
-    controller::ControllerListener probe;   // takes a stale file away, then its own
+    controller::ControllerListener probe;  // takes a stale file away, then its own
     if (probe.listen()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
   } while (Clock::now() < deadline);
@@ -348,7 +357,9 @@ void expectNothingLeft(pid_t pid) {
   EXPECT_FALSE(fileExists(controller::DEFAULT_SOCKET_PATH)) << "controller socket file left";
 }
 
-std::string unresolvableHost() { return std::string(64, 'x') + ".invalid"; }
+std::string unresolvableHost() {
+  return std::string(64, 'x') + ".invalid";
+}
 
 uint16_t freeTcpPort(const std::string& address) {
   uint16_t port = 0;
@@ -383,7 +394,8 @@ RawExchange rawExchange(uint16_t port, const std::string& request) {
   setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   char buf[65536];
   ssize_t n;
-  while ((n = read(fd.get(), buf, sizeof buf)) > 0) result.bytes.append(buf, static_cast<size_t>(n));
+  while ((n = read(fd.get(), buf, sizeof buf)) > 0)
+    result.bytes.append(buf, static_cast<size_t>(n));
   if (n < 0) result.error = errno;
   return result;
 }
@@ -413,12 +425,13 @@ std::string expectedReply(unsigned char echo, const std::vector<std::string>& fi
   return frameAround(echo, body + "\n", 'R');
 }
 
-std::string expectedReadReply(unsigned char echo, const std::string& word, const std::string& data) {
+std::string expectedReadReply(unsigned char echo, const std::string& word,
+                              const std::string& data) {
   const size_t n = data.size();
-  const std::string body = word + "\nOK_\n" + countDigits(static_cast<int>(n)) + "\n" +
-                           bytes({0x00, static_cast<int>((n >> 8) & 0xFF),
-                                  static_cast<int>(n & 0xFF), 0x00}) +
-                           data + "\n\n";
+  const std::string body =
+      word + "\nOK_\n" + countDigits(static_cast<int>(n)) + "\n" +
+      bytes({0x00, static_cast<int>((n >> 8) & 0xFF), static_cast<int>(n & 0xFF), 0x00}) + data +
+      "\n\n";
   return frameAround(echo, body, 'R');
 }
 
@@ -449,7 +462,9 @@ std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& line
 
 // ---- Fixtures
 
-void WorkerTest::SetUp() { startWorker(); }
+void WorkerTest::SetUp() {
+  startWorker();
+}
 
 void WorkerTest::startWorker(const std::vector<std::string>& prefix) {
   controller::WorkerSession::Options options;
@@ -467,7 +482,7 @@ void WorkerTest::TearDown() {
 Reply WorkerTest::call(const Request& req, int timeoutS) {
   Reply r;
   EXPECT_TRUE(session.call(req, timeoutS, r)) << session.error();
-  if (r.fields.size() < 2) r.fields.resize(2);   // a failed call reads as empty words
+  if (r.fields.size() < 2) r.fields.resize(2);  // a failed call reads as empty words
   return r;
 }
 
@@ -566,15 +581,15 @@ std::vector<std::string> StreamTest::openLines(const std::string& url, Transport
                                     "[WrapperMms::connect()] call! ",
                                     "[WrapperMms::connect()] url=" + url};
   if (transport == Transport::MMST) {
-    lines.insert(lines.end(), {"[WrapperMms::connect()] open MMST stream!",
-                               "[WrapperMms::io_tcp_connect]",
-                               "[WrapperMms::connect()] open MMST stream success!"});
+    lines.insert(lines.end(),
+                 {"[WrapperMms::connect()] open MMST stream!", "[WrapperMms::io_tcp_connect]",
+                  "[WrapperMms::connect()] open MMST stream success!"});
   } else {
     // Describe (answered with the header and the server's close), then play.
-    lines.insert(lines.end(), {"[WrapperMms::connect()] open MMSH stream!",
-                               "[WrapperMms::io_tcp_connect]", "[WrapperMms::io_read()] EOF",
-                               "[WrapperMms::io_tcp_connect]",
-                               "[WrapperMms::connect()] open MMSH stream success!"});
+    lines.insert(lines.end(),
+                 {"[WrapperMms::connect()] open MMSH stream!", "[WrapperMms::io_tcp_connect]",
+                  "[WrapperMms::io_read()] EOF", "[WrapperMms::io_tcp_connect]",
+                  "[WrapperMms::connect()] open MMSH stream success!"});
   }
   lines.push_back("[commandConnect()] MMS connect server!! : 0");
   return lines;

@@ -20,7 +20,9 @@
 #include "tools/controller/controller.h"
 #include "tools/mmsserver/server.h"
 
-inline void PrintTo(Transport t, std::ostream* os) { *os << (t == Transport::MMST ? "MMST" : "MMSH"); }
+inline void PrintTo(Transport t, std::ostream* os) {
+  *os << (t == Transport::MMST ? "MMST" : "MMSH");
+}
 
 namespace support {
 
@@ -50,10 +52,10 @@ class Child {
 
   pid_t pid() const { return pid_; }
   void signal(int sig);
-  bool wait(int timeoutMs);                                   // true once ended
+  bool wait(int timeoutMs);  // true once ended
   bool waitForOutput(const std::string& text, int timeoutMs);
   bool running();
-  int exitCode() const;   // -1 when it ended by a signal or still runs
+  int exitCode() const;  // -1 when it ended by a signal or still runs
   const std::string& output() const { return output_; }
 
  private:
@@ -98,7 +100,7 @@ long long firstDifference(const std::string& a, const std::string& b);
 size_t occurrences(const std::string& text, const std::string& what);
 size_t countLines(const std::vector<std::string>& lines, const std::string& line);
 long findLine(const std::vector<std::string>& lines, const std::string& line);
-std::string findProgram(const std::string& name);   // on PATH; "" when absent
+std::string findProgram(const std::string& name);  // on PATH; "" when absent
 
 // ffmpeg's per-packet digest (stream, timestamps, size, payload MD5) of a
 // URL or file, stream copied; "" when ffmpeg fails.
@@ -145,7 +147,7 @@ class RefusingPort {
 
 struct RawExchange {
   std::string bytes;
-  int error = 0;   // errno of what ended it; 0 for a clean end
+  int error = 0;  // errno of what ended it; 0 for a clean end
 };
 // Sends `request` to 127.0.0.1:port and reads until the server closes.
 RawExchange rawExchange(uint16_t port, const std::string& request);
@@ -159,7 +161,7 @@ std::string frameAround(unsigned char echo, const std::string& body, unsigned ch
 std::string expectedReply(unsigned char echo, const std::vector<std::string>& fields);
 // A READ reply carrying `data`.
 std::string expectedReadReply(unsigned char echo, const std::string& word, const std::string& data);
-std::string countDigits(int count);   // %08d
+std::string countDigits(int count);  // %08d
 
 // `lines` with each report of a refused connect (at once, or through the
 // wait: the kernel's choice) replaced by the one line REFUSED.
@@ -200,7 +202,7 @@ class StreamTest : public WorkerTest {
   unsigned char nextEcho() { return echo_++; }
   controller::Request request(const std::string& word, const std::vector<std::string>& params = {});
   controller::Reply connect(const std::string& url, int timeoutS = REPLY_TIMEOUT_S);
-  controller::Reply connectCounted(const std::string& url);   // the URL as a counted field
+  controller::Reply connectCounted(const std::string& url);  // the URL as a counted field
   controller::Reply read(int count) { return call(request("READ", {countDigits(count)})); }
   controller::Reply command(const std::string& word) { return call(request(word)); }
   // `word` answered with exactly `status`.

@@ -1,12 +1,13 @@
 // The handlers' acceptance rules and the replies that need no stream, over a
 // real socket pair standing in for the controller.
 
+#include "commands/commands.h"
+
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "channel/transport.h"
-#include "commands/commands.h"
 #include "core/process.h"
 #include "mms/wrapper_mms.h"
 #include "stderr_capture.h"
@@ -30,8 +31,7 @@ class Handlers : public testing::Test {
     std::string bytes;
     char buf[4096];
     ssize_t n;
-    while ((n = read(fds_[1], buf, sizeof buf)) > 0)
-      bytes.append(buf, static_cast<size_t>(n));
+    while ((n = read(fds_[1], buf, sizeof buf)) > 0) bytes.append(buf, static_cast<size_t>(n));
     std::vector<ParamList> out;
     Packet frame;
     while (extractPacket(bytes, frame) == 0) {
@@ -69,8 +69,7 @@ TEST_F(Handlers, RefuseShortListsAndWrongWordsSilently) {
       {commandRead, request({"REA", "00001000"})},
   };
   StderrCapture err;
-  for (const Case& c : cases)
-    EXPECT_EQ(4u, c.handler(c.req)) << testing::PrintToString(c.req);
+  for (const Case& c : cases) EXPECT_EQ(4u, c.handler(c.req)) << testing::PrintToString(c.req);
   EXPECT_EQ("", err.text());
   EXPECT_TRUE(replies().empty());
 }
@@ -84,8 +83,7 @@ TEST_F(Handlers, RepliesWithoutAStream) {
   EXPECT_EQ(0u, commandPend(request({"PEND"})));
   EXPECT_EQ("", err.text());
   const std::vector<ParamList> expected = {
-      {"CCHECKX", "OK_"}, {"GSIZE", "ERR"}, {"CLOSE", "OK_"},
-      {"READX", "ERR"},   {"PEND", "OK_"}};
+      {"CCHECKX", "OK_"}, {"GSIZE", "ERR"}, {"CLOSE", "OK_"}, {"READX", "ERR"}, {"PEND", "OK_"}};
   EXPECT_EQ(expected, replies());
 }
 
@@ -96,8 +94,7 @@ TEST_F(Handlers, AClosedStreamObjectAnswersLikeNoStream) {
   commandClose(request({"CLOSE"}));
   commandRead(request({"READ", "abcdefgh"}));
   EXPECT_EQ("", err.text());
-  const std::vector<ParamList> expected = {
-      {"GSIZE", "ERR"}, {"CLOSE", "OK_"}, {"READ", "ERR"}};
+  const std::vector<ParamList> expected = {{"GSIZE", "ERR"}, {"CLOSE", "OK_"}, {"READ", "ERR"}};
   EXPECT_EQ(expected, replies());
   g_wrapperMms.reset();
 }

@@ -18,8 +18,7 @@ namespace {
 int openDescriptors() {
   int n = 0;
   DIR* d = opendir("/proc/self/fd");
-  while (readdir(d) != nullptr)
-    ++n;
+  while (readdir(d) != nullptr) ++n;
   closedir(d);
   return n;
 }
@@ -52,9 +51,10 @@ TEST(IoTcpConnect, ArgumentAndResolutionFailures) {
   {
     StderrCapture err;
     EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, nullptr, 80));
-    EXPECT_EQ("[WrapperMms::io_tcp_connect]\n"
-              "[WrapperMms::io_tcp_connect] invalid argument!\n",
-              err.text());
+    EXPECT_EQ(
+        "[WrapperMms::io_tcp_connect]\n"
+        "[WrapperMms::io_tcp_connect] invalid argument!\n",
+        err.text());
   }
   {
     // A label over 63 bytes is refused by the resolver itself, before any
@@ -62,9 +62,11 @@ TEST(IoTcpConnect, ArgumentAndResolutionFailures) {
     const std::string host = std::string(64, 'x') + ".invalid";
     StderrCapture err;
     EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, host.c_str(), 80));
-    EXPECT_EQ("[WrapperMms::io_tcp_connect]\n"
-              "[WrapperMms::io_tcp_connect] unable to resolve host: " + host + "\n",
-              err.text());
+    EXPECT_EQ(
+        "[WrapperMms::io_tcp_connect]\n"
+        "[WrapperMms::io_tcp_connect] unable to resolve host: " +
+            host + "\n",
+        err.text());
   }
 }
 
@@ -74,12 +76,14 @@ TEST(IoTcpConnect, RefusedAddressFailsOnceAndLeaksNothing) {
   EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, "127.0.0.1", closedPort()));
   const std::string log = err.text();
   // Loopback refuses either at once or through the pending socket error.
-  EXPECT_TRUE(log == "[WrapperMms::io_tcp_connect]\n"
-                     "ERR - connect with select : 111\n"
-                     "[WrapperMms::io_tcp_connect] connect failed.\n" ||
-              log == "[WrapperMms::io_tcp_connect]\n"
-                     "ERR - connect\n errno = 111 / msg = Connection refused\n"
-                     "[WrapperMms::io_tcp_connect] connect failed.\n")
+  EXPECT_TRUE(log ==
+                  "[WrapperMms::io_tcp_connect]\n"
+                  "ERR - connect with select : 111\n"
+                  "[WrapperMms::io_tcp_connect] connect failed.\n" ||
+              log ==
+                  "[WrapperMms::io_tcp_connect]\n"
+                  "ERR - connect\n errno = 111 / msg = Connection refused\n"
+                  "[WrapperMms::io_tcp_connect] connect failed.\n")
       << log;
   EXPECT_EQ(before, openDescriptors());
 }
@@ -102,8 +106,7 @@ class IoTransfer : public testing::Test {
   void SetUp() override { ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds_)); }
   void TearDown() override {
     for (int fd : fds_)
-      if (fd >= 0)
-        close(fd);
+      if (fd >= 0) close(fd);
   }
   void closePeer() {
     close(fds_[1]);
@@ -155,16 +158,14 @@ TEST_F(IoTransfer, ReadGathersPiecesUntilItHasAll) {
   std::thread writer([this] {
     for (int i = 0; i < 64; ++i) {
       char c = static_cast<char>(i);
-      if (write(fds_[1], &c, 1) != 1)
-        return;
+      if (write(fds_[1], &c, 1) != 1) return;
       usleep(1000);
     }
   });
   char buf[64];
   EXPECT_EQ(64, WrapperMms::io_read(nullptr, fds_[0], buf, 64));
   writer.join();
-  for (int i = 0; i < 64; ++i)
-    EXPECT_EQ(i, buf[i]);
+  for (int i = 0; i < 64; ++i) EXPECT_EQ(i, buf[i]);
 }
 
 TEST_F(IoTransfer, ReadTimesOutAfterSevenQuietSeconds) {
@@ -173,9 +174,10 @@ TEST_F(IoTransfer, ReadTimesOutAfterSevenQuietSeconds) {
   StderrCapture err;
   EXPECT_EQ(10, WrapperMms::io_read(nullptr, fds_[0], buf, 20));
   EXPECT_EQ(-1, WrapperMms::io_read(nullptr, fds_[0], buf, 20));
-  EXPECT_EQ("[WrapperMms::io_read()] select timeout!\n"
-            "[WrapperMms::io_read()] select timeout!\n",
-            err.text());
+  EXPECT_EQ(
+      "[WrapperMms::io_read()] select timeout!\n"
+      "[WrapperMms::io_read()] select timeout!\n",
+      err.text());
 }
 
 TEST_F(IoTransfer, FirstTransferFailureGivesZeroNotMinusOne) {
@@ -191,15 +193,13 @@ TEST_F(IoTransfer, WriteOfMoreThanTheSocketTakesAtOnce) {
   int small = 4096;
   setsockopt(fds_[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
   std::string data(1 << 20, 'x');
-  for (size_t i = 0; i < data.size(); ++i)
-    data[i] = static_cast<char>(i * 7);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7);
   std::string received;
   std::thread reader([&] {
     char buf[1000];
     while (received.size() < data.size()) {
       const ssize_t n = read(fds_[1], buf, sizeof buf);
-      if (n <= 0)
-        return;
+      if (n <= 0) return;
       received.append(buf, static_cast<size_t>(n));
     }
   });

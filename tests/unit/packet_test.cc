@@ -1,16 +1,16 @@
 // The frame codec on plain byte strings.
 
+#include "channel/packet.h"
+
 #include <gtest/gtest.h>
 
-#include "channel/packet.h"
 #include "stderr_capture.h"
 
 namespace {
 
 std::string bytes(std::initializer_list<int> values) {
   std::string s;
-  for (int v : values)
-    s.push_back(static_cast<char>(v));
+  for (int v : values) s.push_back(static_cast<char>(v));
   return s;
 }
 
@@ -33,9 +33,8 @@ TEST(MakePacket, BuildsTheDocumentedCcheckReply) {
   reply.push_back("OK_");
   Packet out;
   ASSERT_EQ(0u, makePacket(reply, out));
-  EXPECT_EQ(bytes({0x16, 0x16, 0x02, 0x00, 0xFD, 0x47, 0x52, 0x07, 0x00, 0x00,
-                   0x0C, 0x00, 'C', 'C', 'H', 'E', 'C', 'K', 0x0A, 'O', 'K',
-                   '_', 0x0A, 0x0A, 0x03}),
+  EXPECT_EQ(bytes({0x16, 0x16, 0x02, 0x00, 0xFD, 0x47, 0x52, 0x07, 0x00, 0x00, 0x0C, 0x00, 'C',
+                   'C',  'H',  'E',  'C',  'K',  0x0A, 'O',  'K',  '_',  0x0A, 0x0A, 0x03}),
             out);
 }
 
@@ -48,8 +47,7 @@ TEST(MakePacket, BuildsTheDocumentedReadReply) {
   Packet out;
   ASSERT_EQ(0u, makePacket(reply, out));
   ASSERT_EQ(42u, out.size());
-  EXPECT_EQ(bytes({0x16, 0x16, 0x02, 0x00, 0xFA, 0x3F, 0x52, 0x07, 0x00, 0x00,
-                   0x1D, 0x00}),
+  EXPECT_EQ(bytes({0x16, 0x16, 0x02, 0x00, 0xFA, 0x3F, 0x52, 0x07, 0x00, 0x00, 0x1D, 0x00}),
             out.substr(0, 12));
   EXPECT_EQ(bytes({0x52, 0x45, 0x41, 0x44, 0x0A, 0x4F, 0x4B, 0x5F, 0x0A, 0x30,
                    0x30, 0x30, 0x30, 0x30, 0x30, 0x30, 0x35, 0x0A, 0x00, 0x00,
@@ -63,8 +61,8 @@ TEST(MakePacket, EmptyWordGivesTwoByteBodyAndEchoesAnyByte) {
     reply.push_back("");
     Packet out;
     ASSERT_EQ(0u, makePacket(reply, out));
-    EXPECT_EQ(bytes({0x16, 0x16, 0x02, 0x00, 0xFF, 0xEB, 0x52, echo, 0x00,
-                     0x00, 0x02, 0x00, 0x0A, 0x0A, 0x03}),
+    EXPECT_EQ(bytes({0x16, 0x16, 0x02, 0x00, 0xFF, 0xEB, 0x52, echo, 0x00, 0x00, 0x02, 0x00, 0x0A,
+                     0x0A, 0x03}),
               out);
   }
 }
@@ -124,19 +122,20 @@ TEST(ParsePacket, BodyShapes) {
   struct Case {
     std::string body;
     ResultCode rc;
-    ParamList fields;   // after the header
+    ParamList fields;  // after the header
   } cases[] = {
       {"", 0, {}},
       {"\n", 0, {}},
       {"\nCCHECK\n", 0, {}},
       {bytes({0x41, 0x0A, 0x0A, 0x42, 0x0A}), 0, {"A"}},
       {bytes({0x41, 0x0A, 0x42}), 5, {"A"}},
-      {bytes({0x00, 0x00, 0x03, 0x00, 0x61, 0x0A, 0x62, 0x0A, 0x0A}), 0,
+      {bytes({0x00, 0x00, 0x03, 0x00, 0x61, 0x0A, 0x62, 0x0A, 0x0A}),
+       0,
        {bytes({0x61, 0x0A, 0x62})}},
       {bytes({0x00, 0x00, 0x00, 0x00, 0x0A}), 0, {""}},
-      {bytes({0x00, 0x00, 0x04, 0x00, 0x61, 0x0A, 0x62, 0x0A}), 5, {}},   // runs past the body
-      {bytes({0x00, 0x00, 0x01, 0x00, 0x61, 0x62, 0x0A}), 5, {}},         // no 0x0A after data
-      {bytes({0x00, 0x00, 0x01}), 5, {}},                                 // prefix cut short
+      {bytes({0x00, 0x00, 0x04, 0x00, 0x61, 0x0A, 0x62, 0x0A}), 5, {}},  // runs past the body
+      {bytes({0x00, 0x00, 0x01, 0x00, 0x61, 0x62, 0x0A}), 5, {}},        // no 0x0A after data
+      {bytes({0x00, 0x00, 0x01}), 5, {}},                                // prefix cut short
       {"READ\n00000010\n", 0, {"READ", "00000010"}},
       {"CONNECT\nmms://a/b\nextra\n\n", 0, {"CONNECT", "mms://a/b", "extra"}},
   };
@@ -152,8 +151,8 @@ TEST(ParsePacket, BodyShapes) {
 TEST(ParsePacket, IgnoresChecksumAndLengthFieldsButJudgesFraming) {
   Packet good = frameOf("GSIZE\n\n");
   Packet wrong = good;
-  wrong[4] ^= 0x5A;       // checksum
-  wrong[9] = '\x7F';      // length field
+  wrong[4] ^= 0x5A;   // checksum
+  wrong[9] = '\x7F';  // length field
   wrong[3] = '\xEE';
   ParamList parsed;
   ASSERT_EQ(0u, parsePacket(wrong, parsed));

@@ -34,8 +34,7 @@ class StderrCapture {
     const off_t size = lseek(fileno(file_), 0, SEEK_END);
     for (off_t pos = 0; pos < size;) {
       const ssize_t n = pread(fileno(file_), buf, sizeof buf, pos);
-      if (n <= 0)
-        break;
+      if (n <= 0) break;
       out.append(buf, static_cast<size_t>(n));
       pos += n;
     }
@@ -44,8 +43,7 @@ class StderrCapture {
 
  private:
   void restore() {
-    if (saved_ < 0)
-      return;
+    if (saved_ < 0) return;
     fflush(stderr);
     std::cerr.flush();
     dup2(saved_, 2);

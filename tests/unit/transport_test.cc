@@ -1,12 +1,13 @@
 // Cutting frames out of received bytes, and moving them over a real socket.
 
+#include "channel/transport.h"
+
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <thread>
 
-#include "channel/transport.h"
 #include "stderr_capture.h"
 
 namespace {
@@ -28,8 +29,7 @@ TEST(ExtractPacket, SplitAtEveryOffsetYieldsTheSameFrames) {
     for (const std::string& piece : {stream.substr(0, cut), stream.substr(cut)}) {
       buffer += piece;
       Packet out;
-      while (extractPacket(buffer, out) == 0)
-        got.push_back(out);
+      while (extractPacket(buffer, out) == 0) got.push_back(out);
     }
     ASSERT_EQ((std::vector<Packet>{a, b}), got) << "cut at " << cut;
     EXPECT_TRUE(buffer.empty());
@@ -54,7 +54,7 @@ TEST(ExtractPacket, WaitsForTheLengthFieldAndTheWholeFrame) {
 
 TEST(ExtractPacket, TooSmallLengthCutsShortAndTheRestIsDroppedNextTime) {
   Packet f = frameOf("CCHECK\n\n");
-  f[10] = 2;   // claims a 2-byte body
+  f[10] = 2;  // claims a 2-byte body
   std::string buffer = f + frameOf("PEND\n\n");
   Packet out;
   ASSERT_EQ(0u, extractPacket(buffer, out));
@@ -68,7 +68,7 @@ TEST(ExtractPacket, GarbageWithoutStartSequenceStaysBounded) {
   Packet out;
   for (int i = 0; i < 1000; ++i) {
     buffer.append(999, 'g');
-    buffer.push_back('\x16');   // may begin a start sequence
+    buffer.push_back('\x16');  // may begin a start sequence
     EXPECT_EQ(7u, extractPacket(buffer, out));
     EXPECT_LE(buffer.size(), RECV_GARBAGE_LIMIT + 1000);
   }
@@ -88,8 +88,7 @@ class ControlSocket : public testing::Test {
   void TearDown() override {
     g_controlFd = -1;
     close(fds_[0]);
-    if (fds_[1] >= 0)
-      close(fds_[1]);
+    if (fds_[1] >= 0) close(fds_[1]);
   }
   void peerWrite(const std::string& s) {
     ASSERT_EQ(static_cast<ssize_t>(s.size()), write(fds_[1], s.data(), s.size()));
@@ -103,7 +102,7 @@ TEST_F(ControlSocket, FramesArrivingTogetherAreServedOneByOne) {
   Packet out;
   ASSERT_EQ(0u, readPacket(out));
   EXPECT_EQ(a, out);
-  close(fds_[1]);   // the second frame must come from the buffer alone
+  close(fds_[1]);  // the second frame must come from the buffer alone
   fds_[1] = -1;
   ASSERT_EQ(0u, readPacket(out));
   EXPECT_EQ(b, out);
@@ -116,8 +115,7 @@ TEST_F(ControlSocket, ReadsAFrameLargerThanOneChunk) {
   const Packet big = frameOf(std::string(5000, 'r') + "\n\n");
   std::thread writer([&] {
     for (char c : big) {
-      if (write(fds_[1], &c, 1) != 1)
-        return;
+      if (write(fds_[1], &c, 1) != 1) return;
     }
   });
   Packet out;
@@ -135,8 +133,7 @@ TEST_F(ControlSocket, WritePacketSendsEverythingThroughASmallBuffer) {
     char buf[777];
     while (received.size() < big.size()) {
       const ssize_t n = read(fds_[1], buf, sizeof buf);
-      if (n <= 0)
-        return;
+      if (n <= 0) return;
       received.append(buf, static_cast<size_t>(n));
     }
   });

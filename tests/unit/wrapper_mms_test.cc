@@ -2,6 +2,8 @@
 // picks transports, targets and the proxy (observed through its log lines,
 // with every attempt refused by a port nobody listens on).
 
+#include "mms/wrapper_mms.h"
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -11,7 +13,6 @@
 
 #include <sstream>
 
-#include "mms/wrapper_mms.h"
 #include "stderr_capture.h"
 
 namespace {
@@ -34,9 +35,10 @@ TEST(WrapperMmsClosed, RefusesEverythingQuietlyExceptTheQueries) {
   EXPECT_EQ(0u, w.close());
   EXPECT_EQ(0u, w.close());
   EXPECT_FALSE(w.isConnected());
-  EXPECT_EQ("[WrapperMms::getLength()] call! \n"
-            "WrapperMms::getCurrentPos()] call! \n",
-            err.text());
+  EXPECT_EQ(
+      "[WrapperMms::getLength()] call! \n"
+      "WrapperMms::getCurrentPos()] call! \n",
+      err.text());
 }
 
 int closedPort() {
@@ -56,15 +58,14 @@ std::string connectLines(const std::string& log) {
   std::istringstream in(log);
   std::string line, out;
   while (std::getline(in, line))
-    if (line.rfind("[WrapperMms::connect()]", 0) == 0)
-      out += line + "\n";
+    if (line.rfind("[WrapperMms::connect()]", 0) == 0) out += line + "\n";
   return out;
 }
 
 struct ConnectCase {
   std::string url;
-  const char* proxyAfter;   // nullptr: http_proxy removed
-  std::string lines;        // after the call and url lines
+  const char* proxyAfter;  // nullptr: http_proxy removed
+  std::string lines;       // after the call and url lines
 };
 
 TEST(WrapperMmsConnect, UrlFormDecidesProxyTransportsAndTarget) {
@@ -82,8 +83,7 @@ TEST(WrapperMmsConnect, UrlFormDecidesProxyTransportsAndTarget) {
        C + "set proxy! : " + hp + "\n" + mmsh + "mmsh://media/live\n"},
       {hp + "/mms://media/live", hp.c_str(),
        C + "set proxy! : " + hp + "\n" + mmsh + "mms://media/live\n"},
-      {"/mmsh://" + hp + "/live", "",
-       C + "set proxy! : \n" + mmsh + "mmsh://" + hp + "/live\n"},
+      {"/mmsh://" + hp + "/live", "", C + "set proxy! : \n" + mmsh + "mmsh://" + hp + "/live\n"},
       {"a/http://b/mms://" + hp, "a/http://b",
        C + "set proxy! : a/http://b\n" + mmsh + "mms://" + hp + "\n"},
       {"", nullptr, mmst + mmsh + "\n"},
@@ -94,8 +94,7 @@ TEST(WrapperMmsConnect, UrlFormDecidesProxyTransportsAndTarget) {
     StderrCapture err;
     EXPECT_EQ(2u, w.connect()) << c.url;
     EXPECT_FALSE(w.isConnected());
-    EXPECT_EQ(C + "call! \n" + C + "url=" + c.url + "\n" + c.lines,
-              connectLines(err.text()))
+    EXPECT_EQ(C + "call! \n" + C + "url=" + c.url + "\n" + c.lines, connectLines(err.text()))
         << c.url;
     const char* proxy = getenv("http_proxy");
     if (c.proxyAfter == nullptr)

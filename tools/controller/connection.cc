@@ -109,8 +109,8 @@ bool ControllerConnection::receive(unsigned char echo, int timeoutS, Reply& out)
     return false;
   }
   const unsigned char start[] = {FRAME_SYN, FRAME_SYN, FRAME_STX};
-  if (buffer_.compare(0, FRAME_START_LEN, reinterpret_cast<const char*>(start),
-                      FRAME_START_LEN) != 0) {
+  if (buffer_.compare(0, FRAME_START_LEN, reinterpret_cast<const char*>(start), FRAME_START_LEN) !=
+      0) {
     return fail("bytes other than a frame start: " + hex(buffer_));
   }
   if (!fill(FRAME_LENGTH_OFFSET + 2, deadline)) return false;
@@ -118,8 +118,8 @@ bool ControllerConnection::receive(unsigned char echo, int timeoutS, Reply& out)
       getBe16(reinterpret_cast<const unsigned char*>(buffer_.data()) + FRAME_LENGTH_OFFSET) +
       FRAME_OVERHEAD;
   if (!fill(len, deadline)) {
-    error_ += " (frame of " + std::to_string(len) + " bytes, " +
-              std::to_string(buffer_.size()) + " received)";
+    error_ += " (frame of " + std::to_string(len) + " bytes, " + std::to_string(buffer_.size()) +
+              " received)";
     return false;
   }
   out.frame.assign(buffer_, 0, len);
@@ -136,14 +136,16 @@ bool ControllerConnection::receiveEof(int timeoutS) {
     return fail("bytes received instead of the end: " + hex(buffer_));
   }
   if (eof_) return true;
-  error_ = "the worker did not close its end within " + std::to_string(timeoutS) +
-           " s (" + error_ + ")";
+  error_ =
+      "the worker did not close its end within " + std::to_string(timeoutS) + " s (" + error_ + ")";
   return false;
 }
 
 // ---- ControllerListener
 
-ControllerListener::~ControllerListener() { close(); }
+ControllerListener::~ControllerListener() {
+  close();
+}
 
 ControllerListener::ControllerListener(ControllerListener&& other) noexcept
     : fd_(std::move(other.fd_)),

@@ -50,10 +50,10 @@ class ControllerConnection {
   // What the last failed operation met.
   enum class Failure {
     NONE,
-    TIMED_OUT,   // nothing (more) came in time; a partly received frame is
-                 // kept, so receiving again picks it up where it stopped
-    LOST,        // the worker closed its end, or the socket failed
-    PROTOCOL,    // bytes that are not the expected reply, or a bad request
+    TIMED_OUT,  // nothing (more) came in time; a partly received frame is
+                // kept, so receiving again picks it up where it stopped
+    LOST,       // the worker closed its end, or the socket failed
+    PROTOCOL,   // bytes that are not the expected reply, or a bad request
   };
 
   ControllerConnection() = default;
@@ -92,7 +92,7 @@ class ControllerConnection {
   bool fail(const std::string& what, Failure kind = Failure::PROTOCOL);
 
   UniqueFd fd_;
-  std::string buffer_;   // bytes received and not yet returned in a frame
+  std::string buffer_;  // bytes received and not yet returned in a frame
   bool eof_ = false;
   std::string error_;
   Failure failure_ = Failure::NONE;
@@ -133,12 +133,12 @@ class ControllerListener {
 
 // How a child ended.
 struct ExitStatus {
-  bool exited = false;   // ended through exit; `code` valid
+  bool exited = false;  // ended through exit; `code` valid
   int code = -1;
-  bool signaled = false; // ended by a signal; `signal` valid
+  bool signaled = false;  // ended by a signal; `signal` valid
   int signal = 0;
 
-  std::string toString() const;   // "exit 0", "signal 9"
+  std::string toString() const;  // "exit 0", "signal 9"
 };
 
 // A child process with standard input from /dev/null and standard error
@@ -204,9 +204,9 @@ std::vector<std::string> launcherFromEnvironment();
 class WorkerSession {
  public:
   struct Options {
-    std::string worker;                             // the worker binary
-    std::string socketPath = DEFAULT_SOCKET_PATH;   // where to listen
-    std::vector<std::string> env;                   // extra "NAME=value"
+    std::string worker;                            // the worker binary
+    std::string socketPath = DEFAULT_SOCKET_PATH;  // where to listen
+    std::vector<std::string> env;                  // extra "NAME=value"
     int acceptTimeoutS = 5;
     // A command that runs the worker, such as an emulator for a worker built
     // for another machine: {"qemu-arm", "-L", "/usr/arm-linux-gnueabihf"}.

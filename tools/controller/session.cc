@@ -66,8 +66,8 @@ bool WorkerSession::receiveEof(int timeoutS) {
   return connection_.receiveEof(timeoutS) || fail(connection_.error());
 }
 
-bool WorkerProcess::startVia(const std::vector<std::string>& launcher,
-                             const std::string& binary, const std::vector<std::string>& args,
+bool WorkerProcess::startVia(const std::vector<std::string>& launcher, const std::string& binary,
+                             const std::vector<std::string>& args,
                              const std::vector<std::string>& extraEnv) {
   if (launcher.empty()) return start(binary, args, extraEnv);
   std::vector<std::string> all(launcher.begin() + 1, launcher.end());

@@ -2,8 +2,6 @@
 
 #include "tools/controller/stream_fetch.h"
 
-#include "commands/commands.h"
-
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -12,6 +10,7 @@
 
 #include <algorithm>
 
+#include "commands/commands.h"
 #include "tools/controller/support.h"
 
 namespace controller {
@@ -97,7 +96,7 @@ class OutputQueue {
   int fd_;
   bool plainWrites_ = false;
   std::deque<std::string> chunks_;
-  size_t offset_ = 0;   // bytes of chunks_.front() already written
+  size_t offset_ = 0;  // bytes of chunks_.front() already written
   size_t pending_ = 0;
   uint64_t written_ = 0;
   std::string error_;
@@ -105,18 +104,28 @@ class OutputQueue {
 
 }  // namespace
 
-int maxReadCount() { return ::maxReadCount(sizeof "READ" - 1); }
+int maxReadCount() {
+  return ::maxReadCount(sizeof "READ" - 1);
+}
 
 const char* statusText(FetchStatus status) {
   switch (status) {
-    case FetchStatus::DONE: return "done";
-    case FetchStatus::REFUSED: return "refused";
-    case FetchStatus::TIMED_OUT: return "timed out";
-    case FetchStatus::DEADLINE: return "out of time";
-    case FetchStatus::LOST: return "connection lost";
-    case FetchStatus::BAD_REPLY: return "bad reply";
-    case FetchStatus::OUTPUT_FAILED: return "output failed";
-    case FetchStatus::STOPPED: return "stopped";
+    case FetchStatus::DONE:
+      return "done";
+    case FetchStatus::REFUSED:
+      return "refused";
+    case FetchStatus::TIMED_OUT:
+      return "timed out";
+    case FetchStatus::DEADLINE:
+      return "out of time";
+    case FetchStatus::LOST:
+      return "connection lost";
+    case FetchStatus::BAD_REPLY:
+      return "bad reply";
+    case FetchStatus::OUTPUT_FAILED:
+      return "output failed";
+    case FetchStatus::STOPPED:
+      return "stopped";
   }
   return "?";
 }
@@ -137,7 +146,9 @@ bool RequestPipeline::deadlinePassed() const {
   return options_.deadline > 0 && nowSeconds() >= options_.deadline;
 }
 
-bool RequestPipeline::stopRequested() { return observer_ && observer_->stopRequested(); }
+bool RequestPipeline::stopRequested() {
+  return observer_ && observer_->stopRequested();
+}
 
 bool RequestPipeline::send(const std::string& word, const std::vector<std::string>& params) {
   Request request = Request::command(word, nextEcho_, params);
@@ -181,13 +192,13 @@ RequestPipeline::Received RequestPipeline::receive(Reply& out, std::string& word
   if (observer_) observer_->tick();
   const double waited = nowSeconds() - std::max(head.sentAt, lastReply_);
   if (waited >= options_.replyTimeoutS) {
-    fail(FetchStatus::TIMED_OUT, "no reply to " + head.word + " within " +
-                                     std::to_string(options_.replyTimeoutS) + " s");
+    fail(FetchStatus::TIMED_OUT,
+         "no reply to " + head.word + " within " + std::to_string(options_.replyTimeoutS) + " s");
     return Received::FAILED;
   }
   if (deadlinePassed()) {
-    fail(FetchStatus::DEADLINE, "the time for the whole run ran out while waiting for " +
-                                    head.word);
+    fail(FetchStatus::DEADLINE,
+         "the time for the whole run ran out while waiting for " + head.word);
     return Received::FAILED;
   }
   return Received::NOT_YET;
@@ -253,8 +264,8 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
   const int count = std::min(std::max(options.count, 1), maxReadCount());
   // Past this much waiting for the output, the worker is asked for no more.
   const size_t backlogLimit = static_cast<size_t>(window) * static_cast<size_t>(count);
-  std::deque<int64_t> asked;   // counts of the READs in flight, oldest first
-  int64_t askedTotal = 0;      // the sum of `asked`
+  std::deque<int64_t> asked;  // counts of the READs in flight, oldest first
+  int64_t askedTotal = 0;     // the sum of `asked`
   uint64_t received = 0;
 
   auto end = [&](FetchStatus status, const std::string& why) {
@@ -305,7 +316,7 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
       case RequestPipeline::Received::REPLY:
         break;
     }
-    if (word != "READ") continue;   // a keep-alive's answer
+    if (word != "READ") continue;  // a keep-alive's answer
 
     const int64_t n = asked.front();
     asked.pop_front();
@@ -318,15 +329,15 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
       continue;
     }
     if (status != STATUS_OK || reply.fields.size() != 4 || !reply.fields[3].counted) {
-      return end(FetchStatus::BAD_REPLY, "READ reply is not OK_, a count and data: " +
-                                             hex(reply.frame.substr(0, 64)));
+      return end(FetchStatus::BAD_REPLY,
+                 "READ reply is not OK_, a count and data: " + hex(reply.frame.substr(0, 64)));
     }
     std::string& data = reply.fields[3].bytes;
     if (data.empty() || static_cast<int64_t>(data.size()) > n ||
         reply.fields[2].bytes != countField(static_cast<int64_t>(data.size()))) {
-      return end(FetchStatus::BAD_REPLY,
-                 "READ of " + std::to_string(n) + " answered with count \"" +
-                     reply.fields[2].bytes + "\" and " + std::to_string(data.size()) + " bytes");
+      return end(FetchStatus::BAD_REPLY, "READ of " + std::to_string(n) +
+                                             " answered with count \"" + reply.fields[2].bytes +
+                                             "\" and " + std::to_string(data.size()) + " bytes");
     }
     received += data.size();
     ++result.reads;

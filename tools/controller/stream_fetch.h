@@ -30,14 +30,14 @@ int maxReadCount();
 
 // How an exchange ended.
 enum class FetchStatus {
-  DONE,            // the reply came (call), or the stream was read (fetchStream)
-  REFUSED,         // the worker answered "ERR"
-  TIMED_OUT,       // a reply did not come within the reply time-out
-  DEADLINE,        // the deadline for the whole run passed
-  LOST,            // the connection failed: the worker closed it or is gone
-  BAD_REPLY,       // a frame broke the protocol, or the wrong reply came
-  OUTPUT_FAILED,   // the output refused the bytes
-  STOPPED,         // the observer asked to stop
+  DONE,           // the reply came (call), or the stream was read (fetchStream)
+  REFUSED,        // the worker answered "ERR"
+  TIMED_OUT,      // a reply did not come within the reply time-out
+  DEADLINE,       // the deadline for the whole run passed
+  LOST,           // the connection failed: the worker closed it or is gone
+  BAD_REPLY,      // a frame broke the protocol, or the wrong reply came
+  OUTPUT_FAILED,  // the output refused the bytes
+  STOPPED,        // the observer asked to stop
 };
 
 // Hooks for whoever shows what happens. Called on the fetching thread,
@@ -79,8 +79,7 @@ class RequestPipeline {
   // Sends `word` with text parameters and waits for its reply, passing any
   // replies to earlier requests to the observer only. DONE when the reply
   // came, whatever its status word.
-  FetchStatus call(const std::string& word, const std::vector<std::string>& params,
-                   Reply& out);
+  FetchStatus call(const std::string& word, const std::vector<std::string>& params, Reply& out);
 
   // Sends a request without waiting; its reply comes through receive().
   // Returns false (LOST, error() says why) when it cannot be sent.
@@ -131,18 +130,18 @@ class RequestPipeline {
 };
 
 struct StreamFetchOptions {
-  int count = maxReadCount();   // bytes asked for by each READ, 1..maxReadCount()
-  int window = 4;               // READs in flight at once, at least 1
-  int64_t maxBytes = -1;        // stop after this many bytes; -1: the whole stream
+  int count = maxReadCount();  // bytes asked for by each READ, 1..maxReadCount()
+  int window = 4;              // READs in flight at once, at least 1
+  int64_t maxBytes = -1;       // stop after this many bytes; -1: the whole stream
 };
 
 // What the READ loop delivered.
 struct StreamFetchResult {
   FetchStatus status = FetchStatus::DONE;
-  uint64_t bytes = 0;           // written to the output
-  bool endOfStream = false;     // a READ was answered "EOF"
-  uint64_t reads = 0;           // READ replies with data
-  std::string error;            // why, when status is not DONE
+  uint64_t bytes = 0;        // written to the output
+  bool endOfStream = false;  // a READ was answered "EOF"
+  uint64_t reads = 0;        // READ replies with data
+  std::string error;         // why, when status is not DONE
 };
 
 // Reads the open stream with READs until "EOF" or `maxBytes`, writing the

@@ -14,7 +14,9 @@ namespace controller {
 double nowSeconds();
 
 // Deadline `timeoutS` seconds from now.
-inline double deadlineIn(int timeoutS) { return nowSeconds() + timeoutS; }
+inline double deadlineIn(int timeoutS) {
+  return nowSeconds() + timeoutS;
+}
 
 // Waits for `fd` until `deadline` through waitFd, in slices of at most
 // `sliceS` whole seconds, retrying a wait cut short by a signal. Returns

@@ -59,8 +59,7 @@ std::vector<Field> Reply::values() const {
   return std::vector<Field>(fields.begin() + 2, fields.end());
 }
 
-bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out,
-                 std::string* error) {
+bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out, std::string* error) {
   const unsigned char* b = reinterpret_cast<const unsigned char*>(frame.data());
   const size_t n = frame.size();
   if (n < FRAME_OVERHEAD) return fail(error, "reply shorter than 13 bytes");
@@ -70,8 +69,8 @@ bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out,
   const unsigned char* h = b + FRAME_START_LEN;
   const size_t bodyLen = getBe16(h + HEADER_LENGTH);
   if (bodyLen + FRAME_OVERHEAD != n) {
-    return fail(error, "reply length field " + std::to_string(bodyLen) +
-                           " does not match its " + std::to_string(n) + " bytes");
+    return fail(error, "reply length field " + std::to_string(bodyLen) + " does not match its " +
+                           std::to_string(n) + " bytes");
   }
   if (b[n - 1] != FRAME_ETX) return fail(error, "reply end mark is " + byteText(b[n - 1]));
   static const size_t ZERO_BYTES[] = {0, 5, 8};
@@ -90,13 +89,15 @@ bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out,
   const char* body = frame.data() + FRAME_BODY_OFFSET;
   const uint16_t sum = bodyChecksum(body, bodyLen);
   if (getBe16(h + HEADER_CHECKSUM) != sum) {
-    return fail(error, "reply checksum is " + hex(frame.substr(FRAME_START_LEN + HEADER_CHECKSUM, 2)) +
+    return fail(error, "reply checksum is " +
+                           hex(frame.substr(FRAME_START_LEN + HEADER_CHECKSUM, 2)) +
                            ", the body's is " + byteText(sum >> 8) + " " + byteText(sum & 0xFF));
   }
 
   ParamList params;
   if (parsePacket(frame, params) != RESULT_OK) {
-    return fail(error, "reply body has a malformed field: " + hex(frame.substr(FRAME_BODY_OFFSET, bodyLen)));
+    return fail(error, "reply body has a malformed field: " +
+                           hex(frame.substr(FRAME_BODY_OFFSET, bodyLen)));
   }
   if (params.size() < 3) return fail(error, "reply has no command word and status word");
 

@@ -44,9 +44,9 @@ bool encodeRequest(const Request& req, Packet& out);
 
 // A reply frame, checked and split into its fields.
 struct Reply {
-  Packet frame;                // the frame exactly as received
-  unsigned char echo = 0;      // header byte 4
-  std::vector<Field> fields;   // [0] command word, [1] status word, values
+  Packet frame;               // the frame exactly as received
+  unsigned char echo = 0;     // header byte 4
+  std::vector<Field> fields;  // [0] command word, [1] status word, values
 
   const std::string& word() const { return fields.at(0).bytes; }
   const std::string& status() const { return fields.at(1).bytes; }
@@ -61,8 +61,7 @@ struct Reply {
 // 0x0A and nothing else, with at least a command word and a status word.
 // Returns true and fills `out`, or false with the first fault in `error`.
 // `frame` may be `out.frame` itself, which saves a copy of the frame.
-bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out,
-                 std::string* error);
+bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out, std::string* error);
 
 // Printable form of a byte string: hexadecimal bytes separated by blanks.
 std::string hex(const std::string& bytes);

@@ -57,8 +57,8 @@ ExitStatus decodeStatus(int status) {
 
 // Between fork and exec only async-signal-safe calls: reports a failure as
 // errno through `report` and ends the child.
-[[noreturn]] void execChild(const char* binary, char** argv, char** envp, int devNull,
-                            int errWrite, int report) {
+[[noreturn]] void execChild(const char* binary, char** argv, char** envp, int devNull, int errWrite,
+                            int report) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -83,7 +83,9 @@ std::string ExitStatus::toString() const {
   return "not ended";
 }
 
-WorkerProcess::~WorkerProcess() { kill(); }
+WorkerProcess::~WorkerProcess() {
+  kill();
+}
 
 WorkerProcess::WorkerProcess(WorkerProcess&& other) noexcept
     : pid_(other.pid_),

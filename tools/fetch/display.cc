@@ -18,8 +18,7 @@ const double PLAIN_REFRESH_S = 10;
 const size_t HEX_SHOWN = 48;
 
 double now() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 std::string format(const char* fmt, double a, const char* b = "") {
@@ -93,15 +92,21 @@ void Display::note(const std::string& text) {
   if (verbosity_ >= 1) write("halvarine-fetch: " + text);
 }
 
-void Display::error(const std::string& text) { write("halvarine-fetch: " + text); }
+void Display::error(const std::string& text) {
+  write("halvarine-fetch: " + text);
+}
 
-void Display::quote(const std::string& text) { write(text); }
+void Display::quote(const std::string& text) {
+  write(text);
+}
 
 void Display::detail(const std::string& text) {
   if (verbosity_ >= 2) write(text);
 }
 
-double Display::elapsed() const { return transferring_ || started_ > 0 ? now() - started_ : 0; }
+double Display::elapsed() const {
+  return transferring_ || started_ > 0 ? now() - started_ : 0;
+}
 
 std::string Display::rateSummary() const {
   const double t = elapsed();
@@ -139,7 +144,7 @@ void Display::drawProgress(bool force) {
   if (!transferring_ || verbosity_ != 1) return;
   const double t = now();
   if (!force && t - lastDrawn_ < (terminal_ ? TERMINAL_REFRESH_S : PLAIN_REFRESH_S)) return;
-  if (!terminal_ && force) return;   // the closing summary says it all
+  if (!terminal_ && force) return;  // the closing summary says it all
   lastDrawn_ = t;
   const double secs = t - started_;
   const double rate = secs > 0 ? static_cast<double>(bytes_) / secs : 0;

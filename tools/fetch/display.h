@@ -32,10 +32,10 @@ class Display : public controller::FetchObserver {
   void setWorker(controller::WorkerProcess* worker) { worker_ = worker; }
 
   // A line of the tool's own, "halvarine-fetch: " and `text`.
-  void note(const std::string& text);      // not when quiet
-  void error(const std::string& text);     // always
-  void detail(const std::string& text);    // verbose only
-  void quote(const std::string& text);     // always, as it is
+  void note(const std::string& text);    // not when quiet
+  void error(const std::string& text);   // always
+  void detail(const std::string& text);  // verbose only
+  void quote(const std::string& text);   // always, as it is
 
   // The transfer begins; `length` 0 when unknown.
   void startTransfer(uint64_t length);
@@ -56,7 +56,7 @@ class Display : public controller::FetchObserver {
   bool stopRequested() override { return *stop_ != 0; }
 
  private:
-  void write(const std::string& line);   // clears the progress line first
+  void write(const std::string& line);  // clears the progress line first
   void drawProgress(bool force);
   void relayWorker();
 
@@ -64,9 +64,9 @@ class Display : public controller::FetchObserver {
   const volatile sig_atomic_t* stop_;
   bool terminal_;
   controller::WorkerProcess* worker_ = nullptr;
-  size_t workerRelayed_ = 0;      // bytes of the worker's stderr already shown
+  size_t workerRelayed_ = 0;  // bytes of the worker's stderr already shown
   bool transferring_ = false;
-  bool progressShown_ = false;    // a live line is on the terminal
+  bool progressShown_ = false;  // a live line is on the terminal
   uint64_t length_ = 0;
   uint64_t bytes_ = 0;
   double started_ = 0;

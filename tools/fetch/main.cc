@@ -40,7 +40,9 @@ const size_t WORKER_LINES = 6;
 
 volatile sig_atomic_t g_stopSignal = 0;
 
-void onStopSignal(int sig) { g_stopSignal = sig; }
+void onStopSignal(int sig) {
+  g_stopSignal = sig;
+}
 
 // SIGINT and SIGTERM only set the flag; the waits come back at least once a
 // second to look at it, so the worker is ended and the socket file removed
@@ -127,7 +129,8 @@ class OutputFile {
 
 class Fetch {
  public:
-  explicit Fetch(const Options& options) : options_(options), display_(options.verbosity, &g_stopSignal) {}
+  explicit Fetch(const Options& options)
+      : options_(options), display_(options.verbosity, &g_stopSignal) {}
   int run();
 
  private:
@@ -146,7 +149,7 @@ class Fetch {
   Display display_;
   OutputFile file_;
   int outFd_ = STDOUT_FILENO;
-  uint64_t written_ = 0;   // stream bytes that reached the output
+  uint64_t written_ = 0;  // stream bytes that reached the output
   controller::WorkerSession session_;
   std::unique_ptr<controller::RequestPipeline> pipeline_;
 };
@@ -202,18 +205,17 @@ int Fetch::startWorker(bool toStdout) {
     return EXIT_WORKER_ENDED;
   }
   display_.setWorker(&session_.worker());
-  display_.detail("started worker " + worker + " (pid " +
-                  std::to_string(session_.worker().pid()) + ")");
+  display_.detail("started worker " + worker + " (pid " + std::to_string(session_.worker().pid()) +
+                  ")");
 
   controller::PipelineOptions po;
   po.replyTimeoutS = options_.replyTimeoutS;
   po.keepAliveS = options_.keepAliveS;
   if (options_.timeoutS > 0) {
     // The pipeline's clock is the monotonic one, as steady_clock's is here.
-    po.deadline = std::chrono::duration<double>(
-                      std::chrono::steady_clock::now().time_since_epoch())
-                      .count() +
-                  options_.timeoutS;
+    po.deadline =
+        std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count() +
+        options_.timeoutS;
   }
   pipeline_.reset(new controller::RequestPipeline(session_.connection(), po, &display_));
   return EXIT_FETCHED;
@@ -274,7 +276,8 @@ int Fetch::fail(FetchStatus status, const std::string& why, const std::string& s
       return step == "CONNECT" ? EXIT_CONNECT_ERR : EXIT_READ_ERR;
     case FetchStatus::TIMED_OUT:
     case FetchStatus::DEADLINE:
-      display_.error(why + (status == FetchStatus::TIMED_OUT ? " (--reply-timeout)" : " (--timeout)") +
+      display_.error(why +
+                     (status == FetchStatus::TIMED_OUT ? " (--reply-timeout)" : " (--timeout)") +
                      "; ending the worker");
       // Its last lines before it is ended tell where it was stuck.
       showWorkerLines();
@@ -311,8 +314,7 @@ void Fetch::endWorker(bool politely, int graceS) {
   controller::WorkerProcess& worker = session_.worker();
   if (!worker.running()) return;
   controller::ExitStatus ended;
-  if (politely && pipeline_ && pipeline_->finish(graceS) &&
-      worker.waitExit(PEND_GRACE_S, ended)) {
+  if (politely && pipeline_ && pipeline_->finish(graceS) && worker.waitExit(PEND_GRACE_S, ended)) {
     display_.tick();
     if (!ended.exited || ended.code != 0) {
       display_.error("warning: the worker ended with " + ended.toString() + " after PEND");

@@ -1,10 +1,10 @@
 #include "tools/mmsserver/asf_file.h"
 
-#include "tools/mmsserver/server.h"
-
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+
+#include "tools/mmsserver/server.h"
 
 namespace {
 
@@ -211,38 +211,38 @@ std::string fileProperties(uint64_t fileSize, uint64_t packets, uint32_t packetS
   putLe64(o, kFilePropertiesSize);
   putGuid(o, guid(0x48414C56, 0x4152, 0x494E, 0x4547454E45524154ULL));  // file id
   putLe64(o, fileSize);
-  putLe64(o, 0);                 // creation date
+  putLe64(o, 0);  // creation date
   putLe64(o, packets);
-  putLe64(o, duration100ns);     // play duration
-  putLe64(o, duration100ns);     // send duration
-  putLe64(o, 0);                 // preroll, ms
-  putLe32(o, 0x02);              // seekable
+  putLe64(o, duration100ns);  // play duration
+  putLe64(o, duration100ns);  // send duration
+  putLe64(o, 0);              // preroll, ms
+  putLe32(o, 0x02);           // seekable
   putLe32(o, packetSize);
   putLe32(o, packetSize);
-  putLe32(o, kByteRate * 8);     // maximum bitrate
+  putLe32(o, kByteRate * 8);  // maximum bitrate
   return o;
 }
 
 std::string streamProperties() {
-  std::string wave;  // WAVEFORMATEX
-  putLe16(wave, 0x0001);         // PCM
+  std::string wave;       // WAVEFORMATEX
+  putLe16(wave, 0x0001);  // PCM
   putLe16(wave, kChannels);
   putLe32(wave, kSampleRate);
   putLe32(wave, kByteRate);
   putLe16(wave, kBlockAlign);
-  putLe16(wave, 16);             // bits per sample
-  putLe16(wave, 0);              // no extra bytes
+  putLe16(wave, 16);  // bits per sample
+  putLe16(wave, 0);   // no extra bytes
 
   std::string o;
   putGuid(o, kStreamProperties);
   putLe64(o, 78 + wave.size());
   putGuid(o, kAudioMedia);
   putGuid(o, kNoErrorCorrection);
-  putLe64(o, 0);                 // time offset
+  putLe64(o, 0);  // time offset
   putLe32(o, static_cast<uint32_t>(wave.size()));
-  putLe32(o, 0);                 // error correction data length
+  putLe32(o, 0);  // error correction data length
   putLe16(o, kStreamNumber);
-  putLe32(o, 0);                 // reserved
+  putLe32(o, 0);  // reserved
   o += wave;
   return o;
 }
@@ -253,7 +253,7 @@ std::string headerExtension() {
   putLe64(o, 46);
   putGuid(o, kExtensionReserved);
   putLe16(o, 6);
-  putLe32(o, 0);                 // no extension objects
+  putLe32(o, 0);  // no extension objects
   return o;
 }
 
@@ -262,17 +262,17 @@ std::string dataPacket(uint32_t index, uint32_t packetSize) {
   uint32_t sendMs = static_cast<uint32_t>(uint64_t{index} * payload * 1000 / kByteRate);
   uint32_t nextMs = static_cast<uint32_t>(uint64_t{index + 1} * payload * 1000 / kByteRate);
   std::string p;
-  p.push_back('\x82');           // error correction data of 2 bytes follows
+  p.push_back('\x82');  // error correction data of 2 bytes follows
   p.append(2, '\0');
-  p.push_back('\x10');           // one payload, padding length as WORD, fixed packet size
-  p.push_back('\x5d');           // BYTE replicated length, DWORD offset, BYTE object, BYTE stream
-  putLe16(p, 0);                 // padding
+  p.push_back('\x10');  // one payload, padding length as WORD, fixed packet size
+  p.push_back('\x5d');  // BYTE replicated length, DWORD offset, BYTE object, BYTE stream
+  putLe16(p, 0);        // padding
   putLe32(p, sendMs);
   putLe16(p, static_cast<uint16_t>(nextMs - sendMs));
   p.push_back(static_cast<char>(0x80 | kStreamNumber));  // key frame
   p.push_back(static_cast<char>(index & 0xff));          // media object number
-  putLe32(p, 0);                 // offset into the media object
-  p.push_back(8);                // replicated data: object size, presentation time
+  putLe32(p, 0);                                         // offset into the media object
+  p.push_back(8);  // replicated data: object size, presentation time
   putLe32(p, payload);
   putLe32(p, sendMs);
   for (uint32_t i = 0; i < payload; ++i) {
@@ -300,7 +300,7 @@ std::string generateAsf(uint64_t bytes, uint32_t packetSize) {
   out.reserve(fileSize);
   putGuid(out, kHeaderObject);
   putLe64(out, headerSize);
-  putLe32(out, 3);               // child objects
+  putLe32(out, 3);  // child objects
   out.push_back('\x01');
   out.push_back('\x02');
   out += children;
@@ -372,7 +372,8 @@ std::string headerExtensionWithChild(uint64_t childSize) {
 
 std::string servedHeader(const AsfFile& file, const Faults& faults) {
   std::string header = file.header;
-  if (faults.extraStreams > 0) appendHeaderObject(header, streamBitrateProperties(faults.extraStreams));
+  if (faults.extraStreams > 0)
+    appendHeaderObject(header, streamBitrateProperties(faults.extraStreams));
   if (faults.extensionChildOf4GiB) appendHeaderObject(header, headerExtensionWithChild(1ULL << 32));
   // Last, so that every other object has been seen when a walk stops here.
   if (faults.zeroSizeObject) appendHeaderObject(header, objectHead(kPadding, 0));

@@ -7,15 +7,16 @@
 
 #include <stddef.h>
 #include <stdint.h>
+
 #include <string>
 #include <vector>
 
 struct AsfFile {
-  std::string header;          // Header Object + 50-byte Data Object header
-  uint32_t packetSize = 0;     // from the File Properties Object
+  std::string header;                // Header Object + 50-byte Data Object header
+  uint32_t packetSize = 0;           // from the File Properties Object
   std::vector<std::string> packets;  // each exactly packetSize bytes
-  uint64_t fileSize = 0;       // from the File Properties Object
-  std::string fileId;          // 16 bytes, from the File Properties Object
+  uint64_t fileSize = 0;             // from the File Properties Object
+  std::string fileId;                // 16 bytes, from the File Properties Object
   uint64_t playDuration100ns = 0;
 };
 

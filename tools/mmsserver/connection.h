@@ -7,6 +7,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+
 #include <string>
 
 #include "tools/mmsserver/asf_file.h"
@@ -18,7 +19,7 @@ class Connection {
   // readable when the server stops; every wait watches it, so a stalled or
   // slow session ends promptly on shutdown.
   Connection(int fd, const Faults& faults, int stopFd = -1);
-  ~Connection();                               // closes (or resets) the socket
+  ~Connection();  // closes (or resets) the socket
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -41,8 +42,8 @@ class Connection {
 
  private:
   bool sendNow(const char* p, size_t n);  // no faults; false when the client is gone
-  void stall();                            // until the client leaves or the server stops
-  void reset();                            // RST instead of FIN
+  void stall();                           // until the client leaves or the server stops
+  void reset();                           // RST instead of FIN
 
   int fd_;
   Faults faults_;

@@ -16,6 +16,8 @@
 // failed write.
 
 #include <errno.h>
+#include <libmms/mms.h>
+#include <libmms/mmsh.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,9 +27,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <libmms/mms.h>
-#include <libmms/mmsh.h>
 
 namespace {
 
@@ -137,9 +136,8 @@ int main(int argc, char** argv) {
     printf("length %u header %u packet %llu\n", mms_get_length(mms.get()),
            mms_get_asf_header_len(mms.get()),
            static_cast<unsigned long long>(mms_get_asf_packet_len(mms.get())));
-    written = copyStream(
-        [&](char* buf, int len) { return mms_read(nullptr, mms.get(), buf, len); }, out.get(),
-        count, readSize, total);
+    written = copyStream([&](char* buf, int len) { return mms_read(nullptr, mms.get(), buf, len); },
+                         out.get(), count, readSize, total);
   } else if (startsWith(url, "mmsh://") || startsWith(url, "http://")) {
     std::unique_ptr<mmsh_t, MmshCloser> mmsh(
         mmsh_connect(nullptr, nullptr, url.c_str(), bandwidth));
@@ -149,9 +147,9 @@ int main(int argc, char** argv) {
     }
     printf("length %u header %u packet %u\n", mmsh_get_length(mmsh.get()),
            mmsh_get_asf_header_len(mmsh.get()), mmsh_get_asf_packet_len(mmsh.get()));
-    written = copyStream(
-        [&](char* buf, int len) { return mmsh_read(nullptr, mmsh.get(), buf, len); }, out.get(),
-        count, readSize, total);
+    written =
+        copyStream([&](char* buf, int len) { return mmsh_read(nullptr, mmsh.get(), buf, len); },
+                   out.get(), count, readSize, total);
   } else {
     fprintf(stderr, "libmms-fetch: not an MMS URL: %s\n", url.c_str());
     return 2;

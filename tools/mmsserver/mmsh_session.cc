@@ -36,7 +36,7 @@ constexpr uint16_t CHUNK_END = 0x4524;         // "$E"
 constexpr uint16_t EXT_HEADER_LENGTH = 8;
 constexpr uint16_t END_REASON_LENGTH = 4;
 constexpr size_t MAX_CHUNK_BODY = 0xFFFF - EXT_HEADER_LENGTH;
-constexpr uint8_t HEADER_AF_FLAGS = 0x0C;      // first and last piece of the header
+constexpr uint8_t HEADER_AF_FLAGS = 0x0C;  // first and last piece of the header
 // What absurdPacketSize declares: far past what either client buffers
 // (libmms takes up to 100 KiB, ffmpeg 64 KiB).
 constexpr uint32_t ABSURD_PACKET_SIZE = 0x40000000;
@@ -173,9 +173,8 @@ void serveMmshConnection(Connection& conn, const AsfFile& file) {
   }
   const bool play = isPlayRequest(request);
   if (play && conn.faults().closeBeforePlay) return;
-  if (!conn.send(responseHead(200, "OK",
-                              play ? "application/x-mms-framed"
-                                   : "application/vnd.ms.wms-hdr.asfv1"))) {
+  if (!conn.send(responseHead(
+          200, "OK", play ? "application/x-mms-framed" : "application/vnd.ms.wms-hdr.asfv1"))) {
     return;
   }
   if (!sendHeader(conn, file) || !play) return;

@@ -34,7 +34,9 @@ constexpr uint32_t kFileCanSeekCanStride = 0x01800000;
 const char kServerVersion[] = "9.0.0.0";
 const char kFunnelName[] = "Funnel Of The Gods";
 
-void logLine(const std::string& text) { fprintf(stderr, "mmst: %s\n", text.c_str()); }
+void logLine(const std::string& text) {
+  fprintf(stderr, "mmst: %s\n", text.c_str());
+}
 
 std::string hex16(uint16_t v) {
   char buf[8];
@@ -387,10 +389,16 @@ bool MmstSession::sendNextPacket() {
 
 // A client sends 0x1B only to answer a ping. Answering it with another 0x1B
 // would start an endless exchange, as both clients answer every 0x1B.
-MmstSession::Next MmstSession::onPong(const Command&) { return Next::kGoOn; }
+MmstSession::Next MmstSession::onPong(const Command&) {
+  return Next::kGoOn;
+}
 
-MmstSession::Next MmstSession::onCloseFile(const Command&) { return Next::kEnd; }
+MmstSession::Next MmstSession::onCloseFile(const Command&) {
+  return Next::kEnd;
+}
 
 }  // namespace
 
-void serveMmstConnection(Connection& conn, const AsfFile& file) { MmstSession(conn, file).run(); }
+void serveMmstConnection(Connection& conn, const AsfFile& file) {
+  MmstSession(conn, file).run();
+}

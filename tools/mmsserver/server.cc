@@ -54,8 +54,7 @@ struct MmsTestServer::Impl {
   void serveOne(int fd);
 };
 
-MmsTestServer::MmsTestServer(const AsfFile& file, const ServerOptions& options)
-    : impl_(new Impl) {
+MmsTestServer::MmsTestServer(const AsfFile& file, const ServerOptions& options) : impl_(new Impl) {
   impl_->file = file;
   impl_->options = options;
 }
@@ -102,7 +101,9 @@ bool MmsTestServer::start(std::string& error) {
   return true;
 }
 
-uint16_t MmsTestServer::port() const { return impl_->port; }
+uint16_t MmsTestServer::port() const {
+  return impl_->port;
+}
 
 std::string MmsTestServer::url(const std::string& name) const {
   const char* scheme = impl_->options.transport == Transport::MMSH ? "mmsh" : "mms";
@@ -110,7 +111,9 @@ std::string MmsTestServer::url(const std::string& name) const {
          "/" + name;
 }
 
-int MmsTestServer::connectionsServed() const { return impl_->served.load(); }
+int MmsTestServer::connectionsServed() const {
+  return impl_->served.load();
+}
 
 void MmsTestServer::Impl::run() {
   while (waitFor(listener.get(), POLLIN, stopRead.get(), -1) == WaitOutcome::READY) {

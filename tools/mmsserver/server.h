@@ -6,6 +6,7 @@
 // reads, and can misbehave on purpose.
 
 #include <stdint.h>
+
 #include <atomic>
 #include <memory>
 #include <string>
@@ -18,13 +19,13 @@ enum class Transport { MMSH, MMST };
 // What the server does wrong. Byte counts are of the bytes the server sends
 // on one connection, protocol bytes included.
 struct Faults {
-  bool refuse = false;             // close each connection right after accept
-  int64_t stallAfter = -1;         // stop sending (keep the socket open)
-  int64_t resetAfter = -1;         // RST the connection after this many bytes
-  int dripIntervalMs = 0;          // send one byte, then sleep, repeatedly
-  int64_t truncateHeader = -1;     // send only this many bytes of the ASF header, then close
-  bool absurdHeaderSize = false;   // declare a header length far beyond the real one
-  bool absurdPacketSize = false;   // declare a packet size far beyond the real one
+  bool refuse = false;            // close each connection right after accept
+  int64_t stallAfter = -1;        // stop sending (keep the socket open)
+  int64_t resetAfter = -1;        // RST the connection after this many bytes
+  int dripIntervalMs = 0;         // send one byte, then sleep, repeatedly
+  int64_t truncateHeader = -1;    // send only this many bytes of the ASF header, then close
+  bool absurdHeaderSize = false;  // declare a header length far beyond the real one
+  bool absurdPacketSize = false;  // declare a packet size far beyond the real one
   // Slow bytes inside the stream: the first `slowBytes` bytes of data packet
   // `slowPacket` (counted from 0) go one at a time, `slowGapMs` apart. A gap
   // below the client's wait keeps the transfer moving; one above it cuts a
@@ -70,7 +71,7 @@ bool sendDataPacket(Connection& conn, const std::string& packet, size_t index);
 struct ServerOptions {
   Transport transport = Transport::MMSH;
   std::string address = "127.0.0.1";
-  uint16_t port = 0;               // 0: pick a free port
+  uint16_t port = 0;  // 0: pick a free port
   Faults faults;
 };
 
@@ -85,7 +86,7 @@ class MmsTestServer {
   MmsTestServer(const MmsTestServer&) = delete;
   MmsTestServer& operator=(const MmsTestServer&) = delete;
 
-  bool start(std::string& error);   // binds, listens and starts serving
+  bool start(std::string& error);  // binds, listens and starts serving
   uint16_t port() const;
   // mmsh://127.0.0.1:PORT/NAME or mms://127.0.0.1:PORT/NAME
   std::string url(const std::string& name = "sample.asf") const;
