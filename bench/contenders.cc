@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <halvarine/controller.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/select.h>
@@ -18,15 +19,13 @@
 
 #include "bench/bench.h"
 #include "channel/packet.h"
-#include "tools/controller/controller.h"
-#include "tools/controller/stream_fetch.h"
 
 namespace bench {
 
-using controller::FetchStatus;
-using controller::UniqueFd;
-using controller::WorkerProcess;
-using controller::WorkerSession;
+using halvarine::ChildProcess;
+using halvarine::FetchStatus;
+using halvarine::UniqueFd;
+using halvarine::WorkerSession;
 
 double nowSeconds() {
   timespec ts;
@@ -96,11 +95,11 @@ bool startSession(WorkerSession& session, const Programs& programs, const Launch
   WorkerSession::Options so;
   so.worker = programs.worker;
   so.launcher = launcher;
-  so.acceptTimeoutS = ACCEPT_TIMEOUT_S;
+  so.acceptTimeoutMs = ACCEPT_TIMEOUT_S * 1000;
   const double giveUp = nowSeconds() + CONTROLLER_TAKEN_WAIT_S;
   for (;;) {
     if (session.start(so)) return true;
-    const bool taken = session.worker().pid() <= 0 && !session.listener().listening();
+    const bool taken = session.startFailure() == WorkerSession::StartFailure::SOCKET_TAKEN;
     if (!taken || nowSeconds() > giveUp) {
       error = "worker session: " + session.error();
       return false;
@@ -109,13 +108,13 @@ bool startSession(WorkerSession& session, const Programs& programs, const Launch
   }
 }
 
-bool endSession(WorkerSession& session, controller::RequestPipeline& pipeline, std::string& error) {
-  if (!pipeline.finish(30)) {
+bool endSession(WorkerSession& session, halvarine::RequestPipeline& pipeline, std::string& error) {
+  if (!pipeline.finish(30000)) {
     error = "PEND: " + pipeline.error();
     return false;
   }
-  controller::ExitStatus st;
-  if (!session.worker().waitExit(EXIT_TIMEOUT_S, st)) {
+  halvarine::ExitStatus st;
+  if (!session.worker().waitExit(EXIT_TIMEOUT_S * 1000, st)) {
     error = "worker exit: " + session.worker().error();
     return false;
   }
@@ -131,22 +130,25 @@ bool endSession(WorkerSession& session, controller::RequestPipeline& pipeline, s
 bool runChild(const Launcher& launcher, const std::string& binary,
               const std::vector<std::string>& args, double& seconds,
               std::vector<std::string>& lines, std::string& error) {
-  WorkerProcess child;
+  ChildProcess child;
   const double started = nowSeconds();
   {
     QuietStdout quiet;
-    if (!child.startVia(launcher, binary, args)) {
+    std::vector<std::string> argv = launcher;
+    argv.push_back(binary);
+    argv.insert(argv.end(), args.begin(), args.end());
+    if (!child.start(argv)) {
       error = binary + ": " + child.error();
       return false;
     }
   }
-  controller::ExitStatus st;
-  if (!child.waitExit(EXIT_TIMEOUT_S, st)) {
+  halvarine::ExitStatus st;
+  if (!child.waitExit(EXIT_TIMEOUT_S * 1000, st)) {
     error = binary + ": " + child.error();
     return false;
   }
   seconds = nowSeconds() - started;
-  lines = child.stderrLines();
+  lines = child.outputLines();
   if (!st.exited || st.code != 0) {
     error = binary + " ended with " + st.toString();
     for (const std::string& l : lines) error += "\n  " + l;
@@ -161,27 +163,27 @@ bool fetchThroughWorker(const Programs& programs, const std::string& url, int co
                         const Launcher& launcher, FetchRun& out, std::string& error) {
   WorkerSession session;
   if (!startSession(session, programs, launcher, error)) return false;
-  controller::PipelineOptions po;
-  po.replyTimeoutS = launcher.empty() ? 30 : 300;
-  controller::RequestPipeline pipeline(session.connection(), po);
+  halvarine::PipelineOptions po;
+  po.replyTimeoutMs = launcher.empty() ? 30000 : 300000;
+  halvarine::RequestPipeline pipeline(session.connection(), po);
 
   const double started = nowSeconds();
-  controller::Reply reply;
+  halvarine::Reply reply;
   if (pipeline.call("CONNECT", {url}, reply) != FetchStatus::DONE) {
-    error = "CONNECT: " + pipeline.error() + "; worker: " + session.worker().stderrText();
+    error = "CONNECT: " + pipeline.error() + "; worker: " + session.worker().output();
     return false;
   }
   if (reply.status() != "OK_") {
-    error = "CONNECT answered " + reply.status() + ": " + session.worker().stderrText();
+    error = "CONNECT answered " + reply.status() + ": " + session.worker().output();
     return false;
   }
-  controller::StreamFetchOptions fo;
+  halvarine::StreamFetchOptions fo;
   fo.count = count;
   fo.window = window;
-  const controller::StreamFetchResult r = controller::fetchStream(pipeline, fo, -1);
+  const halvarine::StreamFetchResult r = halvarine::fetchStream(pipeline, fo, -1);
   out.seconds = nowSeconds() - started;
   if (r.status != FetchStatus::DONE || !r.endOfStream) {
-    error = std::string("READ loop: ") + controller::statusText(r.status) + " " + r.error;
+    error = std::string("READ loop: ") + halvarine::statusText(r.status) + " " + r.error;
     return false;
   }
   out.bytes = r.bytes;
@@ -226,18 +228,18 @@ bool fetchWithFfmpeg(const Programs& programs, const std::string& url, FetchRun&
 bool ccheckRoundTrip(const Programs& programs, int calls, double& seconds, std::string& error) {
   WorkerSession session;
   if (!startSession(session, programs, {}, error)) return false;
-  controller::Reply reply;
+  halvarine::Reply reply;
   const double started = nowSeconds();
   for (int i = 0; i < calls; ++i) {
     const unsigned char echo = static_cast<unsigned char>(1 + i % 255);
-    if (!session.call(controller::Request::command("CCHECK", echo), 5, reply)) {
+    if (!session.call(halvarine::Request::command("CCHECK", echo), 5000, reply)) {
       error = "CCHECK: " + session.error();
       return false;
     }
   }
   seconds = (nowSeconds() - started) / calls;
-  controller::PipelineOptions po;
-  controller::RequestPipeline pipeline(session.connection(), po);
+  halvarine::PipelineOptions po;
+  halvarine::RequestPipeline pipeline(session.connection(), po);
   return endSession(session, pipeline, error);
 }
 
@@ -305,7 +307,7 @@ bool rawRoundTrip(int calls, double& seconds, std::string& error) {
   // The frames the worker would see and send, made by the worker's codec.
   Packet request;
   ParamList parsed;
-  if (!controller::encodeRequest(controller::Request::command("CCHECK", 1), request) ||
+  if (!halvarine::encodeRequest(halvarine::Request::command("CCHECK", 1), request) ||
       parsePacket(request, parsed) != RESULT_OK) {
     error = "cannot build the CCHECK frames";
     return false;
@@ -319,7 +321,7 @@ bool rawRoundTrip(int calls, double& seconds, std::string& error) {
     return false;
   }
   UniqueFd peerEnd(fds[1]);
-  controller::ControllerConnection connection{UniqueFd(fds[0])};
+  halvarine::ControllerConnection connection{UniqueFd(fds[0])};
   RawPeer peer(std::move(peerEnd), request.size(),
                reply);  // closes its copy here
   if (!peer.started()) {
@@ -328,12 +330,12 @@ bool rawRoundTrip(int calls, double& seconds, std::string& error) {
     return false;
   }
 
-  controller::Reply answer;
+  halvarine::Reply answer;
   const double started = nowSeconds();
   for (int i = 0; i < calls; ++i) {
     const unsigned char echo = static_cast<unsigned char>(1 + i % 255);
-    if (!connection.send(controller::Request::command("CCHECK", echo)) ||
-        !connection.receive(echo, 5, answer)) {
+    if (!connection.send(halvarine::Request::command("CCHECK", echo)) ||
+        !connection.receive(echo, 5000, answer)) {
       error = "raw peer: " + connection.error();
       connection.close();
       return false;
@@ -349,20 +351,20 @@ bool workerStartup(const Programs& programs, double& seconds, std::string& error
   const double started = nowSeconds();
   if (!startSession(session, programs, {}, error)) return false;
   seconds = nowSeconds() - started;
-  controller::PipelineOptions po;
-  controller::RequestPipeline pipeline(session.connection(), po);
+  halvarine::PipelineOptions po;
+  halvarine::RequestPipeline pipeline(session.connection(), po);
   return endSession(session, pipeline, error);
 }
 
 bool processStartup(const std::string& reference, double& seconds, std::string& error) {
-  WorkerProcess child;
+  ChildProcess child;
   const double started = nowSeconds();
-  if (!child.start(reference)) {
+  if (!child.start({reference})) {
     error = reference + ": " + child.error();
     return false;
   }
-  controller::ExitStatus st;
-  if (!child.waitExit(10, st)) {
+  halvarine::ExitStatus st;
+  if (!child.waitExit(10000, st)) {
     error = reference + ": " + child.error();
     return false;
   }

@@ -12,6 +12,7 @@
 // plot) and DIR/callgrind.*.out (for callgrind_annotate), and prints the
 // tables. No goal is enforced here: the ratios are for people to judge.
 
+#include <halvarine/controller.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -26,9 +27,8 @@
 #include <string>
 #include <vector>
 
+#include "base/allocator.h"
 #include "bench/bench.h"
-#include "channel/transport.h"
-#include "tools/controller/controller.h"
 #include "tools/mmsserver/server.h"
 
 namespace {
@@ -318,10 +318,10 @@ void startupAndSize(const Settings& s, const bench::Programs& programs, Report& 
     reference.add(sec * 1e3);
   }
   const std::string stripped = s.outDir + "/halvarine.stripped";
-  controller::WorkerProcess strip;
-  controller::ExitStatus st;
+  halvarine::ChildProcess strip;
+  halvarine::ExitStatus st;
   struct stat sb;
-  if (!strip.start("strip", {"-o", stripped, programs.worker}) || !strip.waitExit(30, st) ||
+  if (!strip.start({"strip", "-o", stripped, programs.worker}) || !strip.waitExit(30000, st) ||
       stat(stripped.c_str(), &sb) != 0)
     die("strip failed: " + strip.error());
   unlink(stripped.c_str());
@@ -360,7 +360,7 @@ int main(int argc, char** argv) {
   keepReplyBuffersResident();
   Settings s;
   bench::Programs programs;
-  programs.worker = controller::workerFromEnvironment();
+  programs.worker = getenv("HALVARINE_WORKER") != nullptr ? getenv("HALVARINE_WORKER") : "";
   if (programs.worker.empty()) programs.worker = HALVARINE_BENCH_WORKER;
   programs.libmmsFetch = HALVARINE_BENCH_LIBMMS_FETCH;
   for (int i = 1; i < argc; ++i) {

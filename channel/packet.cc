@@ -1,6 +1,16 @@
 #include "channel/packet.h"
 
+#include <string.h>
+
 #include <iostream>
+#include <string_view>
+
+namespace {
+
+const char START_SEQUENCE[FRAME_START_LEN] = {
+    static_cast<char>(FRAME_SYN), static_cast<char>(FRAME_SYN), static_cast<char>(FRAME_STX)};
+
+}  // namespace
 
 uint16_t bodyChecksum(const char* body, size_t len) {
   // A 16-bit sum that simply wraps is the checksum's own arithmetic, and it
@@ -12,27 +22,33 @@ uint16_t bodyChecksum(const char* body, size_t len) {
   return static_cast<uint16_t>(~sum);
 }
 
-void appendBody(const ParamList& params, std::string& body) {
-  for (size_t i = 1; i < params.size(); ++i) {
-    body.append(params[i]);
-    body.push_back(static_cast<char>(FIELD_END));
-  }
-  body.push_back(static_cast<char>(FIELD_END));
+void putCountedPrefix(char* at, uint16_t length) {
+  unsigned char* p = reinterpret_cast<unsigned char*>(at);
+  p[0] = COUNTED_FIELD_MARK;
+  putBe16(p + 1, length);
+  p[3] = 0x00;
 }
 
-bool frameBody(const unsigned char header[FRAME_HEADER_LEN], const std::string& body, Packet& out) {
-  if (body.size() > FRAME_MAX_BODY) return false;
-  unsigned char head[FRAME_BODY_OFFSET] = {FRAME_SYN, FRAME_SYN, FRAME_STX};
-  unsigned char* h = head + FRAME_START_LEN;
-  for (size_t i = 0; i < FRAME_HEADER_LEN; ++i) h[i] = header[i];
-  putBe16(h + HEADER_CHECKSUM, bodyChecksum(body.data(), body.size()));
-  putBe16(h + HEADER_LENGTH, static_cast<uint16_t>(body.size()));
+bool buildFrame(const unsigned char header[FRAME_HEADER_LEN], const ParamList& fields,
+                Packet& out) {
+  size_t bodyLen = 1;
+  for (size_t i = 1; i < fields.size(); ++i) bodyLen += fields[i].size() + 1;
+  if (bodyLen > FRAME_MAX_BODY) return false;
 
   out.clear();
-  out.reserve(body.size() + FRAME_OVERHEAD);
-  out.append(reinterpret_cast<const char*>(head), sizeof head);
-  out.append(body);
+  out.reserve(bodyLen + FRAME_OVERHEAD);
+  out.append(START_SEQUENCE, FRAME_START_LEN);
+  out.append(reinterpret_cast<const char*>(header), FRAME_HEADER_LEN);
+  for (size_t i = 1; i < fields.size(); ++i) {
+    out.append(fields[i]);
+    out.push_back(static_cast<char>(FIELD_END));
+  }
+  out.push_back(static_cast<char>(FIELD_END));
   out.push_back(static_cast<char>(FRAME_ETX));
+
+  unsigned char* h = reinterpret_cast<unsigned char*>(&out[FRAME_START_LEN]);
+  putBe16(h + HEADER_CHECKSUM, bodyChecksum(out.data() + FRAME_BODY_OFFSET, bodyLen));
+  putBe16(h + HEADER_LENGTH, static_cast<uint16_t>(bodyLen));
   return true;
 }
 
@@ -41,32 +57,15 @@ ResultCode makePacket(const ParamList& params, Packet& out) {
     std::cerr << "[makePacket()] parameter list is empty!" << std::endl;
     return MAKE_EMPTY_LIST;
   }
-  // The reply body is built straight into the frame, behind room for the
-  // start sequence and header, so the data of a READ reply is copied once.
-  size_t bodyLen = 1;
-  for (size_t i = 1; i < params.size(); ++i) bodyLen += params[i].size() + 1;
-  if (bodyLen > FRAME_MAX_BODY) {
-    std::cerr << "[makePacket()] reply too long! " << bodyLen << std::endl;
+  unsigned char header[FRAME_HEADER_LEN] = {0};
+  header[HEADER_KIND] = REPLY_KIND;
+  // Element 0 is a request header; a shorter one has no echo byte to give.
+  header[HEADER_ECHO] =
+      params[0].size() > HEADER_ECHO ? static_cast<unsigned char>(params[0][HEADER_ECHO]) : 0;
+  if (!buildFrame(header, params, out)) {
+    std::cerr << "[makePacket()] reply too long!" << std::endl;
     return MAKE_TOO_LONG;
   }
-
-  out.clear();
-  out.reserve(bodyLen + FRAME_OVERHEAD);
-  out.append(FRAME_BODY_OFFSET, '\0');
-  appendBody(params, out);
-  out.push_back(static_cast<char>(FRAME_ETX));
-
-  unsigned char* f = reinterpret_cast<unsigned char*>(&out[0]);
-  f[0] = FRAME_SYN;
-  f[1] = FRAME_SYN;
-  f[2] = FRAME_STX;
-  unsigned char* h = f + FRAME_START_LEN;
-  putBe16(h + HEADER_CHECKSUM, bodyChecksum(out.data() + FRAME_BODY_OFFSET, bodyLen));
-  h[HEADER_KIND] = REPLY_KIND;
-  // Element 0 is a request header; a shorter one has no echo byte to give.
-  h[HEADER_ECHO] =
-      params[0].size() > HEADER_ECHO ? static_cast<unsigned char>(params[0][HEADER_ECHO]) : 0;
-  putBe16(h + HEADER_LENGTH, static_cast<uint16_t>(bodyLen));
   return RESULT_OK;
 }
 
@@ -76,7 +75,7 @@ ResultCode parsePacket(const Packet& frame, ParamList& params) {
     return PARSE_MALFORMED;
   }
   const unsigned char* f = reinterpret_cast<const unsigned char*>(frame.data());
-  if (f[0] != FRAME_SYN || f[1] != FRAME_SYN || f[2] != FRAME_STX) {
+  if (memcmp(f, START_SEQUENCE, FRAME_START_LEN) != 0) {
     std::cerr << "[parsePacket()] no [SYN][SYN][STX] !" << std::endl;
     return PARSE_MALFORMED;
   }
@@ -108,5 +107,31 @@ ResultCode parsePacket(const Packet& frame, ParamList& params) {
     params.emplace_back(frame, pos, nl - pos);
     pos = nl + 1;
   }
+  return RESULT_OK;
+}
+
+FrameSearch findFrame(const char* bytes, size_t size, size_t& start, size_t& length) {
+  start = std::string_view(bytes, size).find(std::string_view(START_SEQUENCE, FRAME_START_LEN));
+  if (start == std::string_view::npos) return FRAME_NO_START;
+  if (size - start < FRAME_LENGTH_OFFSET + 2) return FRAME_INCOMPLETE;
+  length = getBe16(reinterpret_cast<const unsigned char*>(bytes) + start + FRAME_LENGTH_OFFSET) +
+           FRAME_OVERHEAD;
+  return size - start < length ? FRAME_INCOMPLETE : FRAME_FOUND;
+}
+
+ResultCode extractPacket(std::string& buffer, Packet& out) {
+  size_t start = 0, length = 0;
+  const FrameSearch search = findFrame(buffer.data(), buffer.size(), start, length);
+  if (search == FRAME_NO_START) {
+    // Nothing before a start sequence can ever be part of a frame, so once
+    // the garbage grows past the limit it is dropped, all but the bytes that
+    // may be the first part of a start sequence split across reads.
+    if (buffer.size() > RECV_GARBAGE_LIMIT) buffer.erase(0, buffer.size() - (FRAME_START_LEN - 1));
+    return EXTRACT_NO_FRAME;
+  }
+  if (start > 0) buffer.erase(0, start);
+  if (search == FRAME_INCOMPLETE) return EXTRACT_NO_FRAME;
+  out.assign(buffer, 0, length);
+  buffer.erase(0, length);
   return RESULT_OK;
 }

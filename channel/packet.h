@@ -1,8 +1,9 @@
 #ifndef HALVARINE_CHANNEL_PACKET_H
 #define HALVARINE_CHANNEL_PACKET_H
 
-// The frame that travels on the controller socket, and the two conversions
-// between frames and parameter lists. No I/O here: see transport.h.
+// The frame that travels on the controller socket, and the conversions
+// between frames, byte streams and parameter lists. No I/O here: see
+// transport.h.
 //
 //   offset 0..2    0x16 0x16 0x02           start sequence
 //   offset 3..11   9-byte header            see HEADER_* below
@@ -18,7 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "channel/result_code.h"
+#include "base/be16.h"
+#include "base/result_code.h"
 
 typedef std::string Packet;  // one whole frame
 typedef std::vector<std::string> ParamList;
@@ -46,33 +48,28 @@ static const unsigned char REPLY_KIND = 'R';
 
 static const size_t COUNTED_PREFIX_LEN = 4;  // 0x00, L high, L low, 0x00
 
-// Big-endian 16-bit wire values: the only way this code reads or writes them.
-inline uint16_t getBe16(const unsigned char* p) {
-  return static_cast<uint16_t>((p[0] << 8) | p[1]);
-}
-inline void putBe16(unsigned char* p, uint16_t v) {
-  p[0] = static_cast<unsigned char>(v >> 8);
-  p[1] = static_cast<unsigned char>(v & 0xFF);
-}
-
 // Sum of the body bytes modulo 65536, all bits inverted.
 uint16_t bodyChecksum(const char* body, size_t len);
 
-// The body that makePacket writes for elements 1..end of a list: each element
-// verbatim plus 0x0A, then one closing 0x0A. Appended to `body`.
-void appendBody(const ParamList& params, std::string& body);
+// The prefix that makes `length` data bytes behind it a counted field, written
+// to the 4 bytes at `at`.
+void putCountedPrefix(char* at, uint16_t length);
 
-// Builds a whole frame around `body` with the given 9 header bytes, filling
-// in the checksum and the length. Returns false, leaving `out` untouched,
-// when the body does not fit the 16-bit length field.
-bool frameBody(const unsigned char header[FRAME_HEADER_LEN], const std::string& body, Packet& out);
+// The one framer, for replies and requests alike: the start sequence,
+// `header` with its checksum and length filled in, a body of elements 1 to
+// the last of `fields` (each written verbatim and followed by 0x0A) and the
+// closing 0x0A, then the end mark. Element 0, the header of a list, is not
+// written. The body is built straight into `out`, so an element is copied
+// once. False, `out` untouched, when the body would not fit the length field.
+bool buildFrame(const unsigned char header[FRAME_HEADER_LEN], const ParamList& fields, Packet& out);
 
 // Reply frame from a list whose element 0 is the request's header.
 // 0: `out` holds the frame.
 // 0xFFFF: fewer than 2 elements (logged), `out` unchanged.
 // 6: the body would not fit the 16-bit length field (logged), `out`
-//    unchanged. Command handlers bound their replies so this never happens;
-//    it is here so that no frame with a truncated length is ever emitted.
+//    unchanged. The handlers refuse a request whose reply could not fit
+//    before they act on it (see replyFits), so this is a last line of
+//    defence: no frame with a truncated length is ever emitted.
 ResultCode makePacket(const ParamList& params, Packet& out);
 
 static const ResultCode MAKE_EMPTY_LIST = 0xFFFF;
@@ -86,5 +83,27 @@ static const ResultCode MAKE_TOO_LONG = 6;
 ResultCode parsePacket(const Packet& frame, ParamList& params);
 
 static const ResultCode PARSE_MALFORMED = 5;
+
+// ---- Cutting frames out of a byte stream
+
+// Where the first frame in `bytes` (`size` of them) lies, judged only by the
+// start sequence and the length field. FRAME_FOUND: it begins at `start` and
+// is `length` bytes long; FRAME_INCOMPLETE: it begins at `start` but has not
+// all arrived; FRAME_NO_START: there is no start sequence. The worker drops
+// what lies before a start; a controller, which expects nothing between
+// frames, calls it an error.
+enum FrameSearch { FRAME_FOUND, FRAME_INCOMPLETE, FRAME_NO_START };
+FrameSearch findFrame(const char* bytes, size_t size, size_t& start, size_t& length);
+
+// Largest run of bytes kept while no start sequence is in it: a controller
+// that sends garbage cannot grow the receive buffer without limit. The bytes
+// that may begin a start sequence split across reads are always kept.
+static const size_t RECV_GARBAGE_LIMIT = 4096;
+
+// Moves the first whole frame of `buffer` into `out`. Bytes in front of the
+// first start sequence are dropped. 0 frame moved; 7 no whole frame yet.
+ResultCode extractPacket(std::string& buffer, Packet& out);
+
+static const ResultCode EXTRACT_NO_FRAME = 7;
 
 #endif

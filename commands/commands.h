@@ -7,6 +7,10 @@
 // changed); otherwise it sends exactly one reply frame and returns what
 // writePacket returned. Whether the command itself worked travels in the
 // reply's status word ("OK_", "ERR", "EOF"), not in the result.
+//
+// A request whose reply could not fit one frame (a command word of tens of
+// kilobytes) is refused like a malformed one, before anything is done: a
+// reply that cannot be sent must not follow a command that was carried out.
 
 #include "channel/packet.h"
 
@@ -18,17 +22,5 @@ ResultCode commandGsize(const ParamList& request);
 ResultCode commandClose(const ParamList& request);
 ResultCode commandPend(const ParamList& request);
 ResultCode commandCcheck(const ParamList& request);
-
-// Body bytes of a READ success reply besides the data and the command word:
-// "OK_" + 0x0A, eight digits + 0x0A, the counted-field prefix, the data's
-// 0x0A and the list's closing 0x0A.
-static const size_t READ_REPLY_FIXED = 4 + 9 + COUNTED_PREFIX_LEN + 1 + 1 + 1;
-
-// The largest READ count whose reply fits a frame when the command word has
-// `wordLength` bytes. Header-only: controllers size their requests with it.
-inline int maxReadCount(size_t wordLength) {
-  const size_t fixed = READ_REPLY_FIXED + wordLength;
-  return fixed >= FRAME_MAX_BODY ? 0 : static_cast<int>(FRAME_MAX_BODY - fixed);
-}
 
 #endif

@@ -1,11 +1,12 @@
 #include <iostream>
 
+#include "channel/protocol.h"
 #include "commands/commands.h"
 #include "commands/reply.h"
 #include "mms/wrapper_mms.h"
 
 ResultCode commandConnect(const ParamList& request) {
-  if (!acceptRequest(request, 3, "CONNECT")) return COMMAND_REFUSED;
+  if (!acceptRequest(request, 3, WORD_CONNECT, STATUS_REPLY_TAIL)) return COMMAND_REFUSED;
   const std::string url = request[2];
   std::cerr << "[commandConnect()] command size : " << request[1].size() << std::endl;
   ParamList reply = startReply(request);

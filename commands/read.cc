@@ -1,21 +1,15 @@
-#include <stdio.h>
 #include <stdlib.h>
 
 #include <new>
 #include <string>
 
+#include "channel/protocol.h"
 #include "commands/commands.h"
 #include "commands/reply.h"
 #include "mms/wrapper_mms.h"
 
-namespace {
-
-const size_t COUNT_FIELD_LEN = 8;
-
-}  // namespace
-
 ResultCode commandRead(const ParamList& request) {
-  if (!acceptRequest(request, 3, "READ")) return COMMAND_REFUSED;
+  if (!acceptRequest(request, 3, WORD_READ, STATUS_REPLY_TAIL)) return COMMAND_REFUSED;
   if (request[2].size() != COUNT_FIELD_LEN) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
   if (!g_wrapperMms || !g_wrapperMms->isConnected()) {
@@ -41,14 +35,9 @@ ResultCode commandRead(const ParamList& request) {
     // A count the library reports outside 1..count (a negative error value
     // passed through as a count) cannot describe bytes in the buffer.
     if (rc == RESULT_OK && n > 0 && n <= count) {
-      char digits[16];
-      snprintf(digits, sizeof digits, "%08d", n);
       reply.push_back(STATUS_OK);
-      reply.push_back(digits);
-      buffer[0] = 0x00;
-      buffer[1] = static_cast<char>((n >> 8) & 0xFF);
-      buffer[2] = static_cast<char>(n & 0xFF);
-      buffer[3] = 0x00;
+      reply.push_back(formatCount(n));
+      putCountedPrefix(&buffer[0], static_cast<uint16_t>(n));
       buffer.resize(static_cast<size_t>(n) + COUNTED_PREFIX_LEN);
       reply.push_back(std::move(buffer));
     } else if (rc == MMS_NO_DATA) {

@@ -2,15 +2,14 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "channel/protocol.h"
 #include "channel/transport.h"
 
-const char STATUS_OK[] = "OK_";
-const char STATUS_ERR[] = "ERR";
-const char STATUS_EOF[] = "EOF";
-
-bool acceptRequest(const ParamList& request, size_t minElements, const char* literal) {
+bool acceptRequest(const ParamList& request, size_t minElements, const char* literal,
+                   size_t replyTail) {
   return request.size() >= minElements && request.size() >= 2 &&
-         boost::algorithm::starts_with(request[1], literal);
+         boost::algorithm::starts_with(request[1], literal) &&
+         replyFits(request[1].size(), replyTail);
 }
 
 ParamList startReply(const ParamList& request) {

@@ -8,13 +8,12 @@
 
 #include "channel/packet.h"
 
-extern const char STATUS_OK[];   // "OK_"
-extern const char STATUS_ERR[];  // "ERR"
-extern const char STATUS_EOF[];  // "EOF"
-
-// True when `request` has at least `minElements` elements and its command
-// word begins with `literal` (case-sensitive; a longer word is accepted).
-bool acceptRequest(const ParamList& request, size_t minElements, const char* literal);
+// True when `request` has at least `minElements` elements, its command word
+// begins with `literal` (case-sensitive; a longer word is accepted), and a
+// reply of that word and a tail of `replyTail` bytes (channel/protocol.h)
+// fits one frame.
+bool acceptRequest(const ParamList& request, size_t minElements, const char* literal,
+                   size_t replyTail);
 
 // A reply list holding copies of the request's header and command word.
 ParamList startReply(const ParamList& request);

@@ -1,10 +1,9 @@
 // The four commands without parameters: liveness, length, close and the
 // acknowledgement of the end.
 
-#include <stdio.h>
-
 #include <iostream>
 
+#include "channel/protocol.h"
 #include "commands/commands.h"
 #include "commands/reply.h"
 #include "mms/wrapper_mms.h"
@@ -13,7 +12,7 @@ namespace {
 
 // A bare acknowledgement; the loop does any work that follows it.
 ResultCode acknowledge(const ParamList& request, const char* literal) {
-  if (!acceptRequest(request, 2, literal)) return COMMAND_REFUSED;
+  if (!acceptRequest(request, 2, literal, STATUS_REPLY_TAIL)) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
   reply.push_back(STATUS_OK);
   return sendReply(reply);
@@ -22,15 +21,15 @@ ResultCode acknowledge(const ParamList& request, const char* literal) {
 }  // namespace
 
 ResultCode commandCcheck(const ParamList& request) {
-  return acknowledge(request, "CCHECK");
+  return acknowledge(request, WORD_CCHECK);
 }
 
 ResultCode commandPend(const ParamList& request) {
-  return acknowledge(request, "PEND");
+  return acknowledge(request, WORD_PEND);
 }
 
 ResultCode commandClose(const ParamList& request) {
-  if (!acceptRequest(request, 2, "CLOSE")) return COMMAND_REFUSED;
+  if (!acceptRequest(request, 2, WORD_CLOSE, STATUS_REPLY_TAIL)) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
   if (!g_wrapperMms || !g_wrapperMms->isConnected()) {
     reply.push_back(STATUS_OK);  // nothing to close
@@ -43,7 +42,9 @@ ResultCode commandClose(const ParamList& request) {
 }
 
 ResultCode commandGsize(const ParamList& request) {
-  if (!acceptRequest(request, 2, "GSIZE")) return COMMAND_REFUSED;
+  // Refused by the size of its largest reply, the one with the length, even
+  // when this one would carry only ERR: which it is depends on the stream.
+  if (!acceptRequest(request, 2, WORD_GSIZE, GSIZE_REPLY_TAIL)) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
   if (!g_wrapperMms || !g_wrapperMms->isConnected()) {
     reply.push_back(STATUS_ERR);
@@ -55,12 +56,8 @@ ResultCode commandGsize(const ParamList& request) {
   if (rc != RESULT_OK) {
     reply.push_back(STATUS_ERR);
   } else {
-    // Sixteen characters of the length taken as signed 32-bit, so a length
-    // of 2^31 or more shows a minus sign: controllers parse it that way.
-    char field[17];
-    snprintf(field, sizeof field, "%016d", static_cast<int32_t>(length));
     reply.push_back(STATUS_OK);
-    reply.push_back(field);
+    reply.push_back(formatLength(length));
   }
   return sendReply(reply);
 }

@@ -1,8 +1,7 @@
-#include <string.h>
-
 #include <boost/algorithm/string/predicate.hpp>
 #include <iostream>
 
+#include "channel/protocol.h"
 #include "commands/commands.h"
 #include "core/process.h"
 
@@ -17,9 +16,9 @@ struct CommandRow {
 // Matched in this order by "the word begins with the literal". No literal
 // begins another, so at most one row can match.
 const CommandRow COMMAND_TABLE[] = {
-    {"CONNECT", commandConnect, false}, {"READ", commandRead, false},
-    {"GSIZE", commandGsize, false},     {"CLOSE", commandClose, false},
-    {"PEND", commandPend, true},        {"CCHECK", commandCcheck, false},
+    {WORD_CONNECT, commandConnect, false}, {WORD_READ, commandRead, false},
+    {WORD_GSIZE, commandGsize, false},     {WORD_CLOSE, commandClose, false},
+    {WORD_PEND, commandPend, true},        {WORD_CCHECK, commandCcheck, false},
 };
 
 }  // namespace
@@ -29,7 +28,9 @@ CommandOutcome dispatchCommand(const ParamList& request) {
   for (const CommandRow& row : COMMAND_TABLE) {
     if (!boost::algorithm::starts_with(request[1], row.literal)) continue;
     if (row.endsLoop) std::cerr << "[Halvarine] recv PEND command!" << std::endl;
-    row.handler(request);  // the handler has answered (or refused) itself
+    // The handler has answered or refused by itself. A PEND it refused (its
+    // reply would not fit a frame) was not acknowledged, so it ends nothing.
+    if (row.handler(request) == COMMAND_REFUSED) return COMMAND_DROPPED;
     return row.endsLoop ? COMMAND_END : COMMAND_SERVED;
   }
   return COMMAND_DROPPED;

@@ -1,9 +1,7 @@
 #include "core/process.h"
 
 #include <errno.h>
-#include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,45 +9,12 @@
 
 #include <iostream>
 
+#include "base/allocator.h"
+#include "base/wait.h"
+#include "channel/protocol.h"
 #include "channel/transport.h"
-#include "channel/wait.h"
+#include "core/termination.h"
 #include "mms/wrapper_mms.h"
-
-const char CONTROLLER_SOCKET_PATH[] = "/tmp/zalProcess_Halvarine";
-
-namespace {
-
-void onTerminate(int) {
-  static const char MESSAGE[] = "\n**** SIGINT ****\n";
-  ssize_t ignored = write(STDERR_FILENO, MESSAGE, sizeof MESSAGE - 1);
-  (void)ignored;
-  // SIGTERM is let through only inside waitFd, so the main thread is asleep
-  // in pselect and holds no stream or allocator lock: the exit-time clean-up
-  // (closing an open stream among it) is safe to run from here.
-  exit(0);
-}
-
-}  // namespace
-
-bool installTerminationHandler() {
-  struct sigaction action;
-  memset(&action, 0, sizeof action);
-  action.sa_handler = onTerminate;
-  action.sa_flags = SA_RESTART;
-  sigemptyset(&action.sa_mask);
-  if (sigaction(SIGTERM, &action, nullptr) != 0) return false;
-
-  // Hold SIGTERM everywhere but in the readiness wait. A SIGTERM that comes
-  // while the process works is taken at its next wait, which every request
-  // reaches within its own time-outs.
-  sigset_t blocked, waitMask;
-  sigemptyset(&blocked);
-  sigaddset(&blocked, SIGTERM);
-  sigprocmask(SIG_BLOCK, &blocked, &waitMask);
-  sigdelset(&waitMask, SIGTERM);
-  setWaitSignalMask(&waitMask);
-  return true;
-}
 
 int runProcess() {
   keepReplyBuffersResident();
@@ -67,7 +32,7 @@ int runProcess() {
   struct sockaddr_un address;
   memset(&address, 0, sizeof address);
   address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, CONTROLLER_SOCKET_PATH, sizeof CONTROLLER_SOCKET_PATH);
+  memcpy(address.sun_path, CONTROLLER_SOCKET_PATH, strlen(CONTROLLER_SOCKET_PATH) + 1);
   // The whole address structure, not the path's length: the controller
   // binds the same way.
   if (connect(g_controlFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
@@ -86,12 +51,20 @@ int runProcess() {
       if (dispatchCommand(request) == COMMAND_END) break;
     }
 
+    // Each step of the shut-down starts at a safe point: a SIGTERM that
+    // came meanwhile ends the process there, and no further shut-down line
+    // is written.
+    safePoint();
     if (g_wrapperMms && g_wrapperMms->isConnected()) {
       const ResultCode rc = g_wrapperMms->close();
+      safePoint();
       std::cerr << "[Halvarine] MMS close!! : " << static_cast<int>(rc) << std::endl;
     }
+    safePoint();
     close(g_controlFd);
+    safePoint();
     std::cerr << "[Halvarine] application finished !!" << std::endl;
+    closeTerminationWindow();
   }
   return 0;
 }

@@ -3,13 +3,6 @@
 
 #include "channel/packet.h"
 
-// The controller's socket, fixed: the worker takes no arguments.
-extern const char CONTROLLER_SOCKET_PATH[];
-
-// Installs the SIGTERM handler and arranges that it only runs while the
-// process waits in waitFd. Returns false (errno set) when sigaction fails.
-bool installTerminationHandler();
-
 // Start-up, command loop and shut-down; returns the exit status.
 int runProcess();
 

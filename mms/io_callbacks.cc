@@ -2,6 +2,9 @@
 // wait is bounded by MEDIA_TIMEOUT_S of no readiness; a transfer that keeps
 // moving is never cut off. The sockets stay in blocking mode for the
 // library; the callbacks ask for non-blocking transfers call by call.
+//
+// The callbacks run inside library calls that hold no lock of their own, so
+// the points between their system calls are safe points (base/wait.h).
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,7 +17,7 @@
 
 #include <iostream>
 
-#include "channel/wait.h"
+#include "base/wait.h"
 #include "mms/wrapper_mms.h"
 
 namespace {
@@ -136,9 +139,8 @@ const Transfer READ_TRANSFER = {"[WrapperMms::io_read()] ", WAIT_READABLE,
 const Transfer WRITE_TRANSFER = {"[WrapperMms::io_write()] ", WAIT_WRITABLE,
                                  "write error! errno=", false};
 
-// One transfer that does not block: a socket that is ready already is
-// served without a wait, so a stream flowing at full speed costs one system
-// call per piece instead of two. EAGAIN means "wait first".
+// One transfer that does not block: it takes or gives what the socket has
+// room or bytes for now, and EAGAIN when there are none.
 ssize_t transferNow(const Transfer& t, int fd, char* buf, size_t len) {
   if (t.waitFor == WAIT_READABLE) return ::recv(fd, buf, len, MSG_DONTWAIT);
   // A server that has gone away must cost the stream, not the process:
@@ -162,11 +164,16 @@ mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
   }
   if (num <= 0) return 0;
 
+  // The first transfer goes ahead without a wait: on a stream that flows at
+  // full speed the bytes are already there, and one system call moves them.
+  // Once the socket has been found empty (or full), or a transfer moved less
+  // than was left, every further transfer waits first, as one that would
+  // find nothing costs a system call for nothing.
+  bool waitFirst = false;
   mms_off_t total = 0;
   while (total < num) {
-    const size_t want = static_cast<size_t>(num - total);
-    ssize_t n = transferNow(t, fd, buf + total, want);
-    if (mustWait(n)) {
+    safePoint();
+    if (waitFirst) {
       const WaitResult ready = waitFd(fd, t.waitFor, MEDIA_TIMEOUT_S);
       if (ready == WAIT_TIMEOUT) {
         std::cerr << t.name << "select timeout!" << std::endl;
@@ -177,9 +184,10 @@ mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
         std::cerr << t.name << "select error! errno=" << err << std::endl;
         return total > 0 ? total : -1;
       }
-      n = transferNow(t, fd, buf + total, want);
-      if (mustWait(n)) continue;  // readiness that went away again: wait anew
     }
+    const ssize_t n = transferNow(t, fd, buf + total, static_cast<size_t>(num - total));
+    waitFirst = true;
+    if (mustWait(n)) continue;
     if (n < 0) {
       const int err = errno;
       std::cerr << t.name << t.transferError << err << std::endl;

@@ -1,29 +1,15 @@
-// Opening a stream: which transport, through which proxy, with the library's
-// network traffic routed through the worker's own socket callbacks.
+// Opening a stream: the plan the URL calls for, carried out step by step,
+// with the library's network traffic routed through the worker's own socket
+// callbacks.
 
 #include <stdlib.h>
 
 #include <iostream>
 
 #include "mms/cpu_budget.h"
+#include "mms/opening_plan.h"
+#include "mms/transport.h"
 #include "mms/wrapper_mms.h"
-
-namespace {
-
-// A URL of the form PROXY/SCHEME://... reaches the stream through an HTTP
-// proxy. The markers are tried in this order, each over the whole URL, so
-// the order decides which one splits a URL that holds several.
-const char* const PROXY_MARKERS[] = {"/mms://", "/mmst://", "/mmsh://", "/http://"};
-
-const char SCHEME_MMSH[] = "mmsh://";
-const char SCHEME_HTTP[] = "http://";
-const size_t SCHEME_LEN = 7;  // both of the above
-
-bool hasScheme(const std::string& url, const char* scheme) {
-  return url.compare(0, SCHEME_LEN, scheme) == 0;
-}
-
-}  // namespace
 
 ResultCode WrapperMms::connect() {
   std::cerr << "[WrapperMms::connect()] call! " << std::endl;
@@ -39,52 +25,35 @@ ResultCode WrapperMms::connect() {
 
   std::cerr << "[WrapperMms::connect()] url=" << m_url << std::endl;
 
-  std::string target = m_url;
-  size_t markerPos = std::string::npos;
-  for (const char* marker : PROXY_MARKERS) {
-    markerPos = m_url.find(marker);
-    if (markerPos != std::string::npos) break;
-  }
-
-  if (markerPos != std::string::npos) {
+  const OpeningPlan plan = planOpening(m_url);
+  if (plan.viaProxy) {
     // The proxy reaches libmms only through the environment; an empty proxy
     // still sets the variable.
-    const std::string proxy = m_url.substr(0, markerPos);
-    target = m_url.substr(markerPos + 1);
-    setenv("http_proxy", proxy.c_str(), 1);
-    std::cerr << "[WrapperMms::connect()] set proxy! : " << proxy << std::endl;
+    setenv("http_proxy", plan.proxy.c_str(), 1);
+    std::cerr << "[WrapperMms::connect()] set proxy! : " << plan.proxy << std::endl;
   } else {
     // A proxy from an earlier stream must not outlive it.
     unsetenv("http_proxy");
-    if (!hasScheme(target, SCHEME_MMSH) && !hasScheme(target, SCHEME_HTTP)) {
-      std::cerr << "[WrapperMms::connect()] open MMST stream!" << std::endl;
-      {
-        CpuBudget budget;
-        m_mms = mms_connect(m_io, nullptr, target.c_str(), 0);
-      }
-      if (m_mms != nullptr) {
-        std::cerr << "[WrapperMms::connect()] open MMST stream success!" << std::endl;
-        m_connected = true;
-        m_streamType = STREAM_MMST;
-        return RESULT_OK;
-      }
-      std::cerr << "[WrapperMms::connect()] open MMST stream failed!" << std::endl;
-    }
   }
 
-  if (hasScheme(target, SCHEME_HTTP)) target.replace(0, SCHEME_LEN, SCHEME_MMSH);
-  std::cerr << "[WrapperMms::connect()] open MMSH stream!" << std::endl;
-  {
-    CpuBudget budget;
-    m_mmsh = mmsh_connect(m_io, nullptr, target.c_str(), 0);
+  for (const OpeningAttempt& attempt : plan.attempts) {
+    const Transport& t = *transportFor(attempt.transport);
+    std::cerr << "[WrapperMms::connect()] open " << t.name << " stream!" << std::endl;
+    bool opened;
+    {
+      CpuBudget budget;
+      opened = t.open(*this, attempt.target);
+    }
+    if (opened) {
+      std::cerr << "[WrapperMms::connect()] open " << t.name << " stream success!" << std::endl;
+      m_streamType = t.type;
+      m_connected = true;
+      return RESULT_OK;
+    }
+    std::cerr << "[WrapperMms::connect()] open " << t.name << " stream failed!";
+    if (t.failureNamesTarget) std::cerr << " " << attempt.target;
+    std::cerr << std::endl;
   }
-  if (m_mmsh != nullptr) {
-    std::cerr << "[WrapperMms::connect()] open MMSH stream success!" << std::endl;
-    m_streamType = STREAM_MMSH;
-    m_connected = true;
-    return RESULT_OK;
-  }
-  std::cerr << "[WrapperMms::connect()] open MMSH stream failed! " << target << std::endl;
   m_streamType = STREAM_NONE;
   m_connected = false;
   return MMS_OPEN_FAILED;

@@ -3,8 +3,48 @@
 #include <iostream>
 
 #include "mms/cpu_budget.h"
+#include "mms/transport.h"
 
 boost::shared_ptr<WrapperMms> g_wrapperMms;
+
+// The position is a 64-bit offset in libmms; its low 32 bits are kept.
+const WrapperMms::Transport WrapperMms::TRANSPORTS[] = {
+    {STREAM_MMST, "MMST", false,
+     [](WrapperMms& w, const std::string& target) {
+       w.m_mms = mms_connect(w.m_io, nullptr, target.c_str(), 0);
+       return w.m_mms != nullptr;
+     },
+     [](WrapperMms& w, char* buffer, int length) {
+       return mms_read(w.m_io, w.m_mms, buffer, length);
+     },
+     [](const WrapperMms& w) { return static_cast<uint32_t>(mms_get_length(w.m_mms)); },
+     [](const WrapperMms& w) { return static_cast<uint32_t>(mms_get_current_pos(w.m_mms)); },
+     [](WrapperMms& w) {
+       mms_close(w.m_mms);
+       w.m_mms = nullptr;
+     }},
+    {STREAM_MMSH, "MMSH", true,
+     [](WrapperMms& w, const std::string& target) {
+       w.m_mmsh = mmsh_connect(w.m_io, nullptr, target.c_str(), 0);
+       return w.m_mmsh != nullptr;
+     },
+     [](WrapperMms& w, char* buffer, int length) {
+       return mmsh_read(w.m_io, w.m_mmsh, buffer, length);
+     },
+     [](const WrapperMms& w) { return static_cast<uint32_t>(mmsh_get_length(w.m_mmsh)); },
+     [](const WrapperMms& w) { return static_cast<uint32_t>(mmsh_get_current_pos(w.m_mmsh)); },
+     [](WrapperMms& w) {
+       mmsh_close(w.m_mmsh);
+       w.m_mmsh = nullptr;
+     }},
+};
+
+const WrapperMms::Transport* WrapperMms::transportFor(StreamType type) {
+  for (const Transport& t : TRANSPORTS) {
+    if (t.type == type) return &t;
+  }
+  return nullptr;
+}
 
 WrapperMms::WrapperMms(const std::string& url)
     : m_url(url),
@@ -22,14 +62,13 @@ ResultCode WrapperMms::read(char* buffer, int length, int& count) {
   count = 0;
   if (buffer == nullptr) return MMS_NULL_BUFFER;
   if (!m_connected) return MMS_NOT_CONNECTED;
+  const Transport* t = transportFor(m_streamType);
+  if (t == nullptr) return MMS_BAD_READ_TYPE;
   int got;
-  CpuBudget budget;
-  if (m_streamType == STREAM_MMST)
-    got = mms_read(m_io, m_mms, buffer, length);
-  else if (m_streamType == STREAM_MMSH)
-    got = mmsh_read(m_io, m_mmsh, buffer, length);
-  else
-    return MMS_BAD_READ_TYPE;
+  {
+    CpuBudget budget;
+    got = t->read(*this, buffer, length);
+  }
   // Whatever the library returns that is not 0 is passed on as the count.
   count = got;
   return got == 0 ? MMS_NO_DATA : RESULT_OK;
@@ -38,15 +77,10 @@ ResultCode WrapperMms::read(char* buffer, int length, int& count) {
 ResultCode WrapperMms::getLength(uint32_t& length) {
   std::cerr << "[WrapperMms::getLength()] call! " << std::endl;
   if (!m_connected) return MMS_NOT_CONNECTED;
-  if (m_streamType == STREAM_MMST) {
-    length = mms_get_length(m_mms);
-    std::cerr << "[WrapperMms::getLength()] get MMST length : " << length << std::endl;
-  } else if (m_streamType == STREAM_MMSH) {
-    length = mmsh_get_length(m_mmsh);
-    std::cerr << "[WrapperMms::getLength()] get MMSH length : " << length << std::endl;
-  } else {
-    return MMS_BAD_STREAM_TYPE;
-  }
+  const Transport* t = transportFor(m_streamType);
+  if (t == nullptr) return MMS_BAD_STREAM_TYPE;
+  length = t->length(*this);
+  std::cerr << "[WrapperMms::getLength()] get " << t->name << " length : " << length << std::endl;
   return RESULT_OK;
 }
 
@@ -55,31 +89,20 @@ ResultCode WrapperMms::getCurrentPos(uint32_t& position) {
   // as it is.
   std::cerr << "WrapperMms::getCurrentPos()] call! " << std::endl;
   if (!m_connected) return MMS_NOT_CONNECTED;
-  if (m_streamType == STREAM_MMST) {
-    position = static_cast<uint32_t>(mms_get_current_pos(m_mms));
-    std::cerr << "[WrapperMms::getCurrentPos()] get MMST pos! offset=" << position << std::endl;
-  } else if (m_streamType == STREAM_MMSH) {
-    position = static_cast<uint32_t>(mmsh_get_current_pos(m_mmsh));
-    std::cerr << "[WrapperMms::getCurrentPos()] get MMSH pos! offset=" << position << std::endl;
-  } else {
-    return MMS_BAD_STREAM_TYPE;
-  }
+  const Transport* t = transportFor(m_streamType);
+  if (t == nullptr) return MMS_BAD_STREAM_TYPE;
+  position = t->position(*this);
+  std::cerr << "[WrapperMms::getCurrentPos()] get " << t->name << " pos! offset=" << position
+            << std::endl;
   return RESULT_OK;
 }
 
 ResultCode WrapperMms::close() {
   if (m_connected) {
-    if (m_streamType == STREAM_MMST) {
-      std::cerr << "[WrapperMms::close()] close MMST stream! " << std::endl;
-      mms_close(m_mms);
-      m_mms = nullptr;
-    } else if (m_streamType == STREAM_MMSH) {
-      std::cerr << "[WrapperMms::close()] close MMSH stream! " << std::endl;
-      mmsh_close(m_mmsh);
-      m_mmsh = nullptr;
-    } else {
-      return MMS_BAD_STREAM_TYPE;
-    }
+    const Transport* t = transportFor(m_streamType);
+    if (t == nullptr) return MMS_BAD_STREAM_TYPE;
+    std::cerr << "[WrapperMms::close()] close " << t->name << " stream! " << std::endl;
+    t->close(*this);
   }
   m_streamType = STREAM_NONE;
   m_connected = false;

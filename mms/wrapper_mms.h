@@ -11,12 +11,8 @@
 #include <boost/shared_ptr.hpp>
 #include <string>
 
-#include "channel/result_code.h"
-
-typedef uint32_t StreamType;
-static const StreamType STREAM_MMST = 0;
-static const StreamType STREAM_MMSH = 1;
-static const StreamType STREAM_NONE = 0xFFFF;
+#include "base/result_code.h"
+#include "mms/stream_type.h"
 
 // Result codes of the stream operations.
 static const ResultCode MMS_NULL_BUFFER = 1;           // read: buffer is null
@@ -34,7 +30,7 @@ class WrapperMms {
   virtual ~WrapperMms();  // closes an open stream
 
   // Opens the stream named by the URL given at construction, closing an
-  // open one first. 0 open; 2 neither transport could open it.
+  // open one first. 0 open; 2 no transport could open it.
   ResultCode connect();
 
   // One library read of up to `length` bytes into `buffer`; `count` gets the
@@ -62,6 +58,13 @@ class WrapperMms {
  private:
   WrapperMms(const WrapperMms&);
   WrapperMms& operator=(const WrapperMms&);
+
+  // The library's calls for one protocol: every operation goes through the
+  // entry of its stream type, so none branches on the type itself.
+  struct Transport;
+  static const Transport TRANSPORTS[];
+  // The entry for m_streamType (or `type`); null for an unknown type.
+  static const Transport* transportFor(StreamType type);
 
   std::string m_url;
   mms_io_t* m_io;

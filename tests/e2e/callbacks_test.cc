@@ -11,9 +11,9 @@
 
 #include "tests/support/support.h"
 
-using controller::hex;
-using controller::Reply;
-using controller::Request;
+using halvarine::hex;
+using halvarine::Reply;
+using halvarine::Request;
 using support::countDigits;
 using support::expectedReadReply;
 using support::expectedReply;
@@ -125,7 +125,7 @@ TEST_P(MidStream, PeerClosingDuringTheWaitEndsTheReadAtOnce) {
 // the notice, the stream's close line, status 0, no reply, no end lines.
 TEST_P(MidStream, SigtermDuringAWaitingReadEndsTheProcessAtOnce) {
   ASSERT_NO_FATAL_FAILURE(stallMidStream());
-  const size_t before = session.worker().stderrText().size();
+  const size_t before = session.worker().output().size();
   ASSERT_TRUE(session.send(request("READ", {countDigits(BIG_READ)})));
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   const auto start = support::Clock::now();
@@ -134,8 +134,8 @@ TEST_P(MidStream, SigtermDuringAWaitingReadEndsTheProcessAtOnce) {
   EXPECT_LT(secondsSince(start), 2.0) << "the signal waited for the media time-out";
   EXPECT_EQ(std::string("\n**** SIGINT ****\n[WrapperMms::close()] close ") +
                 (GetParam() == Transport::MMST ? "MMST" : "MMSH") + " stream! \n",
-            session.worker().stderrText().substr(before));
-  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_S)) << session.error();
+            session.worker().output().substr(before));
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
 }
 
 // Silence mid-READ: after 7 s the callback gives up and the library makes

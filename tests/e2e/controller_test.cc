@@ -12,12 +12,12 @@
 
 #include "tests/support/support.h"
 
-using controller::ControllerConnection;
-using controller::ControllerListener;
-using controller::decodeReply;
-using controller::Reply;
-using controller::UniqueFd;
-using controller::WorkerProcess;
+using halvarine::ChildProcess;
+using halvarine::ControllerConnection;
+using halvarine::ControllerListener;
+using halvarine::decodeReply;
+using halvarine::Reply;
+using halvarine::UniqueFd;
 using support::bytes;
 using support::connectedSocket;
 using support::fileExists;
@@ -66,7 +66,7 @@ TEST(ReplyFrames, BodiesThatAreNotExactlyFieldsAreRejected) {
        {std::string("CCHECK\nOK_\n"), std::string("CCHECK\nOK_\n\nX\n\n"),
         std::string("CCHECK\n\nOK_\n\n"), std::string("CCHECK\nOK_"), std::string(),
         "READ\nOK_\n" + bytes({0x00, 0x00, 0x01, 0x01}) + "a\n\n"}) {  // spare byte not 0
-    EXPECT_TRUE(rejected(frameAround(0x07, body, 'R'))) << controller::hex(body);
+    EXPECT_TRUE(rejected(frameAround(0x07, body, 'R'))) << halvarine::hex(body);
   }
 }
 
@@ -77,14 +77,14 @@ class FakeWorker : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(listener.listen(privatePath())) << listener.error();
     worker = connectedSocket(listener.path());
-    ASSERT_TRUE(listener.accept(1, conn)) << listener.error();
+    ASSERT_TRUE(listener.accept(1000, conn)) << listener.error();
   }
   void send(const std::string& bytes) {
     ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(worker.get(), bytes.data(), bytes.size()));
   }
   void expectFailure(unsigned char echo, const std::string& inError) {
     Reply r;
-    EXPECT_FALSE(conn.receive(echo, 1, r));
+    EXPECT_FALSE(conn.receive(echo, 1000, r));
     EXPECT_NE(std::string::npos, conn.error().find(inError)) << conn.error();
   }
 
@@ -106,7 +106,7 @@ TEST_F(FakeWorker, EndOfStreamInsideAFrameIsAnError) {
 
 TEST_F(FakeWorker, BytesInsteadOfTheEndAreAnError) {
   send("z");
-  EXPECT_FALSE(conn.receiveEof(1));
+  EXPECT_FALSE(conn.receiveEof(1000));
   EXPECT_NE(std::string::npos, conn.error().find("7A")) << conn.error();
 }
 
@@ -167,29 +167,29 @@ TEST(Cleanup, ListenerRemovesOnlyItsOwnSocketFile) {
 TEST(Cleanup, ChildIsKilledAndReapedAndItsStderrNeverBlocksIt) {
   pid_t pid;
   {
-    WorkerProcess p;
-    ASSERT_TRUE(p.start("/bin/sh", {"-c", "exec sleep 30"})) << p.error();
+    halvarine::ChildProcess p;
+    ASSERT_TRUE(p.start({"/bin/sh", "-c", "exec sleep 30"})) << p.error();
     pid = p.pid();
-    WorkerProcess moved(std::move(p));
+    halvarine::ChildProcess moved(std::move(p));
     EXPECT_TRUE(moved.running());
   }
   EXPECT_EQ(-1, kill(pid, 0));
   EXPECT_EQ(ESRCH, errno);
 
-  WorkerProcess loud;
-  ASSERT_TRUE(loud.start("/bin/sh", {"-c", "head -c 300000 /dev/zero | tr '\\0' x >&2"}));
-  controller::ExitStatus st;
-  ASSERT_TRUE(loud.waitExit(10, st)) << loud.error();
-  EXPECT_EQ(300000u, loud.stderrText().size());
+  halvarine::ChildProcess loud;
+  ASSERT_TRUE(loud.start({"/bin/sh", "-c", "head -c 300000 /dev/zero | tr '\\0' x >&2"}));
+  halvarine::ExitStatus st;
+  ASSERT_TRUE(loud.waitExit(10000, st)) << loud.error();
+  EXPECT_EQ(300000u, loud.output().size());
 }
 
 TEST(Cleanup, WorkerThatNeverConnectsFailsTheStartAndLeavesNothing) {
-  controller::WorkerSession s;
-  controller::WorkerSession::Options o;
+  halvarine::WorkerSession s;
+  halvarine::WorkerSession::Options o;
   o.worker = "/bin/true";
   o.launcher.clear();
   o.socketPath = privatePath();
-  o.acceptTimeoutS = 1;
+  o.acceptTimeoutMs = 1000;
   EXPECT_FALSE(s.start(o));
   EXPECT_NE(std::string::npos, s.error().find("exit 0")) << s.error();
   EXPECT_FALSE(fileExists(o.socketPath));

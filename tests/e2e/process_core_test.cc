@@ -12,10 +12,10 @@
 
 #include "tests/support/support.h"
 
-using controller::ExitStatus;
-using controller::Field;
-using controller::hex;
-using controller::Request;
+using halvarine::ExitStatus;
+using halvarine::Field;
+using halvarine::hex;
+using halvarine::Request;
 using support::bytes;
 using support::expectedReply;
 using support::frameAround;
@@ -26,16 +26,16 @@ const char NO_ETX[] = "[parsePacket()] no [ETX]!";
 const char FINISHED[] = "[Halvarine] application finished !!";
 const char SIGTERM_TEXT[] = "\n**** SIGINT ****\n";
 
-Packet frameOf(const Request& req) {
-  Packet p;
-  EXPECT_TRUE(controller::encodeRequest(req, p));
+std::string frameOf(const Request& req) {
+  std::string p;
+  EXPECT_TRUE(halvarine::encodeRequest(req, p));
   return p;
 }
 
 // ---- Start-up failures: one line, status 1, at once
 
 TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
-  const std::string worker = controller::workerFromEnvironment();
+  const std::string worker = support::workerPath();
   ASSERT_FALSE(worker.empty());
   ASSERT_TRUE(support::controllerPathFree(0));
   struct Case {
@@ -52,7 +52,7 @@ TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    const bool launched = !controller::launcherFromEnvironment().empty();
+    const bool launched = !halvarine::launcherFromEnvironment().empty();
     if (c.preload != nullptr && launched) continue;  // the library is built for this host
     // A sanitizer runtime needs descriptors of its own to report anything.
     if (c.line.find("create socket fail") != std::string::npos &&
@@ -60,29 +60,32 @@ TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
       continue;
     }
     // Bound but not listening: the connect is refused.
-    controller::UniqueFd stale;
+    halvarine::UniqueFd stale;
     if (c.line.find("errno=" + std::to_string(ECONNREFUSED)) != std::string::npos) {
-      stale = support::boundSocket(controller::DEFAULT_SOCKET_PATH);
+      stale = support::boundSocket(halvarine::CONTROLLER_SOCKET_PATH);
       ASSERT_TRUE(stale.valid()) << strerror(errno);
     }
-    controller::WorkerProcess p;
+    halvarine::ChildProcess p;
     const auto start = support::Clock::now();
     if (c.preload != nullptr) {
       // A sanitized worker must be told that its runtime need not be first.
       const char* asan = getenv("ASAN_OPTIONS");
       const std::string asanOptions =
           std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0";
-      ASSERT_TRUE(p.start(worker, {}, {std::string("LD_PRELOAD=") + c.preload, asanOptions}))
-          << p.error();
+      halvarine::ChildProcess::Options preloaded;
+      preloaded.env = {std::string("LD_PRELOAD=") + c.preload, asanOptions};
+      ASSERT_TRUE(p.start({worker}, preloaded)) << p.error();
     } else {
-      ASSERT_TRUE(p.startVia(controller::launcherFromEnvironment(), worker)) << p.error();
+      std::vector<std::string> argv = halvarine::launcherFromEnvironment();
+      argv.push_back(worker);
+      ASSERT_TRUE(p.start(argv)) << p.error();
     }
     ExitStatus st;
-    ASSERT_TRUE(p.waitExit(5, st)) << p.error();
+    ASSERT_TRUE(p.waitExit(5000, st)) << p.error();
     EXPECT_LT(support::secondsSince(start), 2.0) << "no retry, no wait";
     EXPECT_TRUE(st.exited && st.code == 1) << st.toString();
-    EXPECT_EQ(std::vector<std::string>{c.line}, p.stderrLines());
-    unlink(controller::DEFAULT_SOCKET_PATH);
+    EXPECT_EQ(std::vector<std::string>{c.line}, p.outputLines());
+    unlink(halvarine::CONTROLLER_SOCKET_PATH);
   }
 }
 
@@ -95,9 +98,9 @@ TEST_F(ProcessEnd, PendLogsAnswersFinishesAndCloses) {
   ASSERT_TRUE(session.sendRaw(frameOf(Request::command("PENDING", 0x07, {"extra"})) +
                               frameOf(Request::command("CCHECK", 0x08))));
   EXPECT_EQ(hex(expectedReply(0x07, {"PENDING", "OK_"})), hex(receive(0x07).frame));
-  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_S)) << session.error();
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
   expectExit(0);
-  EXPECT_EQ((std::vector<std::string>{"[Halvarine] recv PEND command!", FINISHED}), stderrLines());
+  EXPECT_EQ((std::vector<std::string>{"[Halvarine] recv PEND command!", FINISHED}), outputLines());
 }
 
 TEST_F(ProcessEnd, ControllerClosingInsideAFrameEndsTheProcess) {
@@ -105,22 +108,22 @@ TEST_F(ProcessEnd, ControllerClosingInsideAFrameEndsTheProcess) {
   ASSERT_TRUE(session.sendRaw(frameOf(Request::command("CCHECK", 0x02)).substr(0, 8)));
   session.connection().close();
   expectExit(0);
-  EXPECT_EQ((std::vector<std::string>{"[readPacket()] read EOF!", FINISHED}), stderrLines());
+  EXPECT_EQ((std::vector<std::string>{"[readPacket()] read EOF!", FINISHED}), outputLines());
 }
 
 TEST_F(ProcessEnd, SigtermWhileWaitingWritesOneNoticeAndExits0) {
   expectOnlyCcheckReply(0x01);
   ASSERT_TRUE(session.worker().sendSignal(SIGTERM));
   expectExit(0);
-  EXPECT_EQ(std::string(SIGTERM_TEXT, 18), session.worker().stderrText());
-  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_S)) << session.error();
+  EXPECT_EQ(std::string(SIGTERM_TEXT, 18), session.worker().output());
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
 }
 
 TEST_F(ProcessEnd, ReplyToAControllerThatHasGoneEndsTheProcessBySigpipe) {
   ASSERT_TRUE(session.send(Request::command("CCHECK", 0x01)));
   session.connection().close();
   ExitStatus st;
-  ASSERT_TRUE(session.worker().waitExit(support::REPLY_TIMEOUT_S, st));
+  ASSERT_TRUE(session.worker().waitExit(support::REPLY_TIMEOUT_MS, st));
   EXPECT_TRUE(st.signaled && st.signal == SIGPIPE) << st.toString();
 }
 
@@ -129,7 +132,7 @@ TEST_F(ProcessEnd, SlowSilenceOf60SecondsEndsTheProcess) {
   const auto start = support::Clock::now();
   expectExit(0, 75);
   EXPECT_GE(support::secondsSince(start), 59.0);
-  EXPECT_EQ((std::vector<std::string>{"[readPacket()] select timeout!", FINISHED}), stderrLines());
+  EXPECT_EQ((std::vector<std::string>{"[readPacket()] select timeout!", FINISHED}), outputLines());
 }
 
 // ---- The small commands without a stream
@@ -167,7 +170,7 @@ TEST_F(SmallCommands, RepliesBeforeAnyStreamInOrderByteExact) {
     EXPECT_EQ(hex(expectedReply(step.first.echo, step.second)),
               hex(receive(step.first.echo).frame));
   }
-  EXPECT_EQ(std::vector<std::string>{}, stderrLines());
+  EXPECT_EQ(std::vector<std::string>{}, outputLines());
 }
 
 // ---- Frames dropped: the next request is still served
@@ -177,7 +180,7 @@ class MalformedFrames : public support::WorkerTest {
   void expectDropped(const std::string& raw, const std::vector<std::string>& lines) {
     ASSERT_TRUE(session.sendRaw(raw)) << session.error();
     expectOnlyCcheckReply(0x7E);
-    EXPECT_EQ(lines, stderrLines());
+    EXPECT_EQ(lines, outputLines());
   }
 };
 
@@ -192,12 +195,12 @@ TEST_F(MalformedFrames, UnknownWordsGetNoReply) {
 }
 
 TEST_F(MalformedFrames, LengthFieldTooSmallCutsTheFrameShort) {
-  Packet f = frameOf(Request::command("CCHECK", 0x01));
+  std::string f = frameOf(Request::command("CCHECK", 0x01));
   f[9] = 0;
   f[10] = 0;  // a 13-byte frame ending in 'C'; the rest is noise
-  Packet g = frameOf(Request::command("GSIZE", 0x02));
+  std::string g = frameOf(Request::command("GSIZE", 0x02));
   g[10] = static_cast<char>(g[10] - 1);
-  Packet h = frameOf(Request::command("CCHECK", 0x03));
+  std::string h = frameOf(Request::command("CCHECK", 0x03));
   h.back() = '\x04';  // wrong end mark
   expectDropped(f + g + h, {NO_ETX, NO_ETX, NO_ETX});
 }
@@ -214,7 +217,7 @@ TEST_F(MalformedFrames, BadBodiesAreDroppedSilently) {
 
 // Noise before a frame, a frame split anywhere, the largest frame.
 TEST_F(MalformedFrames, FramesSurviveNoiseAndAnyCut) {
-  const Packet f = frameOf(Request::command("CLOSE", 0x06));
+  const std::string f = frameOf(Request::command("CLOSE", 0x06));
   ASSERT_TRUE(
       session.sendRaw("abc" + bytes({0x16, 0x02, 0x16, 0x16, 0x03}) + std::string(10000, 'g')));
   for (size_t cut = 1; cut < f.size(); ++cut) {

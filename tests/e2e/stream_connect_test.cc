@@ -9,9 +9,9 @@
 
 #include "tests/support/support.h"
 
-using controller::hex;
-using controller::Reply;
-using controller::Request;
+using halvarine::hex;
+using halvarine::Reply;
+using halvarine::Request;
 using support::expectedReadReply;
 using support::expectedReply;
 using support::REFUSED;
@@ -305,7 +305,7 @@ TEST_P(OpenStream, GsizeReportsWhatTheLibraryReports) {
 
 TEST_P(OpenStream, PendAnswersThenClosesTheStreamAndEnds) {
   expectStatus("PEND", "OK_");
-  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_S)) << session.error();
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
   expectExit(0);
   EXPECT_EQ((Lines{"[Halvarine] recv PEND command!",
                    GetParam() == Transport::MMST ? CLOSE_MMST : CLOSE_MMSH,

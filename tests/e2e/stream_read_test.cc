@@ -8,9 +8,9 @@
 
 #include "tests/support/support.h"
 
-using controller::Field;
-using controller::hex;
-using controller::Reply;
+using halvarine::Field;
+using halvarine::hex;
+using halvarine::Reply;
 using support::bytes;
 using support::countDigits;
 using support::expectedReadReply;
@@ -38,7 +38,7 @@ class StreamRead : public support::StreamTest {
   // `word` with `countField`: the reply must carry the next min(count, rest)
   // reference bytes. Returns the reply.
   Reply expectNext(const std::string& countField, const std::string& word = "READ") {
-    const controller::Request req = request(word, {countField});
+    const halvarine::Request req = request(word, {countField});
     Reply r = call(req);
     const size_t n =
         std::min(static_cast<size_t>(atoi(countField.c_str())), reference.size() - pos);
@@ -53,7 +53,7 @@ class StreamRead : public support::StreamTest {
 
   void expectStatusFor(const std::string& countField, const std::string& status,
                        const std::string& word = "READ") {
-    const controller::Request req = request(word, {countField});
+    const halvarine::Request req = request(word, {countField});
     EXPECT_TRUE(sameFrame(expectedReply(req.echo, {word, status}), call(req).frame))
         << word << " " << countField;
   }

@@ -17,12 +17,10 @@
 #include <vector>
 
 #include "tests/support/support.h"
-#include "tools/controller/stream_fetch.h"
-#include "tools/controller/support.h"
 
-using controller::FetchStatus;
-using controller::Reply;
-using controller::Request;
+using halvarine::FetchStatus;
+using halvarine::Reply;
+using halvarine::Request;
 using support::countDigits;
 using support::secondsSince;
 
@@ -276,8 +274,8 @@ class FaultMatrix : public support::StreamTest, public ::testing::WithParamInter
     Reply r;
     bool answered = false;
     while (!answered && secondsSince(start) < 15) {
-      session.worker().stderrText();
-      answered = session.connection().receive(req.echo, 1, r);
+      session.worker().output();
+      answered = session.connection().receive(req.echo, 1000, r);
     }
     ASSERT_TRUE(answered) << session.error();
     EXPECT_TRUE(r.status() == "OK_" || r.status() == "ERR") << r.status();
@@ -295,26 +293,26 @@ class FaultMatrix : public support::StreamTest, public ::testing::WithParamInter
   // The worker dies by a signal inside CONNECT; the controller sees its
   // socket end, kills and reaps it, stops listening: nothing left.
   void dies(MmsTestServer& server, int signal) {
-    controller::PipelineOptions options;
-    options.replyTimeoutS = HAZARD_REPLY_TIMEOUT_S;
-    options.keepAliveS = 0;
-    options.deadline = controller::nowSeconds() + HAZARD_REPLY_TIMEOUT_S + 2;
-    controller::RequestPipeline pipeline(session.connection(), options);
+    halvarine::PipelineOptions options;
+    options.replyTimeoutMs = HAZARD_REPLY_TIMEOUT_S * 1000;
+    options.keepAliveMs = 0;
+    options.deadlineMs = halvarine::monotonicMs() + (HAZARD_REPLY_TIMEOUT_S + 2) * 1000;
+    halvarine::RequestPipeline pipeline(session.connection(), options);
     Reply r;
     const auto start = support::Clock::now();
     const FetchStatus st = pipeline.call("CONNECT", {server.url()}, r);
-    EXPECT_EQ(FetchStatus::LOST, st) << controller::statusText(st);
+    EXPECT_EQ(FetchStatus::LOST, st) << halvarine::statusText(st);
     const pid_t pid = session.worker().pid();
-    controller::ExitStatus how;
+    halvarine::ExitStatus how;
     if (!session.worker().waitExit(0, how)) {
       session.worker().kill();
-      session.worker().waitExit(1, how);
+      session.worker().waitExit(1000, how);
     }
     session.connection().close();
     session.listener().close();
     support::expectNothingLeft(pid);
     EXPECT_TRUE(how.signaled && (signal == 0 || how.signal == signal)) << how.toString();
-    report(std::string("controller: ") + controller::statusText(st) + " after " +
+    report(std::string("controller: ") + halvarine::statusText(st) + " after " +
            std::to_string(secondsSince(start)) + " s; worker ended by " + how.toString());
   }
 

@@ -30,11 +30,11 @@ TEST_F(Soak, CyclesLeakNeitherMemoryNorDescriptors) {
   const auto start = support::Clock::now();
   for (int i = 1; i <= cycles; ++i) {
     ASSERT_EQ("OK_", connect(servers[i % 2]->url()).status()) << "cycle " << i;
-    const controller::Reply r = read(65511);
+    const halvarine::Reply r = read(65511);
     ASSERT_EQ("OK_", r.status()) << "cycle " << i;
     ASSERT_TRUE(r.values().at(1).bytes == head) << "cycle " << i;
     ASSERT_EQ("OK_", command("CLOSE").status()) << "cycle " << i;
-    session.worker().stderrText();  // about ten lines a cycle: a full pipe blocks the worker
+    session.worker().output();  // about ten lines a cycle: a full pipe blocks the worker
     if (i == WARM_UP) {
       baseRss = peakRss = support::residentKb(pid);
       baseFds = peakFds = lastFds = support::openFds(pid);

@@ -158,7 +158,7 @@ TEST_F(FetchTest, ProgressLineOnATerminalAndASlowStreamIsNoTimeOut) {
   const std::string url = serve(Transport::MMST, faults);
   int master = -1, slave = -1;
   ASSERT_EQ(0, openpty(&master, &slave, nullptr, nullptr, nullptr));
-  const controller::UniqueFd masterFd(master), slaveFd(slave);
+  const halvarine::UniqueFd masterFd(master), slaveFd(slave);
   fcntl(master, F_SETFD, FD_CLOEXEC);
   fcntl(slave, F_SETFD, FD_CLOEXEC);
   const auto start = support::Clock::now();
@@ -198,7 +198,7 @@ TEST_F(FetchTest, ProgressLineOnATerminalAndASlowStreamIsNoTimeOut) {
     const std::string update = screen.substr(at, end - at);
     if (update.size() == 4 || has(update, "halvarine-fetch:")) continue;  // cleared for a message
     ++updates;
-    EXPECT_TRUE(std::regex_match(update, line)) << controller::hex(update);
+    EXPECT_TRUE(std::regex_match(update, line)) << halvarine::hex(update);
     withTimeLeft += has(update, " left");
   }
   EXPECT_GE(updates, 2u) << screen;
@@ -221,12 +221,12 @@ TEST_F(FetchTest, RefusedPortIsConnectErr) {
 }
 
 TEST_F(FetchTest, AnotherControllerKeepsItsSocket) {
-  controller::ControllerListener other;
+  halvarine::ControllerListener other;
   ASSERT_TRUE(other.listen()) << other.error();
   const RunResult r = fetch({serve(Transport::MMSH), "-o", out});
   EXPECT_EQ(CONTROLLER_TAKEN, r.exitCode) << r.output;
   EXPECT_TRUE(has(r.output, "another controller")) << r.output;
-  EXPECT_TRUE(fileExists(controller::DEFAULT_SOCKET_PATH));
+  EXPECT_TRUE(fileExists(halvarine::CONTROLLER_SOCKET_PATH));
   EXPECT_FALSE(fileExists(out));
   EXPECT_FALSE(fileExists(out + ".partial"));
 }

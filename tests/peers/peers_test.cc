@@ -107,7 +107,7 @@ TEST_F(PeerTest, WholeStreamThroughTinyproxyEqualsTheDirectRead) {
   EXPECT_EQ(4u, support::occurrences(text, "Established connection to host \"127.0.0.2\"")) << text;
   for (int i = 0; i < 100 && server.connectionsServed() - servedDirectly < 4; ++i) usleep(20000);
   EXPECT_EQ(4, server.connectionsServed() - servedDirectly);
-  const std::vector<std::string> lines = stderrLines();
+  const std::vector<std::string> lines = outputLines();
   EXPECT_EQ(2u, countLines(lines, "[WrapperMms::connect()] set proxy! : " + proxyUrl));
   EXPECT_EQ(2u, countLines(lines, OPEN_MMSH_OK));
   EXPECT_EQ(0u, countLines(lines, OPEN_MMST));
@@ -162,7 +162,7 @@ TEST_F(PeerTest, WorkerReadsVlcMmshOutputInBothUrlForms) {
     EXPECT_GT(got.bytes.size(), headerSize);
     EXPECT_EQ("OK_", command("CLOSE").status());
   }
-  const std::vector<std::string> lines = stderrLines();
+  const std::vector<std::string> lines = outputLines();
   EXPECT_EQ(2u, countLines(lines, OPEN_MMSH_OK));
   EXPECT_EQ(0u, countLines(lines, OPEN_MMST));
   EXPECT_EQ(2u, countLines(lines, "[WrapperMms::close()] close MMSH stream! "));
@@ -263,7 +263,7 @@ TEST_F(TwoAddress, SlowFirstAddressTimesOutThenTheSecondConnects) {
   EXPECT_LT(support::secondsSince(start), 12.0);
 
   // One connection: the time-out on the first address, then the second.
-  const std::vector<std::string> lines = stderrLines();
+  const std::vector<std::string> lines = outputLines();
   const long entry = support::findLine(lines, "[WrapperMms::io_tcp_connect]");
   const long timeout = support::findLine(lines, "ERR - timeout");
   const long failed = support::findLine(lines, "[WrapperMms::io_tcp_connect] connect failed.");

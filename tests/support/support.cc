@@ -24,9 +24,9 @@
 #include <sstream>
 #include <thread>
 
-using controller::Reply;
-using controller::Request;
-using controller::UniqueFd;
+using halvarine::Reply;
+using halvarine::Request;
+using halvarine::UniqueFd;
 
 namespace support {
 
@@ -56,88 +56,26 @@ const AsfFile& sampleAsf() {
 // ---- Child processes
 
 Child::Child(const std::vector<std::string>& argv, int stderrFd) {
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return;
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(fds[1], 1);
-    dup2(stderrFd >= 0 ? stderrFd : fds[1], 2);
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  if (pid_ < 0) {
-    close(fds[0]);
-    return;
-  }
-  out_ = fds[0];
-}
-
-Child::~Child() {
-  if (pid_ > 0 && !exited_) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  if (out_ >= 0) close(out_);
-}
-
-void Child::signal(int sig) {
-  if (pid_ > 0 && !exited_) kill(pid_, sig);
+  Options options;
+  options.captureStdout = true;
+  options.stderrFd = stderrFd;
+  start(argv, options);
 }
 
 bool Child::wait(int timeoutMs) {
-  return waitUntil(timeoutMs, [this] { return exited_; });
+  halvarine::ExitStatus st;
+  return waitExit(timeoutMs, st);
 }
 
-bool Child::waitForOutput(const std::string& text, int timeoutMs) {
-  return waitUntil(timeoutMs, [&] { return output_.find(text) != std::string::npos; });
+int Child::exitCode() {
+  halvarine::ExitStatus st;
+  return waitExit(0, st) && st.exited ? st.code : -1;
 }
 
-bool Child::running() {
-  poll(0);
-  return pid_ > 0 && !exited_;
-}
-
-int Child::exitCode() const {
-  return exited_ && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
-}
-
-template <typename Done>
-bool Child::waitUntil(int timeoutMs, Done done) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (pid_ > 0) {
-    poll(10);
-    if (done()) return true;
-    if (exited_ || Clock::now() >= deadline) return false;
-  }
-  return false;
-}
-
-void Child::poll(int waitMs) {
-  if (!readSome(waitMs) && out_ < 0 && !exited_) usleep(static_cast<useconds_t>(waitMs) * 1000);
-  if (!exited_ && pid_ > 0 && waitpid(pid_, &status_, WNOHANG) == pid_) {
-    exited_ = true;
-    while (readSome(0)) {
-    }
-  }
-}
-
-bool Child::readSome(int waitMs) {
-  if (out_ < 0) return false;
-  pollfd p{out_, POLLIN, 0};
-  if (::poll(&p, 1, waitMs) <= 0) return false;
-  char buf[4096];
-  const ssize_t n = read(out_, buf, sizeof buf);
-  if (n > 0) {
-    output_.append(buf, static_cast<size_t>(n));
-    return true;
-  }
-  close(out_);
-  out_ = -1;
-  return false;
+std::string workerPath() {
+  const char* w = getenv("HALVARINE_WORKER");
+  if (w == nullptr || *w == '\0') w = getenv("HALVARINE_BUILT_WORKER");
+  return w != nullptr ? w : "";
 }
 
 RunResult run(const std::vector<std::string>& argv, int timeoutMs) {
@@ -326,7 +264,7 @@ UniqueFd connectedSocket(const std::string& path) {
 bool controllerPathFree(int timeoutS) {
   const auto deadline = Clock::now() + std::chrono::seconds(timeoutS);
   do {
-    controller::ControllerListener probe;  // takes a stale file away, then its own
+    halvarine::ControllerListener probe;  // takes a stale file away, then its own
     if (probe.listen()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
   } while (Clock::now() < deadline);
@@ -354,7 +292,7 @@ void expectNothingLeft(pid_t pid) {
   if (pid > 0) {
     EXPECT_TRUE(kill(pid, 0) != 0 && errno == ESRCH) << "process " << pid << " left";
   }
-  EXPECT_FALSE(fileExists(controller::DEFAULT_SOCKET_PATH)) << "controller socket file left";
+  EXPECT_FALSE(fileExists(halvarine::CONTROLLER_SOCKET_PATH)) << "controller socket file left";
 }
 
 std::string unresolvableHost() {
@@ -467,8 +405,8 @@ void WorkerTest::SetUp() {
 }
 
 void WorkerTest::startWorker(const std::vector<std::string>& prefix) {
-  controller::WorkerSession::Options options;
-  options.worker = controller::workerFromEnvironment();
+  halvarine::WorkerSession::Options options;
+  options.worker = workerPath();
   ASSERT_FALSE(options.worker.empty()) << "neither HALVARINE_WORKER nor HALVARINE_BUILT_WORKER";
   options.launcher.insert(options.launcher.begin(), prefix.begin(), prefix.end());
   ASSERT_TRUE(session.start(options)) << session.error();
@@ -476,30 +414,30 @@ void WorkerTest::startWorker(const std::vector<std::string>& prefix) {
 
 void WorkerTest::TearDown() {
   if (!HasFailure()) return;
-  for (const std::string& line : stderrLines()) std::cerr << "worker stderr: " << line << "\n";
+  for (const std::string& line : outputLines()) std::cerr << "worker stderr: " << line << "\n";
 }
 
 Reply WorkerTest::call(const Request& req, int timeoutS) {
   Reply r;
-  EXPECT_TRUE(session.call(req, timeoutS, r)) << session.error();
+  EXPECT_TRUE(session.call(req, timeoutS * 1000, r)) << session.error();
   if (r.fields.size() < 2) r.fields.resize(2);  // a failed call reads as empty words
   return r;
 }
 
 Reply WorkerTest::receive(unsigned char echo) {
   Reply r;
-  EXPECT_TRUE(session.receive(echo, REPLY_TIMEOUT_S, r)) << session.error();
+  EXPECT_TRUE(session.receive(echo, REPLY_TIMEOUT_MS, r)) << session.error();
   return r;
 }
 
 void WorkerTest::expectOnlyCcheckReply(unsigned char echo) {
-  EXPECT_EQ(controller::hex(expectedReply(echo, {"CCHECK", "OK_"})),
-            controller::hex(call(Request::command("CCHECK", echo)).frame));
+  EXPECT_EQ(halvarine::hex(expectedReply(echo, {"CCHECK", "OK_"})),
+            halvarine::hex(call(Request::command("CCHECK", echo)).frame));
 }
 
 void WorkerTest::expectExit(int code, int timeoutS) {
-  controller::ExitStatus st;
-  ASSERT_TRUE(session.worker().waitExit(timeoutS, st)) << session.worker().error();
+  halvarine::ExitStatus st;
+  ASSERT_TRUE(session.worker().waitExit(timeoutS * 1000, st)) << session.worker().error();
   EXPECT_TRUE(st.exited && st.code == code) << st.toString();
 }
 
@@ -538,14 +476,14 @@ Reply StreamTest::connect(const std::string& url, int timeoutS) {
 
 Reply StreamTest::connectCounted(const std::string& url) {
   Request req = request("CONNECT");
-  req.fields.push_back(controller::Field::countedField(url));
+  req.fields.push_back(halvarine::Field::countedField(url));
   return call(req);
 }
 
 void StreamTest::expectStatus(const std::string& word, const std::string& status) {
   const Request req = request(word);
-  EXPECT_EQ(controller::hex(expectedReply(req.echo, {word, status})),
-            controller::hex(call(req).frame));
+  EXPECT_EQ(halvarine::hex(expectedReply(req.echo, {word, status})),
+            halvarine::hex(call(req).frame));
 }
 
 StreamTest::Fetched StreamTest::readStream(int chunk, size_t maxBytes, int maxSeconds) {
@@ -569,7 +507,7 @@ void StreamTest::endWorker() {
 }
 
 std::vector<std::string> StreamTest::newLines() {
-  const std::vector<std::string> all = stderrLines();
+  const std::vector<std::string> all = outputLines();
   std::vector<std::string> fresh(all.begin() + static_cast<long>(std::min(linesSeen_, all.size())),
                                  all.end());
   linesSeen_ = all.size();

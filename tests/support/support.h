@@ -7,6 +7,7 @@
 // controller socket with the test MMS servers beside it.
 
 #include <gtest/gtest.h>
+#include <halvarine/controller.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -17,7 +18,6 @@
 #include <string>
 #include <vector>
 
-#include "tools/controller/controller.h"
 #include "tools/mmsserver/server.h"
 
 inline void PrintTo(Transport t, std::ostream* os) {
@@ -40,36 +40,19 @@ inline double secondsSince(Clock::time_point t) {
   return std::chrono::duration<double>(Clock::now() - t).count();
 }
 
-// A child process; standard output and error go to one pipe, collected in
-// output(), unless `stderrFd` names where its standard error goes. The
-// destructor kills (SIGKILL) and reaps a child that still runs.
-class Child {
+// A child started at once; standard output and error go to one pipe,
+// collected in output(), unless `stderrFd` names where its standard error goes.
+class Child : public halvarine::ChildProcess {
  public:
   explicit Child(const std::vector<std::string>& argv, int stderrFd = -1);
-  ~Child();
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  pid_t pid() const { return pid_; }
-  void signal(int sig);
+  void signal(int sig) { sendSignal(sig); }
   bool wait(int timeoutMs);  // true once ended
-  bool waitForOutput(const std::string& text, int timeoutMs);
-  bool running();
-  int exitCode() const;  // -1 when it ended by a signal or still runs
-  const std::string& output() const { return output_; }
-
- private:
-  template <typename Done>
-  bool waitUntil(int timeoutMs, Done done);
-  void poll(int waitMs);
-  bool readSome(int waitMs);
-
-  pid_t pid_ = -1;
-  int out_ = -1;
-  bool exited_ = false;
-  int status_ = 0;
-  std::string output_;
+  int exitCode();            // -1 when it ended by a signal or still runs
 };
+
+// The worker under test: HALVARINE_WORKER (a cross-built one, say), else
+// HALVARINE_BUILT_WORKER, which the build passes to its tests.
+std::string workerPath();
 
 struct RunResult {
   bool timedOut = false;
@@ -117,8 +100,8 @@ RunResult libmmsFetch(const std::string& url, const TempDir& dir, std::string& b
 // ---- Sockets
 
 // A Unix-domain socket bound to `path`, not listening; or connected to it.
-controller::UniqueFd boundSocket(const std::string& path);
-controller::UniqueFd connectedSocket(const std::string& path);
+halvarine::UniqueFd boundSocket(const std::string& path);
+halvarine::UniqueFd connectedSocket(const std::string& path);
 // True once nobody accepts on the controller socket path (another run may
 // hold it for a while); the path is left free.
 bool controllerPathFree(int timeoutS);
@@ -141,7 +124,7 @@ class RefusingPort {
   uint16_t port() const { return port_; }
 
  private:
-  controller::UniqueFd fd_;
+  halvarine::UniqueFd fd_;
   uint16_t port_ = 0;
 };
 
@@ -169,6 +152,7 @@ extern const char REFUSED[];
 std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& lines);
 
 const int REPLY_TIMEOUT_S = 5;
+const int REPLY_TIMEOUT_MS = REPLY_TIMEOUT_S * 1000;
 
 // The real worker connected to this controller; its standard error is
 // shown when a test fails. SetUp starts it; a fixture that needs a launcher
@@ -179,14 +163,14 @@ class WorkerTest : public ::testing::Test {
   void TearDown() override;
   void startWorker(const std::vector<std::string>& prefix = {});
 
-  controller::Reply call(const controller::Request& req, int timeoutS = REPLY_TIMEOUT_S);
-  controller::Reply receive(unsigned char echo);
+  halvarine::Reply call(const halvarine::Request& req, int timeoutS = REPLY_TIMEOUT_S);
+  halvarine::Reply receive(unsigned char echo);
   // A CCHECK that must get exactly its reply as the next frame.
   void expectOnlyCcheckReply(unsigned char echo);
   void expectExit(int code, int timeoutS = REPLY_TIMEOUT_S);
-  std::vector<std::string> stderrLines() { return session.worker().stderrLines(); }
+  std::vector<std::string> outputLines() { return session.worker().outputLines(); }
 
-  controller::WorkerSession session;
+  halvarine::WorkerSession session;
 };
 
 // The worker plus test servers of the sample; no http_proxy reaches it.
@@ -200,11 +184,11 @@ class StreamTest : public WorkerTest {
   std::string referenceFor(const std::string& url);
 
   unsigned char nextEcho() { return echo_++; }
-  controller::Request request(const std::string& word, const std::vector<std::string>& params = {});
-  controller::Reply connect(const std::string& url, int timeoutS = REPLY_TIMEOUT_S);
-  controller::Reply connectCounted(const std::string& url);  // the URL as a counted field
-  controller::Reply read(int count) { return call(request("READ", {countDigits(count)})); }
-  controller::Reply command(const std::string& word) { return call(request(word)); }
+  halvarine::Request request(const std::string& word, const std::vector<std::string>& params = {});
+  halvarine::Reply connect(const std::string& url, int timeoutS = REPLY_TIMEOUT_S);
+  halvarine::Reply connectCounted(const std::string& url);  // the URL as a counted field
+  halvarine::Reply read(int count) { return call(request("READ", {countDigits(count)})); }
+  halvarine::Reply command(const std::string& word) { return call(request(word)); }
   // `word` answered with exactly `status`.
   void expectStatus(const std::string& word, const std::string& status);
 

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "channel/protocol.h"
 #include "channel/transport.h"
 #include "core/process.h"
 #include "mms/wrapper_mms.h"

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "stderr_capture.h"
+#include "tests/support/support.h"
 
 namespace {
 
@@ -14,12 +15,9 @@ std::string bytes(std::initializer_list<int> values) {
   return s;
 }
 
-// A request frame around `body` with the given header, length filled in.
+// A request frame around `body`, length and checksum filled in.
 Packet frameOf(const std::string& body, unsigned char echo = 0x07) {
-  unsigned char header[FRAME_HEADER_LEN] = {0, 0, 0, 'Q', echo, 0, 0, 0, 0};
-  Packet p;
-  EXPECT_TRUE(frameBody(header, body, p));
-  return p;
+  return support::frameAround(echo, body, 'Q');
 }
 
 ParamList header(unsigned char echo) {

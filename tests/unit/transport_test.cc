@@ -9,14 +9,12 @@
 #include <thread>
 
 #include "stderr_capture.h"
+#include "tests/support/support.h"
 
 namespace {
 
 Packet frameOf(const std::string& body) {
-  unsigned char header[FRAME_HEADER_LEN] = {0, 0, 0, 'Q', 1, 0, 0, 0, 0};
-  Packet p;
-  frameBody(header, body, p);
-  return p;
+  return support::frameAround(1, body, 'Q');
 }
 
 TEST(ExtractPacket, SplitAtEveryOffsetYieldsTheSameFrames) {

@@ -4,7 +4,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <iostream>
 
 namespace fetch {
@@ -18,7 +17,7 @@ const double PLAIN_REFRESH_S = 10;
 const size_t HEX_SHOWN = 48;
 
 double now() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+  return static_cast<double>(halvarine::monotonicMs()) / 1000;
 }
 
 std::string format(const char* fmt, double a, const char* b = "") {
@@ -39,9 +38,9 @@ std::string duration(double seconds) {
 }
 
 // A request or reply in one line: its fields, data replaced by its size.
-std::string summary(const std::vector<controller::Field>& fields, unsigned char echo) {
+std::string summary(const std::vector<halvarine::Field>& fields, unsigned char echo) {
   std::string s;
-  for (const controller::Field& f : fields) {
+  for (const halvarine::Field& f : fields) {
     if (!s.empty()) s += ' ';
     s += f.counted ? "[" + std::to_string(f.bytes.size()) + " data bytes]" : f.bytes;
   }
@@ -51,8 +50,8 @@ std::string summary(const std::vector<controller::Field>& fields, unsigned char 
 }
 
 std::string frameHex(const std::string& frame) {
-  if (frame.size() <= HEX_SHOWN) return controller::hex(frame);
-  return controller::hex(frame.substr(0, HEX_SHOWN)) + " ... (" + std::to_string(frame.size()) +
+  if (frame.size() <= HEX_SHOWN) return halvarine::hex(frame);
+  return halvarine::hex(frame.substr(0, HEX_SHOWN)) + " ... (" + std::to_string(frame.size()) +
          " bytes)";
 }
 
@@ -69,11 +68,8 @@ std::string humanBytes(double bytes) {
   return format("%.1f %s", bytes, UNITS[unit]);
 }
 
-uint64_t usableLength(const controller::Reply& reply) {
-  if (reply.fields.size() != 3 || reply.status() != "OK_") return 0;
-  // The length travels as a signed 32-bit number: a negative one is a
-  // length libmms could not know.
-  const long long n = atoll(reply.fields[2].bytes.c_str());
+uint64_t usableLength(const halvarine::Reply& reply) {
+  const int64_t n = halvarine::replyLength(reply);
   return n > 0 ? static_cast<uint64_t>(n) : 0;
 }
 
@@ -172,7 +168,7 @@ void Display::relayWorker() {
   if (!worker_) return;
   // Read what the worker wrote even when it is not shown: a worker blocked
   // on a full standard error pipe would answer nothing.
-  const std::string& text = worker_->stderrText();
+  const std::string& text = worker_->output();
   if (verbosity_ < 2) return;
   size_t end;
   while ((end = text.find('\n', workerRelayed_)) != std::string::npos) {
@@ -183,23 +179,23 @@ void Display::relayWorker() {
 
 std::vector<std::string> Display::workerLines(size_t n) {
   if (!worker_) return {};
-  std::vector<std::string> lines = worker_->stderrLines();
+  std::vector<std::string> lines = worker_->outputLines();
   if (lines.size() > n) lines.erase(lines.begin(), lines.end() - static_cast<long>(n));
   return lines;
 }
 
-void Display::sent(const controller::Request& request) {
+void Display::sent(const halvarine::Request& request) {
   // No relay here: the worker may already be at work on this request, and
   // its lines belong after it.
   if (verbosity_ < 2) return;
   write("> " + summary(request.fields, request.echo));
   if (verbosity_ >= 3) {
-    Packet frame;
-    if (controller::encodeRequest(request, frame)) write("  " + frameHex(frame));
+    std::string frame;
+    if (halvarine::encodeRequest(request, frame)) write("  " + frameHex(frame));
   }
 }
 
-void Display::received(const controller::Reply& reply) {
+void Display::received(const halvarine::Reply& reply) {
   relayWorker();
   if (verbosity_ < 2) return;
   write("< " + summary(reply.fields, reply.echo));

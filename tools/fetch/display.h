@@ -5,13 +5,12 @@
 // the progress of the transfer, and in verbose mode every request and
 // reply and the worker's own lines.
 
+#include <halvarine/controller.h>
 #include <signal.h>
 #include <stdint.h>
 
 #include <string>
 #include <vector>
-
-#include "tools/controller/stream_fetch.h"
 
 namespace fetch {
 
@@ -20,16 +19,16 @@ std::string humanBytes(double bytes);
 
 // The stream length GSIZE reported, judged: 0 when it cannot describe the
 // stream (a live stream reports 0, a negative or absurd number).
-uint64_t usableLength(const controller::Reply& gsizeReply);
+uint64_t usableLength(const halvarine::Reply& gsizeReply);
 
-class Display : public controller::FetchObserver {
+class Display : public halvarine::FetchObserver {
  public:
   // `verbosity` as in Options; `stop` is the flag the signal handler sets.
   Display(int verbosity, const volatile sig_atomic_t* stop);
 
   // The worker whose standard error is relayed (verbose) and kept; null
   // when none runs.
-  void setWorker(controller::WorkerProcess* worker) { worker_ = worker; }
+  void setWorker(halvarine::ChildProcess* worker) { worker_ = worker; }
 
   // A line of the tool's own, "halvarine-fetch: " and `text`.
   void note(const std::string& text);    // not when quiet
@@ -49,8 +48,8 @@ class Display : public controller::FetchObserver {
   // The worker's last `n` lines of standard error, for reports.
   std::vector<std::string> workerLines(size_t n);
 
-  void sent(const controller::Request& request) override;
-  void received(const controller::Reply& reply) override;
+  void sent(const halvarine::Request& request) override;
+  void received(const halvarine::Reply& reply) override;
   void bytesReceived(uint64_t total) override;
   void tick() override;
   bool stopRequested() override { return *stop_ != 0; }
@@ -63,7 +62,7 @@ class Display : public controller::FetchObserver {
   int verbosity_;
   const volatile sig_atomic_t* stop_;
   bool terminal_;
-  controller::WorkerProcess* worker_ = nullptr;
+  halvarine::ChildProcess* worker_ = nullptr;
   size_t workerRelayed_ = 0;  // bytes of the worker's stderr already shown
   bool transferring_ = false;
   bool progressShown_ = false;  // a live line is on the terminal

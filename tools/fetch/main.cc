@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <halvarine/controller.h>
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
@@ -11,30 +12,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "channel/transport.h"
-#include "tools/controller/controller.h"
-#include "tools/controller/stream_fetch.h"
+#include "base/allocator.h"
 #include "tools/fetch/display.h"
 #include "tools/fetch/options.h"
 
-using controller::FetchStatus;
+using halvarine::FetchStatus;
 
 namespace fetch {
 
 namespace {
 
-// Seconds the worker gets to answer PEND and end on its own, after the
+// Time the worker gets to answer PEND and end on its own, after the
 // stream was read and after a failure that left it healthy.
-const int PEND_GRACE_S = 5;
+const int PEND_GRACE_MS = 5000;
 // The same when the user is waiting for the tool to stop: a READ in flight
 // on a slow stream holds PEND up, and SIGTERM ends the worker at once.
-const int INTERRUPT_GRACE_S = 2;
-const int TERM_GRACE_S = 2;
+const int INTERRUPT_GRACE_MS = 2000;
+const int TERM_GRACE_MS = 2000;
 // The worker's lines shown with a failure.
 const size_t WORKER_LINES = 6;
 
@@ -119,7 +117,7 @@ class OutputFile {
   void keep() { keep_ = true; }
 
  private:
-  controller::UniqueFd fd_;
+  halvarine::UniqueFd fd_;
   std::string path_;
   std::string partial_;
   bool committed_ = false;
@@ -141,7 +139,7 @@ class Fetch {
   // worker in the way that suits it and saying what happened.
   int fail(FetchStatus status, const std::string& why, const std::string& step);
   // Ends the worker: PEND first when `politely`, then SIGTERM, then SIGKILL.
-  void endWorker(bool politely, int graceS);
+  void endWorker(bool politely, int graceMs);
   void showWorkerLines();
   void reportOutput(bool success);
 
@@ -150,8 +148,8 @@ class Fetch {
   OutputFile file_;
   int outFd_ = STDOUT_FILENO;
   uint64_t written_ = 0;  // stream bytes that reached the output
-  controller::WorkerSession session_;
-  std::unique_ptr<controller::RequestPipeline> pipeline_;
+  halvarine::WorkerSession session_;
+  std::unique_ptr<halvarine::RequestPipeline> pipeline_;
 };
 
 int Fetch::run() {
@@ -188,48 +186,43 @@ int Fetch::startWorker(bool toStdout) {
     }
     outFd_ = file_.fd();
   }
-  controller::WorkerSession::Options so;
+  halvarine::WorkerSession::Options so;
   so.worker = worker;
   if (!session_.start(so)) {
-    // Which step failed shows in what the session holds afterwards.
-    if (session_.worker().pid() <= 0 && !session_.listener().listening()) {
-      display_.error("cannot take the controller socket: " + session_.error() +
-                     "; only one controller can run at a time");
-      return EXIT_CONTROLLER_TAKEN;
+    switch (session_.startFailure()) {
+      case halvarine::WorkerSession::StartFailure::SOCKET_TAKEN:
+        display_.error("cannot take the controller socket: " + session_.error() +
+                       "; only one controller can run at a time");
+        return EXIT_CONTROLLER_TAKEN;
+      case halvarine::WorkerSession::StartFailure::NOT_STARTED:
+        display_.error("cannot start the worker: " + session_.error());
+        return EXIT_NO_WORKER;
+      default:
+        display_.error("the worker did not connect: " + session_.error());
+        return EXIT_WORKER_ENDED;
     }
-    if (session_.worker().pid() <= 0) {
-      display_.error("cannot start the worker: " + session_.error());
-      return EXIT_NO_WORKER;
-    }
-    display_.error("the worker did not connect: " + session_.error());
-    return EXIT_WORKER_ENDED;
   }
   display_.setWorker(&session_.worker());
   display_.detail("started worker " + worker + " (pid " + std::to_string(session_.worker().pid()) +
                   ")");
 
-  controller::PipelineOptions po;
-  po.replyTimeoutS = options_.replyTimeoutS;
-  po.keepAliveS = options_.keepAliveS;
-  if (options_.timeoutS > 0) {
-    // The pipeline's clock is the monotonic one, as steady_clock's is here.
-    po.deadline =
-        std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count() +
-        options_.timeoutS;
-  }
-  pipeline_.reset(new controller::RequestPipeline(session_.connection(), po, &display_));
+  halvarine::PipelineOptions po;
+  po.replyTimeoutMs = options_.replyTimeoutS * 1000;
+  po.keepAliveMs = options_.keepAliveS * 1000;
+  if (options_.timeoutS > 0) po.deadlineMs = halvarine::monotonicMs() + options_.timeoutS * 1000;
+  pipeline_.reset(new halvarine::RequestPipeline(session_.connection(), po, &display_));
   return EXIT_FETCHED;
 }
 
 int Fetch::transfer() {
-  controller::Reply reply;
+  halvarine::Reply reply;
   FetchStatus st = pipeline_->call("CONNECT", {options_.url}, reply);
   if (st != FetchStatus::DONE) return fail(st, pipeline_->error(), "CONNECT");
   if (reply.status() != "OK_") {
     display_.error("the worker could not open " + options_.url + " (CONNECT answered " +
                    reply.status() + ")");
     showWorkerLines();
-    endWorker(true, PEND_GRACE_S);
+    endWorker(true, PEND_GRACE_MS);
     return EXIT_CONNECT_ERR;
   }
   display_.note("opened " + options_.url);
@@ -238,16 +231,16 @@ int Fetch::transfer() {
   if (st != FetchStatus::DONE) return fail(st, pipeline_->error(), "GSIZE");
   display_.startTransfer(usableLength(reply));
 
-  controller::StreamFetchOptions fo;
+  halvarine::StreamFetchOptions fo;
   fo.count = options_.count;
   fo.window = options_.window;
   fo.maxBytes = options_.maxBytes;
-  controller::StreamFetchResult result = controller::fetchStream(*pipeline_, fo, outFd_);
+  halvarine::StreamFetchResult result = halvarine::fetchStream(*pipeline_, fo, outFd_);
   written_ = result.bytes;
   display_.endTransfer();
   if (result.status != FetchStatus::DONE) return fail(result.status, result.error, "READ");
 
-  endWorker(true, PEND_GRACE_S);
+  endWorker(true, PEND_GRACE_MS);
   if (!file_.path().empty() && !file_.commit()) {
     display_.error(file_.error());
     return EXIT_OUTPUT;
@@ -266,13 +259,13 @@ int Fetch::fail(FetchStatus status, const std::string& why, const std::string& s
     case FetchStatus::DONE:
       return EXIT_FETCHED;
     case FetchStatus::STOPPED:
-      endWorker(true, INTERRUPT_GRACE_S);
+      endWorker(true, INTERRUPT_GRACE_MS);
       return EXIT_INTERRUPTED;
     case FetchStatus::REFUSED:
       display_.error("the worker answered ERR to " + step + " after " +
                      std::to_string(display_.bytes()) + " bytes");
       showWorkerLines();
-      endWorker(true, PEND_GRACE_S);
+      endWorker(true, PEND_GRACE_MS);
       return step == "CONNECT" ? EXIT_CONNECT_ERR : EXIT_READ_ERR;
     case FetchStatus::TIMED_OUT:
     case FetchStatus::DEADLINE:
@@ -285,13 +278,13 @@ int Fetch::fail(FetchStatus status, const std::string& why, const std::string& s
       return EXIT_TIMED_OUT;
     case FetchStatus::OUTPUT_FAILED:
       display_.error("cannot write the output: " + why);
-      endWorker(true, INTERRUPT_GRACE_S);
+      endWorker(true, INTERRUPT_GRACE_MS);
       return EXIT_OUTPUT;
     case FetchStatus::LOST:
     case FetchStatus::BAD_REPLY: {
       // A worker that died closes the connection: say how it ended.
-      controller::ExitStatus ended;
-      if (session_.worker().waitExit(TERM_GRACE_S, ended)) {
+      halvarine::ExitStatus ended;
+      if (session_.worker().waitExit(TERM_GRACE_MS, ended)) {
         display_.error("the worker ended early (" + ended.toString() + ") during " + step);
         showWorkerLines();
         return EXIT_WORKER_ENDED;
@@ -310,11 +303,12 @@ int Fetch::fail(FetchStatus status, const std::string& why, const std::string& s
   return EXIT_OTHER;
 }
 
-void Fetch::endWorker(bool politely, int graceS) {
-  controller::WorkerProcess& worker = session_.worker();
+void Fetch::endWorker(bool politely, int graceMs) {
+  halvarine::ChildProcess& worker = session_.worker();
   if (!worker.running()) return;
-  controller::ExitStatus ended;
-  if (politely && pipeline_ && pipeline_->finish(graceS) && worker.waitExit(PEND_GRACE_S, ended)) {
+  halvarine::ExitStatus ended;
+  if (politely && pipeline_ && pipeline_->finish(graceMs) &&
+      worker.waitExit(PEND_GRACE_MS, ended)) {
     display_.tick();
     if (!ended.exited || ended.code != 0) {
       display_.error("warning: the worker ended with " + ended.toString() + " after PEND");
@@ -322,7 +316,7 @@ void Fetch::endWorker(bool politely, int graceS) {
     return;
   }
   worker.sendSignal(SIGTERM);
-  if (!worker.waitExit(TERM_GRACE_S, ended)) worker.kill();
+  if (!worker.waitExit(TERM_GRACE_MS, ended)) worker.kill();
   display_.tick();
   display_.detail("worker stopped");
 }

@@ -1,11 +1,10 @@
 #include "tools/fetch/options.h"
 
 #include <errno.h>
+#include <halvarine/controller.h>
 #include <stdlib.h>
 
 #include <iostream>
-
-#include "tools/controller/stream_fetch.h"
 
 namespace fetch {
 
@@ -81,7 +80,7 @@ bool parseNumber(const std::string& text, long long min, long long max, long lon
 }  // namespace
 
 int parseOptions(int argc, char** argv, Options& out) {
-  const int maxCount = controller::maxReadCount();
+  const int maxCount = halvarine::maxReadCount();
   out.count = maxCount;
   bool haveUrl = false;
   for (int i = 1; i < argc; ++i) {

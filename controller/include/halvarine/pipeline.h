@@ -1,32 +1,31 @@
-#ifndef HALVARINE_TOOLS_CONTROLLER_STREAM_FETCH_H
-#define HALVARINE_TOOLS_CONTROLLER_STREAM_FETCH_H
+#ifndef HALVARINE_PIPELINE_H
+#define HALVARINE_PIPELINE_H
 
 // Reading a stream through the worker with several requests in flight: a
 // pipeline of requests whose replies are matched in order, with a watchdog
 // per reply and the keep-alive the worker needs, and the READ loop built on
-// it. Used by halvarine-fetch and the benchmarks.
+// it.
 //
-// Every wait here lasts at most WAIT_SLICE_S, so the observer is asked
-// about once a second whether to stop, however slow the worker is. Times
-// are monotonic clock readings in seconds (nowSeconds), time-outs whole
-// seconds. Single-threaded use only.
+// Every wait here lasts at most WAIT_SLICE_MS, so the observer is asked
+// about ten times a second whether to stop, however slow the worker is.
+// Times are milliseconds; deadlines are readings of the monotonic clock
+// (CLOCK_MONOTONIC, in milliseconds). Single-threaded use.
 
+#include <halvarine/connection.h>
+#include <halvarine/protocol.h>
 #include <stdint.h>
 
 #include <deque>
 #include <string>
 #include <vector>
 
-#include "tools/controller/controller.h"
-
-namespace controller {
+namespace halvarine {
 
 // The longest wait before the observer hears from the pipeline again.
-const int WAIT_SLICE_S = 1;
+const int WAIT_SLICE_MS = 100;
 
-// The largest READ count whose reply still fits one frame when the command
-// word is READ: 65511.
-int maxReadCount();
+// The monotonic clock the deadlines are read on, in milliseconds.
+int64_t monotonicMs();
 
 // How an exchange ended.
 enum class FetchStatus {
@@ -40,6 +39,9 @@ enum class FetchStatus {
   STOPPED,        // the observer asked to stop
 };
 
+// The text of a status, for messages: "done", "timed out", ...
+const char* statusText(FetchStatus status);
+
 // Hooks for whoever shows what happens. Called on the fetching thread,
 // between waits.
 class FetchObserver {
@@ -47,26 +49,26 @@ class FetchObserver {
   virtual ~FetchObserver() = default;
   virtual void sent(const Request& /*request*/) {}
   virtual void received(const Reply& /*reply*/) {}
-  // After each READ reply with data; `total` counts the stream's bytes
+  // After each READ reply with data; `total` counts the stream bytes
   // received so far.
   virtual void bytesReceived(uint64_t /*total*/) {}
-  // About once per WAIT_SLICE_S while waiting, and after every reply.
+  // About once per WAIT_SLICE_MS while waiting, and after every reply.
   virtual void tick() {}
   // Asked as often as tick; true ends the exchange with STOPPED.
   virtual bool stopRequested() { return false; }
 };
 
 struct PipelineOptions {
-  // Seconds a reply may take, counted from the later of its request's
+  // How long a reply may take, counted from the later of its request's
   // sending and the previous reply: a stream that keeps answering never
   // trips it, however long the whole run takes.
-  int replyTimeoutS = 60;
+  int replyTimeoutMs = 60000;
   // The worker gives up after 60 s without a frame. When nothing is in
-  // flight and nothing has been sent for this many seconds, a CCHECK goes
-  // out. 0: never.
-  int keepAliveS = 20;
-  // Monotonic time at which any wait gives up with DEADLINE; 0: none.
-  double deadline = 0;
+  // flight and nothing has been sent for this long, a CCHECK goes out.
+  // 0: never.
+  int keepAliveMs = 20000;
+  // The monotonic time at which any wait gives up with DEADLINE; 0: none.
+  int64_t deadlineMs = 0;
 };
 
 // Requests on one connection; replies come in request order. The
@@ -82,10 +84,10 @@ class RequestPipeline {
   FetchStatus call(const std::string& word, const std::vector<std::string>& params, Reply& out);
 
   // Sends a request without waiting; its reply comes through receive().
-  // Returns false (LOST, error() says why) when it cannot be sent.
+  // False (LOST, error() says why) when it cannot be sent.
   bool send(const std::string& word, const std::vector<std::string>& params = {});
 
-  // Waits up to WAIT_SLICE_S for the reply to the oldest request in flight.
+  // Waits up to WAIT_SLICE_MS for the reply to the oldest request in flight.
   // REPLY with `out` set and `word` the request's command word; NOT_YET when
   // the slice ran out and neither the watchdog, the deadline nor the
   // observer ends the wait; FAILED otherwise (failure() and error() say
@@ -96,10 +98,10 @@ class RequestPipeline {
   // Sends CCHECK when the keep-alive time has passed with nothing in flight.
   bool keepAlive();
 
-  // Ends the worker politely: sends PEND and waits up to `graceS` seconds
-  // for its reply, discarding the replies to earlier requests. Ignores
-  // stopRequested. True when PEND was answered.
-  bool finish(int graceS);
+  // Ends the worker politely: sends PEND and waits up to `graceMs` for its
+  // reply, dropping the replies to earlier requests. Ignores stopRequested.
+  // True when PEND was answered.
+  bool finish(int graceMs);
 
   size_t inFlight() const { return inFlight_.size(); }
   // What ended the last failed operation, and how.
@@ -112,7 +114,7 @@ class RequestPipeline {
   struct Pending {
     std::string word;
     unsigned char echo;
-    double sentAt;
+    int64_t sentAt;
   };
 
   bool fail(FetchStatus status, const std::string& why);
@@ -123,8 +125,8 @@ class RequestPipeline {
   FetchObserver* observer_;
   std::deque<Pending> inFlight_;
   unsigned char nextEcho_ = 1;
-  double lastSent_;
-  double lastReply_ = 0;
+  int64_t lastSent_;
+  int64_t lastReply_ = 0;
   std::string error_;
   FetchStatus failure_ = FetchStatus::DONE;
 };
@@ -150,15 +152,12 @@ struct StreamFetchResult {
 // send; no new READ goes out while more than a window's worth of bytes waits
 // for the output. A pipe or terminal is written in pieces it takes without
 // blocking; any other descriptor with plain writes (the caller ignores
-// SIGPIPE, so a reader that goes away is OUTPUT_FAILED). The caller sends CONNECT
-// before and ends the worker after; when the result is not DONE, replies
-// may still be in flight.
+// SIGPIPE, so a reader that goes away is OUTPUT_FAILED). The caller sends
+// CONNECT before and ends the worker after; when the result is not DONE,
+// replies may still be in flight.
 StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOptions& options,
                               int outFd);
 
-// The text of a status, for messages: "done", "timed out", ...
-const char* statusText(FetchStatus status);
-
-}  // namespace controller
+}  // namespace halvarine
 
 #endif

@@ -1,35 +1,39 @@
 // The request pipeline and the READ loop.
 
-#include "tools/controller/stream_fetch.h"
-
 #include <errno.h>
+#include <halvarine/pipeline.h>
 #include <limits.h>
-#include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 
-#include "commands/commands.h"
-#include "tools/controller/support.h"
+#include "base/clock.h"
+#include "base/wait.h"
 
-namespace controller {
+namespace halvarine {
 
 namespace {
 
-const char STATUS_OK[] = "OK_";
-const char STATUS_ERR[] = "ERR";
-const char STATUS_EOF[] = "EOF";
+std::string errnoText(const std::string& what) {
+  return what + ": " + strerror(errno);
+}
+
+// "2 s", "0.5 s"
+std::string secondsText(int ms) {
+  std::string s = std::to_string(ms / 1000);
+  if (ms % 1000 != 0) {
+    std::string frac = std::to_string(1000 + ms % 1000).substr(1);
+    frac.erase(frac.find_last_not_of('0') + 1);
+    s += "." + frac;
+  }
+  return s + " s";
+}
 
 // How a failed receive ends the exchange; a time-out is not an end.
 FetchStatus failureStatus(ControllerConnection::Failure f) {
   return f == ControllerConnection::Failure::LOST ? FetchStatus::LOST : FetchStatus::BAD_REPLY;
-}
-
-std::string countField(int64_t n) {
-  char digits[24];
-  snprintf(digits, sizeof digits, "%08lld", static_cast<long long>(n));
-  return digits;
 }
 
 // The stream bytes on their way to the output, oldest first.
@@ -59,7 +63,7 @@ class OutputQueue {
   // Writes what the descriptor takes now. False on a failed write.
   bool flush() {
     while (!chunks_.empty()) {
-      if (!plainWrites_ && waitFd(fd_, WAIT_WRITABLE, 0) != WAIT_READY) return true;
+      if (!plainWrites_ && waitFdUntil(fd_, WAIT_WRITABLE, 0) != WAIT_READY) return true;
       const std::string& chunk = chunks_.front();
       size_t len = chunk.size() - offset_;
       // A pipe that says it is writable takes PIPE_BUF bytes without
@@ -82,10 +86,10 @@ class OutputQueue {
     return true;
   }
 
-  // Waits up to WAIT_SLICE_S for the output to take more.
+  // Waits up to WAIT_SLICE_MS for the output to take more.
   bool wait() {
     if (chunks_.empty()) return true;
-    if (waitUntil(fd_, WAIT_WRITABLE, deadlineIn(WAIT_SLICE_S)) == WAIT_ERROR) {
+    if (waitFdUntil(fd_, WAIT_WRITABLE, nowMs() + WAIT_SLICE_MS) == WAIT_ERROR) {
       error_ = errnoText("waiting for the output");
       return false;
     }
@@ -104,8 +108,8 @@ class OutputQueue {
 
 }  // namespace
 
-int maxReadCount() {
-  return ::maxReadCount(sizeof "READ" - 1);
+int64_t monotonicMs() {
+  return nowMs();
 }
 
 const char* statusText(FetchStatus status) {
@@ -134,7 +138,7 @@ const char* statusText(FetchStatus status) {
 
 RequestPipeline::RequestPipeline(ControllerConnection& connection, const PipelineOptions& options,
                                  FetchObserver* observer)
-    : connection_(connection), options_(options), observer_(observer), lastSent_(nowSeconds()) {}
+    : connection_(connection), options_(options), observer_(observer), lastSent_(nowMs()) {}
 
 bool RequestPipeline::fail(FetchStatus status, const std::string& why) {
   failure_ = status;
@@ -143,7 +147,7 @@ bool RequestPipeline::fail(FetchStatus status, const std::string& why) {
 }
 
 bool RequestPipeline::deadlinePassed() const {
-  return options_.deadline > 0 && nowSeconds() >= options_.deadline;
+  return options_.deadlineMs > 0 && nowMs() >= options_.deadlineMs;
 }
 
 bool RequestPipeline::stopRequested() {
@@ -153,7 +157,7 @@ bool RequestPipeline::stopRequested() {
 bool RequestPipeline::send(const std::string& word, const std::vector<std::string>& params) {
   Request request = Request::command(word, nextEcho_, params);
   if (!connection_.send(request)) return fail(FetchStatus::LOST, connection_.error());
-  const double now = nowSeconds();
+  const int64_t now = nowMs();
   // A reply already overdue before this request must not be excused by it.
   if (inFlight_.empty()) lastReply_ = now;
   inFlight_.push_back(Pending{word, nextEcho_, now});
@@ -175,9 +179,9 @@ RequestPipeline::Received RequestPipeline::receive(Reply& out, std::string& word
     fail(FetchStatus::STOPPED, "stopped while waiting for " + head.word);
     return Received::FAILED;
   }
-  if (connection_.receive(head.echo, WAIT_SLICE_S, out)) {
+  if (connection_.receive(head.echo, WAIT_SLICE_MS, out)) {
     inFlight_.pop_front();
-    lastReply_ = nowSeconds();
+    lastReply_ = nowMs();
     word = head.word;
     if (observer_) {
       observer_->received(out);
@@ -190,10 +194,10 @@ RequestPipeline::Received RequestPipeline::receive(Reply& out, std::string& word
     return Received::FAILED;
   }
   if (observer_) observer_->tick();
-  const double waited = nowSeconds() - std::max(head.sentAt, lastReply_);
-  if (waited >= options_.replyTimeoutS) {
+  const int64_t waited = nowMs() - std::max(head.sentAt, lastReply_);
+  if (waited >= options_.replyTimeoutMs) {
     fail(FetchStatus::TIMED_OUT,
-         "no reply to " + head.word + " within " + std::to_string(options_.replyTimeoutS) + " s");
+         "no reply to " + head.word + " within " + secondsText(options_.replyTimeoutMs));
     return Received::FAILED;
   }
   if (deadlinePassed()) {
@@ -223,19 +227,19 @@ FetchStatus RequestPipeline::call(const std::string& word, const std::vector<std
 }
 
 bool RequestPipeline::keepAlive() {
-  if (options_.keepAliveS <= 0 || !inFlight_.empty()) return true;
-  if (nowSeconds() - lastSent_ < options_.keepAliveS) return true;
-  return send("CCHECK");
+  if (options_.keepAliveMs <= 0 || !inFlight_.empty()) return true;
+  if (nowMs() - lastSent_ < options_.keepAliveMs) return true;
+  return send(WORD_CCHECK);
 }
 
-bool RequestPipeline::finish(int graceS) {
-  if (!send("PEND")) return false;
+bool RequestPipeline::finish(int graceMs) {
+  if (!send(WORD_PEND)) return false;
   const unsigned char echo = inFlight_.back().echo;
-  const double giveUp = nowSeconds() + graceS;
+  const int64_t giveUp = nowMs() + graceMs;
   while (!inFlight_.empty()) {
     const Pending head = inFlight_.front();
     Reply reply;
-    if (connection_.receive(head.echo, WAIT_SLICE_S, reply)) {
+    if (connection_.receive(head.echo, WAIT_SLICE_MS, reply)) {
       inFlight_.pop_front();
       if (observer_) observer_->received(reply);
       if (head.echo == echo) return reply.status() == STATUS_OK;
@@ -245,9 +249,8 @@ bool RequestPipeline::finish(int graceS) {
       return fail(failureStatus(connection_.failure()), connection_.error());
     }
     if (observer_) observer_->tick();
-    if (nowSeconds() >= giveUp) {
-      return fail(FetchStatus::TIMED_OUT,
-                  "PEND not answered within " + std::to_string(graceS) + " s");
+    if (nowMs() >= giveUp) {
+      return fail(FetchStatus::TIMED_OUT, "PEND not answered within " + secondsText(graceMs));
     }
   }
   return fail(FetchStatus::BAD_REPLY, "PEND's reply went missing");
@@ -283,7 +286,8 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
     while (!result.endOfStream && asked.size() < static_cast<size_t>(window) &&
            output.pending() < backlogLimit && wanted() > 0) {
       const int64_t n = wanted();
-      if (!pipeline.send("READ", {countField(n)})) return end(pipeline.failure(), pipeline.error());
+      if (!pipeline.send(WORD_READ, {formatCount(static_cast<int>(n))}))
+        return end(pipeline.failure(), pipeline.error());
       asked.push_back(n);
       askedTotal += n;
     }
@@ -316,7 +320,7 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
       case RequestPipeline::Received::REPLY:
         break;
     }
-    if (word != "READ") continue;  // a keep-alive's answer
+    if (word != WORD_READ) continue;  // a keep-alive's answer
 
     const int64_t n = asked.front();
     asked.pop_front();
@@ -334,7 +338,7 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
     }
     std::string& data = reply.fields[3].bytes;
     if (data.empty() || static_cast<int64_t>(data.size()) > n ||
-        reply.fields[2].bytes != countField(static_cast<int64_t>(data.size()))) {
+        reply.fields[2].bytes != formatCount(static_cast<int>(data.size()))) {
       return end(FetchStatus::BAD_REPLY, "READ of " + std::to_string(n) +
                                              " answered with count \"" + reply.fields[2].bytes +
                                              "\" and " + std::to_string(data.size()) + " bytes");
@@ -346,4 +350,4 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
   }
 }
 
-}  // namespace controller
+}  // namespace halvarine

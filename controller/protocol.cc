@@ -1,24 +1,30 @@
-#include "tools/controller/wire.h"
+#include "channel/protocol.h"
 
+#include <halvarine/protocol.h>
 #include <stdio.h>
+#include <stdlib.h>
 
-namespace controller {
+#include "channel/packet.h"
+
+namespace halvarine {
+
+const char* const CONTROLLER_SOCKET_PATH = ::CONTROLLER_SOCKET_PATH;
+const char* const WORD_CONNECT = ::WORD_CONNECT;
+const char* const WORD_READ = ::WORD_READ;
+const char* const WORD_GSIZE = ::WORD_GSIZE;
+const char* const WORD_CLOSE = ::WORD_CLOSE;
+const char* const WORD_PEND = ::WORD_PEND;
+const char* const WORD_CCHECK = ::WORD_CCHECK;
+const char* const STATUS_OK = ::STATUS_OK;
+const char* const STATUS_ERR = ::STATUS_ERR;
+const char* const STATUS_EOF = ::STATUS_EOF;
 
 namespace {
 
 const unsigned char REQUEST_KIND = 'C';
 
-// The wire form of one element as makePacket-style bodies carry it: counted
-// fields take their 4-byte prefix in front of the data.
-std::string wireElement(const Field& f) {
-  if (!f.counted) return f.bytes;
-  unsigned char prefix[COUNTED_PREFIX_LEN] = {COUNTED_FIELD_MARK, 0, 0, 0};
-  putBe16(prefix + 1, static_cast<uint16_t>(f.bytes.size()));
-  return std::string(reinterpret_cast<const char*>(prefix), sizeof prefix) + f.bytes;
-}
-
 bool fail(std::string* error, const std::string& what) {
-  if (error) *error = what;
+  if (error != nullptr) *error = what;
   return false;
 }
 
@@ -30,6 +36,14 @@ std::string byteText(unsigned v) {
 
 }  // namespace
 
+int maxReadCount() {
+  return ::maxReadCount(sizeof "READ" - 1);
+}
+
+std::string formatCount(int count) {
+  return ::formatCount(count);
+}
+
 Request Request::command(const std::string& word, unsigned char echo,
                          const std::vector<std::string>& params) {
   Request r;
@@ -39,19 +53,23 @@ Request Request::command(const std::string& word, unsigned char echo,
   return r;
 }
 
-bool encodeRequest(const Request& req, Packet& out) {
-  for (const Field& f : req.fields) {
-    if (f.counted && f.bytes.size() > 0xFFFF) return false;
-  }
-  // appendBody skips element 0, the header, which frameBody supplies.
+bool encodeRequest(const Request& req, std::string& frame) {
+  // Element 0 of a list is its header, which the framer takes apart.
   ParamList list(1);
-  for (const Field& f : req.fields) list.push_back(wireElement(f));
-  std::string body;
-  appendBody(list, body);
+  for (const Field& f : req.fields) {
+    if (!f.counted) {
+      list.push_back(f.bytes);
+      continue;
+    }
+    if (f.bytes.size() > FRAME_MAX_BODY) return false;
+    std::string element(COUNTED_PREFIX_LEN, '\0');
+    putCountedPrefix(&element[0], static_cast<uint16_t>(f.bytes.size()));
+    list.push_back(element + f.bytes);
+  }
   unsigned char header[FRAME_HEADER_LEN] = {0};
   header[HEADER_KIND] = REQUEST_KIND;
   header[HEADER_ECHO] = req.echo;
-  return frameBody(header, body, out);
+  return buildFrame(header, list, frame);
 }
 
 std::vector<Field> Reply::values() const {
@@ -59,7 +77,8 @@ std::vector<Field> Reply::values() const {
   return std::vector<Field>(fields.begin() + 2, fields.end());
 }
 
-bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out, std::string* error) {
+bool decodeReply(const std::string& frame, unsigned char expectedEcho, Reply& out,
+                 std::string* error) {
   const unsigned char* b = reinterpret_cast<const unsigned char*>(frame.data());
   const size_t n = frame.size();
   if (n < FRAME_OVERHEAD) return fail(error, "reply shorter than 13 bytes");
@@ -127,6 +146,16 @@ bool decodeReply(const Packet& frame, unsigned char expectedEcho, Reply& out, st
   return true;
 }
 
+int64_t replyLength(const Reply& reply) {
+  if (reply.fields.size() != 3 || reply.status() != STATUS_OK) return -1;
+  const std::string& field = reply.fields[2].bytes;
+  if (field.size() != LENGTH_FIELD_LEN || reply.fields[2].counted) return -1;
+  char* end = nullptr;
+  const long long signedLength = strtoll(field.c_str(), &end, 10);
+  if (*end != '\0' || signedLength < INT32_MIN || signedLength > INT32_MAX) return -1;
+  return static_cast<int64_t>(static_cast<uint32_t>(static_cast<int32_t>(signedLength)));
+}
+
 std::string hex(const std::string& bytes) {
   std::string s;
   char buf[4];
@@ -137,4 +166,4 @@ std::string hex(const std::string& bytes) {
   return s;
 }
 
-}  // namespace controller
+}  // namespace halvarine

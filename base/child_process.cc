@@ -1,0 +1,269 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <halvarine/child_process.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "base/clock.h"
+#include "base/wait.h"
+
+extern char** environ;
+
+namespace halvarine {
+
+namespace {
+
+// A child whose own child still holds the pipe ends before the pipe does:
+// waits look at the child itself at least this often.
+const int REAP_SLICE_MS = 20;
+
+std::vector<std::string> childEnvironment(const std::vector<std::string>& extra) {
+  std::vector<std::string> env;
+  for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
+    const std::string entry(*e);
+    const std::string name = entry.substr(0, entry.find('=') + 1);
+    const bool replaced = std::any_of(extra.begin(), extra.end(), [&](const std::string& x) {
+      return x.compare(0, name.size(), name) == 0;
+    });
+    if (!replaced) env.push_back(entry);
+  }
+  env.insert(env.end(), extra.begin(), extra.end());
+  return env;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+  std::vector<char*> p;
+  for (std::string& s : strings) p.push_back(&s[0]);
+  p.push_back(nullptr);
+  return p;
+}
+
+ExitStatus decodeStatus(int status) {
+  ExitStatus s;
+  if (WIFEXITED(status)) {
+    s.exited = true;
+    s.code = WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    s.signaled = true;
+    s.signal = WTERMSIG(status);
+  }
+  return s;
+}
+
+std::string errnoText(const std::string& what) {
+  return what + ": " + strerror(errno);
+}
+
+// Between fork and exec only async-signal-safe calls; a failure goes to the
+// parent as errno through `report`.
+[[noreturn]] void execChild(char** argv, char** envp, int in, int out, int err, int report) {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  signal(SIGPIPE, SIG_DFL);
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  if (dup2(in, STDIN_FILENO) >= 0 && (out < 0 || dup2(out, STDOUT_FILENO) >= 0) &&
+      dup2(err, STDERR_FILENO) >= 0) {
+    execvpe(argv[0], argv, envp);
+  }
+  const int e = errno;
+  ssize_t ignored = write(report, &e, sizeof e);
+  (void)ignored;
+  _exit(127);
+}
+
+}  // namespace
+
+std::string ExitStatus::toString() const {
+  if (exited) return "exit " + std::to_string(code);
+  if (signaled) return "signal " + std::to_string(signal);
+  return "not ended";
+}
+
+ChildProcess::~ChildProcess() {
+  kill();
+}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : pid_(std::exchange(other.pid_, -1)),
+      reaped_(other.reaped_),
+      status_(other.status_),
+      pipe_(std::move(other.pipe_)),
+      output_(std::move(other.output_)),
+      error_(std::move(other.error_)) {}
+
+ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
+  if (this != &other) {
+    kill();
+    pid_ = std::exchange(other.pid_, -1);
+    reaped_ = other.reaped_;
+    status_ = other.status_;
+    pipe_ = std::move(other.pipe_);
+    output_ = std::move(other.output_);
+    error_ = std::move(other.error_);
+  }
+  return *this;
+}
+
+bool ChildProcess::start(const std::vector<std::string>& argv, const Options& options) {
+  kill();
+  pid_ = -1;
+  reaped_ = false;
+  status_ = ExitStatus();
+  output_.clear();
+  if (argv.empty()) {
+    error_ = "start: no program";
+    return false;
+  }
+  std::vector<std::string> argvStrings = argv;
+  std::vector<std::string> envStrings = childEnvironment(options.env);
+  std::vector<char*> argvp = pointers(argvStrings);
+  std::vector<char*> envp = pointers(envStrings);
+
+  int outPipe[2], reportPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) != 0) return error_ = errnoText("pipe"), false;
+  UniqueFd outRead(outPipe[0]), outWrite(outPipe[1]);
+  if (pipe2(reportPipe, O_CLOEXEC) != 0) return error_ = errnoText("pipe"), false;
+  UniqueFd reportRead(reportPipe[0]), reportWrite(reportPipe[1]);
+  UniqueFd devNull(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  if (!devNull.valid()) return error_ = errnoText("open /dev/null"), false;
+
+  const pid_t pid = fork();
+  if (pid < 0) return error_ = errnoText("fork"), false;
+  if (pid == 0) {
+    execChild(argvp.data(), envp.data(), devNull.get(), options.captureStdout ? outWrite.get() : -1,
+              options.stderrFd >= 0 ? options.stderrFd : outWrite.get(), reportWrite.get());
+  }
+  pid_ = pid;
+  outWrite.reset();
+  reportWrite.reset();
+
+  // The report pipe closes at exec (close-on-exec) or carries exec's errno.
+  int childErrno = 0;
+  ssize_t n;
+  do {
+    n = read(reportRead.get(), &childErrno, sizeof childErrno);
+  } while (n < 0 && errno == EINTR);
+  if (n > 0) {
+    reap(true);
+    pid_ = -1;
+    error_ = "exec \"" + argv[0] + "\": " + strerror(childErrno);
+    return false;
+  }
+  fcntl(outRead.get(), F_SETFL, fcntl(outRead.get(), F_GETFL) | O_NONBLOCK);
+  pipe_ = std::move(outRead);
+  return true;
+}
+
+bool ChildProcess::reap(bool block) {
+  if (pid_ <= 0 || reaped_) return reaped_;
+  int status = 0;
+  pid_t r;
+  do {
+    r = waitpid(pid_, &status, block ? 0 : WNOHANG);
+  } while (r < 0 && errno == EINTR);
+  if (r == pid_) {
+    reaped_ = true;
+    status_ = decodeStatus(status);
+  }
+  return reaped_;
+}
+
+bool ChildProcess::running() {
+  return pid_ > 0 && !reap(false);
+}
+
+bool ChildProcess::sendSignal(int sig) {
+  if (!running()) return error_ = "signal: no running child", false;
+  if (::kill(pid_, sig) != 0) return error_ = errnoText("kill"), false;
+  return true;
+}
+
+bool ChildProcess::drain() {
+  while (pipe_.valid()) {
+    char chunk[4096];
+    const ssize_t n = read(pipe_.get(), chunk, sizeof chunk);
+    if (n > 0) {
+      output_.append(chunk, static_cast<size_t>(n));
+    } else if (n < 0 && errno == EAGAIN) {
+      return true;
+    } else if (n == 0 || errno != EINTR) {
+      pipe_.reset();
+    }
+  }
+  return false;
+}
+
+bool ChildProcess::waitExit(int timeoutMs, ExitStatus& out) {
+  if (pid_ <= 0) return error_ = "wait: no child", false;
+  const int64_t deadline = nowMs() + timeoutMs;
+  while (!reap(false)) {
+    const int64_t now = nowMs();
+    if (now >= deadline) {
+      drain();
+      error_ = "the child did not end within " + std::to_string(timeoutMs) + " ms";
+      return false;
+    }
+    const int64_t slice = std::min(deadline, now + REAP_SLICE_MS);
+    if (drain()) {
+      waitFdUntil(pipe_.get(), WAIT_READABLE, slice);
+    } else {
+      while (nowMs() < slice && !reap(false)) usleep(1000);
+    }
+  }
+  // What it wrote last; a grandchild holding the pipe must not make this wait.
+  drain();
+  out = status_;
+  return true;
+}
+
+bool ChildProcess::waitForOutput(const std::string& text, int timeoutMs) {
+  const int64_t deadline = nowMs() + timeoutMs;
+  for (;;) {
+    const bool open = drain();
+    if (output_.find(text) != std::string::npos) return true;
+    if (!running() || nowMs() >= deadline) {
+      drain();
+      return output_.find(text) != std::string::npos;
+    }
+    const int64_t slice = std::min(deadline, nowMs() + REAP_SLICE_MS);
+    if (open) {
+      waitFdUntil(pipe_.get(), WAIT_READABLE, slice);
+    } else {
+      usleep(1000);
+    }
+  }
+}
+
+const std::string& ChildProcess::output() {
+  drain();
+  return output_;
+}
+
+std::vector<std::string> ChildProcess::outputLines() {
+  drain();
+  std::vector<std::string> lines;
+  for (size_t begin = 0; begin < output_.size();) {
+    size_t end = output_.find('\n', begin);
+    if (end == std::string::npos) end = output_.size();
+    lines.push_back(output_.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return lines;
+}
+
+void ChildProcess::kill() {
+  if (pid_ > 0 && !reaped_) {
+    ::kill(pid_, SIGKILL);
+    reap(true);
+  }
+  drain();
+  pipe_.reset();
+}
+
+}  // namespace halvarine

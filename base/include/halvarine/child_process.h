@@ -1,0 +1,92 @@
+#ifndef HALVARINE_CHILD_PROCESS_H
+#define HALVARINE_CHILD_PROCESS_H
+
+// A child process owner: starts a program, collects what it writes on its
+// standard error (and, when asked, its standard output), waits for its end
+// with a time-out, and kills (SIGKILL) and reaps it when destroyed while it
+// still runs. Moves, never copies. Single-threaded use.
+//
+// Times are milliseconds. The child starts with standard input from
+// /dev/null, an empty signal mask and the default action for SIGPIPE, SIGINT
+// and SIGTERM, whatever the parent has set.
+
+#include <halvarine/fd.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace halvarine {
+
+// How a child ended.
+struct ExitStatus {
+  bool exited = false;  // through exit: `code` is valid
+  int code = -1;
+  bool signaled = false;  // by a signal: `signal` is valid
+  int signal = 0;
+
+  std::string toString() const;  // "exit 0", "signal 9", "not ended"
+};
+
+class ChildProcess {
+ public:
+  struct Options {
+    // Extra environment, "NAME=value" each, replacing an inherited NAME.
+    std::vector<std::string> env;
+    // Collect standard output too, in the same text as standard error;
+    // otherwise it is inherited.
+    bool captureStdout = false;
+    // Standard error goes here (a terminal, say) instead of being collected.
+    int stderrFd = -1;
+  };
+
+  ChildProcess() = default;
+  ~ChildProcess();
+  ChildProcess(ChildProcess&& other) noexcept;
+  ChildProcess& operator=(ChildProcess&& other) noexcept;
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Runs argv[0], found on PATH unless it holds a '/'. False, with error()
+  // set, when the pipes, fork or exec fail; a child that was running is
+  // killed first.
+  bool start(const std::vector<std::string>& argv, const Options& options);
+  bool start(const std::vector<std::string>& argv) { return start(argv, Options()); }
+
+  pid_t pid() const { return pid_; }
+  bool running();
+  const std::string& error() const { return error_; }
+  bool sendSignal(int sig);
+
+  // Waits up to `timeoutMs` for the end, collecting the output meanwhile, and
+  // reaps the child. True with `out` set when it has ended (also when it had
+  // been reaped before); false when it still runs.
+  bool waitExit(int timeoutMs, ExitStatus& out);
+  // Waits up to `timeoutMs` for `text` to appear in the output; false when
+  // the time ran out or the child ended without writing it.
+  bool waitForOutput(const std::string& text, int timeoutMs);
+
+  // What the child has written so far, read without waiting; as lines
+  // without their 0x0A, a last line without one included.
+  const std::string& output();
+  std::vector<std::string> outputLines();
+
+  // Kills (SIGKILL) and reaps a running child; collects what is left of its
+  // output.
+  void kill();
+
+ private:
+  bool reap(bool block);
+  bool drain();  // reads what can be read now; false at the end of the pipe
+
+  pid_t pid_ = -1;
+  bool reaped_ = false;
+  ExitStatus status_;
+  UniqueFd pipe_;
+  std::string output_;
+  std::string error_;
+};
+
+}  // namespace halvarine
+
+#endif

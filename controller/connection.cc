@@ -1,0 +1,245 @@
+// The controller socket: the listener and the accepted connection.
+
+#include <errno.h>
+#include <halvarine/connection.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "base/clock.h"
+#include "base/wait.h"
+#include "channel/packet.h"
+
+namespace halvarine {
+
+namespace {
+
+// The wait for room to send: as long as the worker waits to send its reply.
+const int SEND_WAIT_MS = 5000;
+// A READ reply is one 64 KiB frame: read it in a few large pieces.
+const size_t RECEIVE_CHUNK = 65536;
+
+std::string errnoText(const std::string& what) {
+  return what + ": " + strerror(errno);
+}
+
+bool socketAddress(const std::string& path, sockaddr_un& addr) {
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof addr.sun_path) return false;
+  memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+}  // namespace
+
+// ---- ControllerConnection
+
+bool ControllerConnection::fail(const std::string& what, Failure kind) {
+  error_ = what;
+  failure_ = kind;
+  return false;
+}
+
+bool ControllerConnection::send(const Request& req) {
+  std::string frame;
+  if (!encodeRequest(req, frame)) return fail("request does not fit one frame");
+  return sendRaw(frame);
+}
+
+bool ControllerConnection::sendRaw(const std::string& bytes) {
+  if (!fd_.valid()) return fail("send: not connected", Failure::LOST);
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    // MSG_NOSIGNAL: a worker that has gone away must not kill the controller.
+    const ssize_t n =
+        ::send(fd_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n >= 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return fail(errnoText("send"), Failure::LOST);
+    const WaitResult w = waitFdUntil(fd_.get(), WAIT_WRITABLE, nowMs() + SEND_WAIT_MS);
+    if (w == WAIT_TIMEOUT) return fail("send: the worker takes no data", Failure::TIMED_OUT);
+    if (w == WAIT_ERROR) return fail(errnoText("send: wait"), Failure::LOST);
+  }
+  return true;
+}
+
+bool ControllerConnection::fill(size_t n, int64_t deadlineMs) {
+  // Reads whatever is there before waiting, and in large pieces.
+  char chunk[RECEIVE_CHUNK];
+  while (buffer_.size() < n) {
+    if (eof_) return fail("the worker closed the connection", Failure::LOST);
+    const ssize_t got = ::recv(fd_.get(), chunk, sizeof chunk, MSG_DONTWAIT);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+      const WaitResult w = waitFdUntil(fd_.get(), WAIT_READABLE, deadlineMs);
+      if (w == WAIT_TIMEOUT) return fail("no reply in time", Failure::TIMED_OUT);
+      if (w == WAIT_ERROR) return fail(errnoText("receive: wait"), Failure::LOST);
+      continue;
+    }
+    if (got < 0) return fail(errnoText("receive"), Failure::LOST);
+    if (got == 0) {
+      eof_ = true;
+      continue;
+    }
+    buffer_.append(chunk, static_cast<size_t>(got));
+  }
+  return true;
+}
+
+bool ControllerConnection::receive(unsigned char echo, int timeoutMs, Reply& out) {
+  if (!fd_.valid()) return fail("receive: not connected", Failure::LOST);
+  const int64_t deadline = nowMs() + timeoutMs;
+  size_t length = 0;
+  for (;;) {
+    size_t start = 0;
+    length = 0;
+    const FrameSearch search = findFrame(buffer_.data(), buffer_.size(), start, length);
+    if (search == FRAME_FOUND && start == 0) break;
+    // The worker sends nothing between frames: a byte that cannot begin a
+    // start sequence is an error as soon as it comes.
+    const bool stray = search == FRAME_NO_START
+                           ? buffer_.find_first_not_of('\x16') != std::string::npos
+                           : start > 0;
+    if (stray) return fail("bytes other than a frame start: " + hex(buffer_.substr(0, 16)));
+    // The whole frame once its length is known, else whatever comes next.
+    if (!fill(length > 0 ? length : buffer_.size() + 1, deadline)) {
+      if (!buffer_.empty()) error_ += " (" + std::to_string(buffer_.size()) + " bytes of a frame)";
+      return false;
+    }
+  }
+  out.frame.assign(buffer_, 0, length);
+  buffer_.erase(0, length);
+  std::string why;
+  if (!decodeReply(out.frame, echo, out, &why)) return fail(why + "; frame " + hex(out.frame));
+  return true;
+}
+
+bool ControllerConnection::receiveEof(int timeoutMs) {
+  if (!fd_.valid()) return fail("receive: not connected", Failure::LOST);
+  if (!buffer_.empty()) return fail("bytes received before the end: " + hex(buffer_));
+  if (fill(1, nowMs() + timeoutMs))
+    return fail("bytes received instead of the end: " + hex(buffer_));
+  if (eof_) return true;
+  error_ = "the worker did not close its end within " + std::to_string(timeoutMs) + " ms (" +
+           error_ + ")";
+  return false;
+}
+
+// ---- ControllerListener
+
+ControllerListener::~ControllerListener() {
+  close();
+}
+
+ControllerListener::ControllerListener(ControllerListener&& other) noexcept
+    : fd_(std::move(other.fd_)),
+      path_(std::move(other.path_)),
+      dev_(other.dev_),
+      ino_(other.ino_),
+      error_(std::move(other.error_)),
+      failure_(other.failure_) {
+  other.path_.clear();
+}
+
+ControllerListener& ControllerListener::operator=(ControllerListener&& other) noexcept {
+  if (this != &other) {
+    close();
+    fd_ = std::move(other.fd_);
+    path_ = std::move(other.path_);
+    dev_ = other.dev_;
+    ino_ = other.ino_;
+    error_ = std::move(other.error_);
+    failure_ = other.failure_;
+    other.path_.clear();
+  }
+  return *this;
+}
+
+bool ControllerListener::fail(Failure kind, const std::string& what) {
+  failure_ = kind;
+  error_ = what;
+  return false;
+}
+
+bool ControllerListener::listen(const std::string& path) {
+  close();
+  failure_ = Failure::NONE;
+  sockaddr_un addr;
+  if (!socketAddress(path, addr)) {
+    return fail(Failure::UNUSABLE, "socket path unusable: \"" + path + "\"");
+  }
+  const sockaddr* sa = reinterpret_cast<const sockaddr*>(&addr);
+
+  // Someone listening there already? Then this run must not steal the path.
+  // The probe does not block: a listener whose queue is full (it accepts
+  // nothing) makes a blocking connect wait for ever.
+  struct stat st;
+  if (lstat(path.c_str(), &st) == 0) {
+    if (!S_ISSOCK(st.st_mode)) {
+      return fail(Failure::UNUSABLE, "\"" + path + "\" exists and is not a socket");
+    }
+    UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!probe.valid()) return fail(Failure::SYSTEM, errnoText("socket"));
+    if (connect(probe.get(), sa, sizeof addr) == 0 || errno == EAGAIN) {
+      return fail(Failure::TAKEN, "another controller is already listening on \"" + path + "\"");
+    }
+    if (errno != ECONNREFUSED) {
+      return fail(Failure::SYSTEM, errnoText("probing \"" + path + "\""));
+    }
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+      return fail(Failure::SYSTEM, errnoText("removing the stale socket \"" + path + "\""));
+    }
+  }
+
+  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!fd.valid()) return fail(Failure::SYSTEM, errnoText("socket"));
+  if (bind(fd.get(), sa, sizeof addr) != 0) {
+    // Another controller won the path between the probe and here.
+    if (errno == EADDRINUSE) {
+      return fail(Failure::TAKEN, "another controller is already listening on \"" + path + "\"");
+    }
+    return fail(Failure::SYSTEM, errnoText("bind \"" + path + "\""));
+  }
+  if (lstat(path.c_str(), &st) != 0 || ::listen(fd.get(), 8) != 0) {
+    const std::string why = errnoText("listen \"" + path + "\"");
+    unlink(path.c_str());
+    return fail(Failure::SYSTEM, why);
+  }
+  fd_ = std::move(fd);
+  path_ = path;
+  dev_ = st.st_dev;
+  ino_ = st.st_ino;
+  return true;
+}
+
+bool ControllerListener::accept(int timeoutMs, ControllerConnection& out) {
+  if (!fd_.valid()) return fail(Failure::SYSTEM, "accept: not listening");
+  const WaitResult w = waitFdUntil(fd_.get(), WAIT_READABLE, nowMs() + timeoutMs);
+  if (w == WAIT_TIMEOUT) {
+    return fail(Failure::SYSTEM, "nobody connected within " + std::to_string(timeoutMs) + " ms");
+  }
+  if (w == WAIT_ERROR) return fail(Failure::SYSTEM, errnoText("accept: wait"));
+  UniqueFd conn(accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  if (!conn.valid()) return fail(Failure::SYSTEM, errnoText("accept"));
+  out = ControllerConnection(std::move(conn));
+  return true;
+}
+
+void ControllerListener::close() {
+  if (!fd_.valid()) return;
+  fd_.reset();
+  // Remove the file only if it is still ours: a later listener may own the
+  // path by now.
+  struct stat st;
+  if (lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_) {
+    unlink(path_.c_str());
+  }
+  path_.clear();
+}
+
+}  // namespace halvarine

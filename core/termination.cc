@@ -1,0 +1,93 @@
+#include "core/termination.h"
+
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "base/wait.h"
+
+namespace {
+
+const char NOTICE[] = "\n**** SIGINT ****\n";
+
+volatile sig_atomic_t g_pending = 0;  // a SIGTERM waits for a safe point
+volatile sig_atomic_t g_ending = 0;   // the notice is written or being written
+timer_t g_graceTimer;
+bool g_haveGraceTimer = false;
+
+void writeNotice() {
+  ssize_t ignored = write(STDERR_FILENO, NOTICE, sizeof NOTICE - 1);
+  (void)ignored;
+}
+
+// Only where the thread holds no lock.
+[[noreturn]] void endWithCleanup() {
+  g_ending = 1;
+  writeNotice();
+  exit(0);
+}
+
+// Async-signal-safe all through.
+[[noreturn]] void endWithoutCleanup() {
+  g_ending = 1;
+  writeNotice();
+  _exit(0);
+}
+
+void onSafePoint() {
+  if (g_pending && !g_ending) endWithCleanup();
+}
+
+void onTerminate(int) {
+  if (g_ending) return;
+  if (sleepingInWait()) endWithCleanup();
+  if (!g_haveGraceTimer) endWithoutCleanup();
+  g_pending = 1;
+  struct itimerspec grace;
+  memset(&grace, 0, sizeof grace);
+  grace.it_value.tv_nsec = TERMINATION_GRACE_MS * 1000000L;
+  timer_settime(g_graceTimer, 0, &grace, nullptr);
+}
+
+// No safe point came in time: the thread is stuck where it may hold a lock.
+void onGraceExpired(int) {
+  if (!g_ending) endWithoutCleanup();
+}
+
+bool install(int sig, void (*handler)(int)) {
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  return sigaction(sig, &action, nullptr) == 0;
+}
+
+}  // namespace
+
+bool installTerminationHandler() {
+  if (!install(SIGTERM, onTerminate) || !install(SIGALRM, onGraceExpired)) return false;
+  struct sigevent event;
+  memset(&event, 0, sizeof event);
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = SIGALRM;
+  // Without a timer a SIGTERM away from a wait ends the process at once,
+  // without the clean-up.
+  g_haveGraceTimer = timer_create(CLOCK_MONOTONIC, &event, &g_graceTimer) == 0;
+  setSafePointHook(onSafePoint);
+  return true;
+}
+
+void closeTerminationWindow() {
+  sigset_t held;
+  sigemptyset(&held);
+  sigaddset(&held, SIGTERM);
+  sigaddset(&held, SIGALRM);
+  sigprocmask(SIG_BLOCK, &held, nullptr);
+  if (g_pending && !g_ending) {
+    g_ending = 1;
+    writeNotice();
+  }
+}
