@@ -10,7 +10,7 @@
 
 #include <string>
 
-#include "tools/mmsserver/asf_file.h"
+#include "tools/asf/asf_file.h"
 #include "tools/mmsserver/server.h"
 
 class Connection {

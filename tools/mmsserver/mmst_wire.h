@@ -21,7 +21,7 @@
 
 #include <string>
 
-#include "tools/mmsserver/asf_file.h"
+#include "tools/asf/asf_file.h"
 
 namespace mmst {
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "tools/mmsserver/asf_file.h"
+#include "tools/asf/asf_file.h"
 
 enum class Transport { MMSH, MMST };
 

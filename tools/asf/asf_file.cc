@@ -1,17 +1,8 @@
-#include "tools/mmsserver/asf_file.h"
+#include "tools/asf/asf_file.h"
 
 #include <algorithm>
 #include <fstream>
 #include <sstream>
-
-#include "tools/mmsserver/server.h"
-
-namespace {
-
-// Object GUIDs as they sit on the wire: the first three groups little-endian.
-struct Guid {
-  unsigned char bytes[16];
-};
 
 Guid guid(uint32_t d1, uint16_t d2, uint16_t d3, uint64_t d4) {
   Guid g{};
@@ -33,9 +24,17 @@ const Guid kNoErrorCorrection = guid(0x20FB5700, 0x5B55, 0x11CF, 0xA8FD00805F5C4
 const Guid kStreamBitrateProperties = guid(0x7BF875CE, 0x468D, 0x11D1, 0x8D82006097C9A2B2ULL);
 const Guid kPadding = guid(0x1806D474, 0xCADF, 0x4509, 0xA4BA9AABCB96AAE8ULL);
 
-constexpr size_t kGuidSize = 16;
-constexpr size_t kObjectHeadSize = 24;         // GUID + 64-bit object size
-constexpr size_t kHeaderObjectFixedSize = 30;  // + object count, two reserved bytes
+bool guidAt(const std::string& s, size_t at, const Guid& g) {
+  return at + kGuidSize <= s.size() &&
+         s.compare(at, kGuidSize, reinterpret_cast<const char*>(g.bytes), kGuidSize) == 0;
+}
+
+void putGuid(std::string& out, const Guid& g) {
+  out.append(reinterpret_cast<const char*>(g.bytes), kGuidSize);
+}
+
+namespace {
+
 constexpr size_t kDataObjectHeaderSize = 50;
 constexpr size_t kFilePropertiesSize = 104;
 
@@ -48,15 +47,6 @@ constexpr size_t kFpMinPacketSize = 92;
 constexpr size_t kFpMaxPacketSize = 96;
 // Offset inside the Data Object.
 constexpr size_t kDoTotalPackets = 40;
-
-bool guidAt(const std::string& s, size_t at, const Guid& g) {
-  return at + kGuidSize <= s.size() &&
-         s.compare(at, kGuidSize, reinterpret_cast<const char*>(g.bytes), kGuidSize) == 0;
-}
-
-void putGuid(std::string& out, const Guid& g) {
-  out.append(reinterpret_cast<const char*>(g.bytes), kGuidSize);
-}
 
 // Finds the File Properties Object among the Header Object's children.
 // Returns its offset, or 0 when absent or when a child's size is broken.
@@ -312,70 +302,4 @@ std::string generateAsf(uint64_t bytes, uint32_t packetSize) {
   out.push_back('\x01');
   for (uint64_t i = 0; i < packets; ++i) out += dataPacket(static_cast<uint32_t>(i), packetSize);
   return out;
-}
-
-namespace {
-
-// The first stream number the extra streams of the extraStreams fault take:
-// four digits each, so 23 of them overflow any buffer sized for two.
-constexpr uint16_t kFirstExtraStream = 1000;
-constexpr size_t kHeaderObjectCountAt = 24;
-
-// Appends `object` to the Header Object's children in `header`, fixing the
-// Header Object's size and child count; the Data Object's start stays last.
-void appendHeaderObject(std::string& header, const std::string& object) {
-  if (header.size() < kHeaderObjectFixedSize || !guidAt(header, 0, kHeaderObject)) return;
-  const uint64_t size = getLe64(header, kGuidSize);
-  if (size > header.size()) return;
-  header.insert(static_cast<size_t>(size), object);
-  std::string field;
-  putLe64(field, size + object.size());
-  header.replace(kGuidSize, 8, field);
-  field.clear();
-  putLe32(field, getLe32(header, kHeaderObjectCountAt) + 1);
-  header.replace(kHeaderObjectCountAt, 4, field);
-}
-
-std::string streamBitrateProperties(int streams) {
-  std::string o;
-  putGuid(o, kStreamBitrateProperties);
-  putLe64(o, kObjectHeadSize + 2 + 6 * static_cast<uint64_t>(streams));
-  putLe16(o, static_cast<uint16_t>(streams));
-  for (int i = 0; i < streams; ++i) {
-    putLe16(o, static_cast<uint16_t>(kFirstExtraStream + i));
-    putLe32(o, 8000);  // average bit rate
-  }
-  return o;
-}
-
-// An object head with nothing behind it that declares `declared` bytes.
-std::string objectHead(const Guid& g, uint64_t declared) {
-  std::string o;
-  putGuid(o, g);
-  putLe64(o, declared);
-  return o;
-}
-
-// A Header Extension Object whose one child declares `childSize` bytes.
-std::string headerExtensionWithChild(uint64_t childSize) {
-  const std::string child = objectHead(kPadding, childSize);
-  std::string o;
-  putGuid(o, kHeaderExtension);
-  putLe64(o, 46 + child.size());
-  putGuid(o, kExtensionReserved);
-  putLe16(o, 6);
-  putLe32(o, static_cast<uint32_t>(child.size()));
-  return o + child;
-}
-
-}  // namespace
-
-std::string servedHeader(const AsfFile& file, const Faults& faults) {
-  std::string header = file.header;
-  if (faults.extraStreams > 0)
-    appendHeaderObject(header, streamBitrateProperties(faults.extraStreams));
-  if (faults.extensionChildOf4GiB) appendHeaderObject(header, headerExtensionWithChild(1ULL << 32));
-  // Last, so that every other object has been seen when a walk stops here.
-  if (faults.zeroSizeObject) appendHeaderObject(header, objectHead(kPadding, 0));
-  return header;
 }

@@ -1,5 +1,5 @@
-#ifndef HALVARINE_TOOLS_MMSSERVER_ASF_FILE_H
-#define HALVARINE_TOOLS_MMSSERVER_ASF_FILE_H
+#ifndef HALVARINE_TOOLS_ASF_ASF_FILE_H
+#define HALVARINE_TOOLS_ASF_ASF_FILE_H
 
 // An ASF file cut the way both MMS transports serve it: the header (the
 // Header Object plus the 50-byte start of the Data Object) and the data
@@ -40,6 +40,22 @@ std::string asfStreamBytes(const AsfFile& file);
 // inside `header` (as kept in AsfFile::header). False when the header has no
 // File Properties Object.
 bool patchPacketSize(std::string& header, uint32_t packetSize);
+
+// ---- The objects an ASF header is made of
+
+// Object GUIDs as they sit on the wire: the first three groups little-endian.
+struct Guid {
+  unsigned char bytes[16];
+};
+Guid guid(uint32_t d1, uint16_t d2, uint16_t d3, uint64_t d4);
+extern const Guid kHeaderObject, kDataObject, kFileProperties, kStreamProperties, kHeaderExtension,
+    kExtensionReserved, kAudioMedia, kNoErrorCorrection, kStreamBitrateProperties, kPadding;
+bool guidAt(const std::string& s, size_t at, const Guid& g);
+void putGuid(std::string& out, const Guid& g);
+
+constexpr size_t kGuidSize = 16;
+constexpr size_t kObjectHeadSize = 24;         // GUID + 64-bit object size
+constexpr size_t kHeaderObjectFixedSize = 30;  // + object count, two reserved bytes
 
 // Little-endian wire fields, as ASF and both MMS framings use them. The
 // readers take an offset that the caller has checked against the size.
