@@ -44,6 +44,14 @@ ResultCode readPacket(Packet& out) {
   }
 }
 
+void reserveReplyRoom() {
+  // Linux doubles the size asked for and reports a Unix socket writable
+  // while at most a quarter of it is taken: the rest then holds a whole
+  // frame with room to spare.
+  const int size = static_cast<int>(2 * FRAME_MAX_LEN);
+  setsockopt(g_controlFd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+}
+
 ResultCode writePacket(const Packet& frame) {
   if (g_controlFd == -1) return TRANSPORT_NOT_CONNECTED;
   size_t sent = 0;

@@ -121,23 +121,6 @@ TEST_P(MidStream, PeerClosingDuringTheWaitEndsTheReadAtOnce) {
   EXPECT_FALSE(contains(lines, SELECT_TIMEOUT));
 }
 
-// SIGTERM is taken in the next wait; a READ on a silent server is in one:
-// the notice, the stream's close line, status 0, no reply, no end lines.
-TEST_P(MidStream, SigtermDuringAWaitingReadEndsTheProcessAtOnce) {
-  ASSERT_NO_FATAL_FAILURE(stallMidStream());
-  const size_t before = session.worker().output().size();
-  ASSERT_TRUE(session.send(request("READ", {countDigits(BIG_READ)})));
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  const auto start = support::Clock::now();
-  ASSERT_TRUE(session.worker().sendSignal(SIGTERM));
-  expectExit(0);
-  EXPECT_LT(secondsSince(start), 2.0) << "the signal waited for the media time-out";
-  EXPECT_EQ(std::string("\n**** SIGINT ****\n[WrapperMms::close()] close ") +
-                (GetParam() == Transport::MMST ? "MMST" : "MMSH") + " stream! \n",
-            session.worker().output().substr(before));
-  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
-}
-
 // Silence mid-READ: after 7 s the callback gives up and the library makes
 // what it can of the bytes it has; the worker goes on serving.
 TEST_P(MidStream, SlowStallMidReadTimesOutAfterSevenSeconds) {

@@ -111,22 +111,6 @@ TEST_F(ProcessEnd, ControllerClosingInsideAFrameEndsTheProcess) {
   EXPECT_EQ((std::vector<std::string>{"[readPacket()] read EOF!", FINISHED}), outputLines());
 }
 
-TEST_F(ProcessEnd, SigtermWhileWaitingWritesOneNoticeAndExits0) {
-  expectOnlyCcheckReply(0x01);
-  ASSERT_TRUE(session.worker().sendSignal(SIGTERM));
-  expectExit(0);
-  EXPECT_EQ(std::string(SIGTERM_TEXT, 18), session.worker().output());
-  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
-}
-
-TEST_F(ProcessEnd, ReplyToAControllerThatHasGoneEndsTheProcessBySigpipe) {
-  ASSERT_TRUE(session.send(Request::command("CCHECK", 0x01)));
-  session.connection().close();
-  ExitStatus st;
-  ASSERT_TRUE(session.worker().waitExit(support::REPLY_TIMEOUT_MS, st));
-  EXPECT_TRUE(st.signaled && st.signal == SIGPIPE) << st.toString();
-}
-
 TEST_F(ProcessEnd, SlowSilenceOf60SecondsEndsTheProcess) {
   expectOnlyCcheckReply(0x01);
   const auto start = support::Clock::now();

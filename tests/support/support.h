@@ -135,6 +135,24 @@ struct RawExchange {
 // Sends `request` to 127.0.0.1:port and reads until the server closes.
 RawExchange rawExchange(uint16_t port, const std::string& request);
 
+// A network namespace of the test's own, deleted with its files on
+// destruction: only loopback, up; /etc/hosts and (when not empty)
+// /etc/resolv.conf as given, for what runs in it through prefix(). Root only.
+class NetNamespace {
+ public:
+  ~NetNamespace();
+  bool create(const std::string& hosts, const std::string& resolvConf, std::string& error);
+  // Every packet to `address` silently dropped on arrival, so that senders
+  // see no error and wait (nft, else iptables).
+  bool dropTo(const std::string& address, std::string& error);
+  bool exec(const std::vector<std::string>& argv, std::string& output);
+  std::vector<std::string> prefix() const { return {"ip", "netns", "exec", name_}; }
+
+ private:
+  std::string name_, dir_;
+  bool createdRoot_ = false;
+};
+
 // ---- Frames written out by hand, independently of the worker's codec
 
 std::string bytes(std::initializer_list<int> values);
