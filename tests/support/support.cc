@@ -139,6 +139,13 @@ size_t occurrences(const std::string& text, const std::string& what) {
   return n;
 }
 
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
 size_t countLines(const std::vector<std::string>& lines, const std::string& line) {
   return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
@@ -446,6 +453,12 @@ std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& line
       out.push_back(lines[i]);
     }
   }
+  return out;
+}
+
+std::string withRefusalsJoinedText(const std::string& text) {
+  std::string out;
+  for (const std::string& line : withRefusalsJoined(lines(text))) out += line + "\n";
   return out;
 }
 

@@ -81,6 +81,8 @@ bool fileExists(const std::string& path);
 // Offset of the first difference, -1 when equal: readable for big strings.
 long long firstDifference(const std::string& a, const std::string& b);
 size_t occurrences(const std::string& text, const std::string& what);
+// `text` cut into lines without their 0x0A.
+std::vector<std::string> lines(const std::string& text);
 size_t countLines(const std::vector<std::string>& lines, const std::string& line);
 long findLine(const std::vector<std::string>& lines, const std::string& line);
 std::string findProgram(const std::string& name);  // on PATH; "" when absent
@@ -168,6 +170,8 @@ std::string countDigits(int count);  // %08d
 // wait: the kernel's choice) replaced by the one line REFUSED.
 extern const char REFUSED[];
 std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& lines);
+// The same on text: every line ended by 0x0A.
+std::string withRefusalsJoinedText(const std::string& text);
 
 const int REPLY_TIMEOUT_S = 5;
 const int REPLY_TIMEOUT_MS = REPLY_TIMEOUT_S * 1000;
