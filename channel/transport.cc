@@ -63,8 +63,10 @@ ResultCode writePacket(const Packet& frame) {
     // blocking write of more would wait for the controller without limit.
     // No MSG_NOSIGNAL: a controller that has gone ends the worker by SIGPIPE.
     const ssize_t n = send(g_controlFd, frame.data() + sent, frame.size() - sent, MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
-    if (n < 0) return TRANSPORT_WRITE_ERROR;
+    if (n == -1) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK) continue;
+      return TRANSPORT_WRITE_ERROR;
+    }
     sent += static_cast<size_t>(n);
   }
   return RESULT_OK;

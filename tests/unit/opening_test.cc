@@ -106,6 +106,40 @@ TEST(WrapperMmsClosed, RefusesEverythingQuietlyButTheQueries) {
   EXPECT_EQ("[WrapperMms::getLength()] call! \nWrapperMms::getCurrentPos()] call! \n", err.text());
 }
 
+// An object opened in this process over each transport: what read, the
+// position and the length report, and the stream forgotten on close.
+TEST(WrapperMmsOpen, ReadsPositionLengthAndClose) {
+  const std::string stream = asfStreamBytes(support::sampleAsf());
+  for (Transport t : {Transport::MMST, Transport::MMSH}) {
+    ServerOptions options;
+    options.transport = t;
+    MmsTestServer server(support::sampleAsf(), options);
+    std::string error;
+    ASSERT_TRUE(server.start(error)) << error;
+    const std::string name = t == Transport::MMST ? "MMST" : "MMSH";
+    WrapperMms w(server.url());
+    StderrCapture err;
+    ASSERT_EQ(0u, w.connect());
+    char buf[1000];
+    int count = 0;
+    ASSERT_EQ(0u, w.read(buf, sizeof buf, count));
+    EXPECT_EQ(stream.substr(0, 1000), std::string(buf, static_cast<size_t>(count)));
+    uint32_t position = 0, length = 0;
+    EXPECT_EQ(0u, w.getCurrentPos(position));
+    EXPECT_EQ(0u, w.getLength(length));
+    EXPECT_EQ(0u, w.close());
+    EXPECT_EQ(5u, w.read(buf, 10, count));
+    EXPECT_EQ(1000u, position);
+    EXPECT_EQ(stream.size(), length);
+    const std::vector<std::string> lines = support::lines(err.text());
+    EXPECT_EQ(1u, support::countLines(
+                      lines, "[WrapperMms::getCurrentPos()] get " + name + " pos! offset=1000"));
+    EXPECT_EQ(1u, support::countLines(lines, "[WrapperMms::getLength()] get " + name +
+                                                 " length : " + std::to_string(stream.size())));
+    EXPECT_EQ("[WrapperMms::close()] close " + name + " stream! ", lines.back());
+  }
+}
+
 // The budget is armed for one library call only: a timer left running
 // would end the worker after its next few seconds of work.
 TEST(CpuBudget, IsSwitchedOffWhenTheCallEnds) {
