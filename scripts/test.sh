@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs the test suite. Tests that start the worker share
-# its fixed controller socket path and are marked to run one at a time.
+# its fixed controller socket path: as root each runs in namespaces of its own
+# and they run side by side (tests/isolated.sh); otherwise one at a time.
 # Arguments go to ctest; without any, everything runs but the 10,000-cycle
 # soak (ctest -L soak, about 4 minutes) and the benchmark's smoke run
 # (ctest -L bench), slow tests included.
@@ -11,4 +12,4 @@ cd build
 if (($# == 0)); then
   set -- -LE 'soak|bench'
 fi
-ctest --output-on-failure -j2 --timeout 600 "$@"
+ctest --output-on-failure -j3 --timeout 600 "$@"
