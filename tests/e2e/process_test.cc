@@ -176,10 +176,11 @@ class MalformedFrames : public support::WorkerTest {
   }
 };
 
-TEST_F(MalformedFrames, UnknownWordsGetNoReply) {
-  // Unknown, lower case, proper beginnings of a command, the empty word.
+TEST_F(MalformedFrames, UnknownWordsAndMissingParametersGetNoReply) {
+  // Unknown, lower case, proper beginnings of a command, the empty word;
+  // CONNECT without its URL, READ without its count.
   for (const char* w : {"HELLO", "ccheck", "gsize", "close", "pend", "CCHEC", "GSIZ", "CLOS", "PEN",
-                        "C", "", " CCHECK", "XCCHECK", "REA", "CONN"}) {
+                        "C", "", " CCHECK", "XCCHECK", "REA", "CONN", "CONNECT", "READ"}) {
     ASSERT_TRUE(session.send(Request::command(w, 0x40)));
   }
   expectDropped(frameAround(0x41, ""), {});  // an empty body
