@@ -22,7 +22,8 @@ long procStatusKb(pid_t pid, const char* field) {
   char line[256];
   while (fgets(line, sizeof line, status.get()) != nullptr) {
     long kb = -1;
-    if (strncmp(line, field, len) == 0 && line[len] == ':' && sscanf(line + len + 1, "%ld", &kb) == 1)
+    if (strncmp(line, field, len) == 0 && line[len] == ':' &&
+        sscanf(line + len + 1, "%ld", &kb) == 1)
       return kb;
   }
   return -1;

@@ -266,7 +266,7 @@ PrivateNetwork::~PrivateNetwork() {
 bool PrivateNetwork::enter(std::string& error) {
   UniqueFd home(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
   if (!home.valid() || unshare(CLONE_NEWNET) != 0) {
-    error = std::string("a network namespace of its own: ") + strerror(errno);
+    error = std::string("a network namespace of its own (root only): ") + strerror(errno);
     return false;
   }
   home_ = std::move(home);
