@@ -6,6 +6,7 @@
 #include <halvarine/controller.h>
 #include <limits.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -177,6 +178,7 @@ class Fetch {
   int64_t dataLimit_ = -1;    // --max-bytes as data bytes after the header
   uint64_t dataWritten_ = 0;  // bytes written after the header
   std::string problem_;       // what keeps the stream from completing
+  std::string retryProblem_;  // what the last retry met
   int retriesDone_ = 0;
   bool kept_ = false;  // the output stands as it is: complete or stopped
 };
@@ -278,9 +280,9 @@ int Fetch::transfer() {
       dataWritten_ += r.tail.size();
       return completed();
     }
-    status = EXIT_PARTIAL;
+    int failure = EXIT_PARTIAL;
     if (r.status == FetchStatus::REFUSED && resumable()) {
-      status = EXIT_RECEIVE;
+      failure = EXIT_RECEIVE;
       problem_ =
           "could not be read on after " + std::to_string(total) + " bytes (READ answered ERR)";
     } else if (r.status != FetchStatus::DONE) {
@@ -291,8 +293,9 @@ int Fetch::transfer() {
     }
     // Open it again and skip what is written, until a try brings nothing
     // new `--retry` times in a row.
+    retryProblem_.clear();
     do {
-      if (triesLeft == 0) return incomplete(status);
+      if (triesLeft == 0) return incomplete(failure);
       --triesLeft;
       ++retriesDone_;
       int64_t delay = options_.retryDelayMs;
@@ -302,8 +305,9 @@ int Fetch::transfer() {
       delay = std::max(options_.retryDelayMs, std::min(delay, MAX_RETRY_DELAY_MS));
       const std::string retry = "retry " + std::to_string(options_.retries - triesLeft) + " of " +
                                 std::to_string(options_.retries);
-      display_.detail("the stream " + problem_ + "; " + retry + " in " + std::to_string(delay) +
-                      " ms");
+      char wait[32];
+      snprintf(wait, sizeof wait, " in %.1f s: the stream ", static_cast<double>(delay) / 1000);
+      display_.note(retry + wait + problem_ + retryProblem_);
       const int paused = pause(delay, "waiting for " + retry);
       if (paused != EXIT_OK) return paused;
       status = open(false);
@@ -323,7 +327,7 @@ int Fetch::open(bool first) {
     std::string why;
     const int status = connectFailure(mark, why);
     if (!first) {
-      problem_ += "; opening it again failed: " + why;
+      retryProblem_ = "; opening it again failed: " + why;
       return RETRY;
     }
     display_.error("cannot open " + options_.url + ": " + why);
@@ -341,7 +345,7 @@ int Fetch::open(bool first) {
   if (status != EXIT_OK) return status;
   if (!first) {
     if (header == header_) return EXIT_OK;
-    problem_ += "; opened again, it is another stream (its header differs)";
+    retryProblem_ = "; opened again, it is another stream (its header differs)";
     return incomplete(EXIT_PARTIAL);
   }
 
@@ -390,7 +394,7 @@ int Fetch::readHeader(std::string& header) {
       endWorker(true, PEND_GRACE_MS);
       return reply.status() == halvarine::STATUS_ERR ? EXIT_RECEIVE : EXIT_NOT_MMS;
     } else {
-      problem_ += "; opened again, it ended inside its header";
+      retryProblem_ = "; opened again, it ended inside its header";
       return RETRY;
     }
     if (!sized && header.size() >= need) {
@@ -477,7 +481,7 @@ int Fetch::incomplete(int status) {
                       : retriesDone_ > 0    ? "; gave up after " + std::to_string(retriesDone_) +
                                                (retriesDone_ == 1 ? " retry" : " retries")
                                          : "";
-  display_.error("the stream " + problem_ + tries);
+  display_.error("the stream " + problem_ + retryProblem_ + tries);
   return status;
 }
 
