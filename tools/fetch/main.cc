@@ -466,7 +466,8 @@ int Fetch::stopped() {
   std::string packets;
   if (isAsf_) {
     kept -= dataWritten_ % asf_.packetSize;
-    packets = ", " + std::to_string(dataWritten_ / asf_.packetSize) + " data packets";
+    const uint64_t n = dataWritten_ / asf_.packetSize;
+    packets = ", " + std::to_string(n) + (n == 1 ? " data packet" : " data packets");
   }
   display_.note(why + ": kept " + std::to_string(kept) + " bytes (" +
                 humanBytes(static_cast<double>(kept)) + packets + ") in " +
