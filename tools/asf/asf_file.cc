@@ -130,6 +130,7 @@ bool parseAsf(const std::string& bytes, AsfFile& out, std::string& error) {
   file.fileSize = getLe64(bytes, fp + kFpFileSize);
   file.playDuration100ns = getLe64(bytes, fp + kFpPlayDuration);
   file.sendDuration100ns = getLe64(bytes, fp + kFpSendDuration);
+  file.broadcast = (getLe32(bytes, fp + kFpFlags) & kFlagBroadcast) != 0;
 
   // The Data Object's own size bounds the packets (an index may follow); a
   // broadcast-style file leaves it 0, and then the packets run to the end.

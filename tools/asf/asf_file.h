@@ -19,6 +19,7 @@ struct AsfFile {
   std::string fileId;                // 16 bytes, from the File Properties Object
   uint64_t playDuration100ns = 0;
   uint64_t sendDuration100ns = 0;  // from the File Properties Object
+  bool broadcast = false;          // its Broadcast flag: a live stream
 };
 
 // Loads and cuts an ASF file. Returns false and sets `error` on a file that
