@@ -64,7 +64,7 @@ ResultCode writePacket(const Packet& frame) {
     // No MSG_NOSIGNAL: a controller that has gone ends the worker by SIGPIPE.
     const ssize_t n = send(g_controlFd, frame.data() + sent, frame.size() - sent, MSG_DONTWAIT);
     if (n == -1) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK) continue;
+      if (errno == EAGAIN) continue;  // EWOULDBLOCK is the same number on Linux
       return TRANSPORT_WRITE_ERROR;
     }
     sent += static_cast<size_t>(n);
