@@ -148,8 +148,9 @@ ssize_t transferNow(const Transfer& t, int fd, char* buf, size_t len) {
   return ::send(fd, buf, len, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
+// EWOULDBLOCK is the same number as EAGAIN on Linux.
 bool mustWait(ssize_t n) {
-  return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+  return n < 0 && errno == EAGAIN;
 }
 
 mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
