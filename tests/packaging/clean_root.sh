@@ -11,8 +11,8 @@
 #   BUILD      the build tree with the test MMS server and libmms-fetch
 #              (default build)
 #
-# The root is made by mmdebstrap (variant apt, from this machine's apt
-# sources) on a tmpfs in a private mount namespace, so it and its mounts go
+# The root is made by mmdebstrap (the essential packages and what the check
+# needs, from this machine's apt sources; apt runs outside) on a tmpfs in a private mount namespace, so it and its mounts go
 # away with the script. The test server runs outside the root, in a private
 # network namespace that the root shares, and the root reaches it over
 # loopback. HALVARINE_APT_SOURCES names another apt sources file.
@@ -50,7 +50,7 @@ case "${HALVARINE_CLEAN_ROOT_STEP:-}" in
     started=$SECONDS
     # Documentation, manual pages and translations are left out, but for the
     # development package's examples, which the check builds.
-    mmdebstrap --variant=apt --include="$include" \
+    mmdebstrap --variant=essential --include="$include" \
       --hook-dir=/usr/share/mmdebstrap/hooks/file-mirror-automount \
       --dpkgopt=force-unsafe-io \
       --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-exclude=/usr/share/man/*' \
