@@ -1,23 +1,26 @@
-// halvarine-bench: throughput, command round trip, instructions per byte and
+// halvarine-bench: throughput, command round trip, instructions per byte,
+// system calls and CPU time per byte at full speed and at a shaped rate, and
 // footprint of the worker, each beside a baseline measured in the same run.
 //
 //   halvarine-bench [--quick] [--out DIR] [--rounds N] [--mb N] [--cost-mb N]
-//                   [--calls N] [--only PARTS]
+//                   [--calls N] [--only PARTS] [--before WORKER]
 //
-// PARTS is a comma-separated choice of throughput, roundtrip, cost and
-// startup (default: all). HALVARINE_WORKER names another worker binary.
-// Contenders are alternated within each round and the rounds repeated;
-// tables give the median and the spread (half the range over the median).
-// Writes DIR/table.md (the tables, Markdown), DIR/throughput.dat (for the
-// plot) and DIR/callgrind.*.out (for callgrind_annotate), and prints the
-// tables. No goal is enforced here: the ratios are for people to judge.
+// PARTS is a comma-separated choice of throughput, roundtrip, cost, startup
+// and syscalls (default: all). HALVARINE_WORKER names another worker binary;
+// --before names a worker from before a change, which the syscalls part
+// measures beside it. Contenders are alternated within each round and the
+// rounds repeated; tables give the median and the spread (half the range
+// over the median). Writes DIR/table.md (the tables, Markdown; the syscalls
+// part's in DIR/syscalls.md), DIR/throughput.dat (for the plot) and
+// DIR/callgrind.*.out (for callgrind_annotate), and prints the tables. No
+// goal is enforced here: the ratios are for people to judge.
 
 #include <halvarine/controller.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iostream>
@@ -28,6 +31,7 @@
 #include <vector>
 
 #include "base/allocator.h"
+#include "base/clock.h"
 #include "bench/bench.h"
 #include "tools/mmsserver/server.h"
 
@@ -37,25 +41,33 @@ using bench::FetchRun;
 using bench::Samples;
 
 struct Settings {
-  bool quick = false;
   std::string outDir = ".";
   int rounds = 5;
   int streamMb = 128;
   int costMb = 16;
   int calls = 20000;
   int rttRounds = 7;
-  std::string only = "throughput,roundtrip,cost,startup";
+  int startups = 10;  // per sample: the clock reads milliseconds
+  // System calls and CPU time: streams at full speed and at the shaped rate.
+  int fullSpeedMb = 64;
+  int shapedMb = 8;
+  int countRounds = 5;
+  std::string only = "throughput,roundtrip,cost,startup,syscalls";
   std::vector<int> counts{4096, 16384, 32768, 65511};
   int window = 4;
 };
 
-const char* transportName(Transport t) {
-  return t == Transport::MMSH ? "MMSH" : "MMST";
-}
+// The shaped link's rate, in tc's form and for people.
+const char SHAPED_RATE[] = "8mbit";
+const char SHAPED_LINK[] = "8 Mbit/s";
 
-// mmst:// for ffmpeg, which does not take the mms:// name.
-std::string ffmpegUrl(const std::string& url) {
-  return url.compare(0, 6, "mms://") == 0 ? "mmst://" + url.substr(6) : url;
+// In the environment of the benchmark started as the raw peer.
+const char RAW_PEER_VAR[] = "HALVARINE_BENCH_RAW_PEER";
+
+const Transport TRANSPORTS[] = {Transport::MMSH, Transport::MMST};
+
+std::string transportName(Transport t) {
+  return t == Transport::MMSH ? "MMSH" : "MMST";
 }
 
 std::string fmt(const char* format, double v) {
@@ -74,6 +86,34 @@ std::string withSpread(const Samples& s, const char* format) {
 [[noreturn]] void die(const std::string& what) {
   throw std::runtime_error(what);
 }
+
+// The first three fields of /proc/loadavg: other work on the machine shows
+// in every timing, so the tables say how busy it was.
+std::string loadAverage() {
+  std::ifstream in("/proc/loadavg");
+  std::string a, b, c;
+  in >> a >> b >> c;
+  return a + " " + b + " " + c;
+}
+
+// Tables for one file of results, between the load averages at its start
+// and its end.
+struct Report {
+  std::ostringstream md;
+
+  explicit Report(const bench::Programs& programs) {
+    line("Worker: " + programs.worker.substr(programs.worker.find_last_of('/') + 1) +
+         (programs.beforeWorker.empty() ? "" : ", before: " + programs.beforeWorker) +
+         "; load average at the start: " + loadAverage() + "\n");
+  }
+  void line(const std::string& s) { md << s << "\n"; }
+  // Writes the file and shows the tables.
+  void save(const std::string& path) {
+    line("Load average at the end: " + loadAverage());
+    std::ofstream(path) << md.str();
+    std::cout << md.str() << std::endl;
+  }
+};
 
 // Both test servers for one generated stream.
 struct Servers {
@@ -98,85 +138,93 @@ struct Servers {
   }
 };
 
-void checkBytes(const FetchRun& run, uint64_t expected, const std::string& who) {
-  if (run.bytes != expected)
-    die(who + " delivered " + std::to_string(run.bytes) + " bytes, not " +
-        std::to_string(expected));
+// One way of reading a stream: a worker with READs in a window, or
+// libmms-fetch.
+struct Contender {
+  std::string name;
+  std::string worker;  // empty: libmms-fetch
+  int window = 0;
+};
+
+// The whole stream through `c`; every byte must come.
+FetchRun fetch(const Contender& c, const bench::Programs& programs, const Servers& servers,
+               Transport t, int count, const bench::Launcher& launcher = {}) {
+  FetchRun run;
+  std::string error;
+  const std::string url = servers.url(t);
+  if (!(c.worker.empty()
+            ? bench::fetchWithLibmms(programs, url, count, launcher, run, error)
+            : bench::fetchThroughWorker(c.worker, url, count, c.window, launcher, run, error)))
+    die(c.name + " " + transportName(t) + ": " + error);
+  if (run.bytes != servers.streamBytes)
+    die(c.name + " delivered " + std::to_string(run.bytes) + " bytes, not " +
+        std::to_string(servers.streamBytes));
+  return run;
+}
+
+// How the costs are measured: the largest READ count (libmms-fetch's read
+// size too), in a window.
+std::string reads(const Settings& s) {
+  return "READ count " + std::to_string(s.counts.back()) + ", window " + std::to_string(s.window);
 }
 
 double mbps(const FetchRun& r) {
   return r.bytes / r.seconds / 1e6;
 }
 
-struct Report {
-  std::ostringstream md;
-  void line(const std::string& s) { md << s << "\n"; }
-};
-
 // 1. Throughput against the READ count.
 void throughput(const Settings& s, const bench::Programs& programs, Report& report) {
   Servers servers(s.streamMb);
-  const Transport transports[] = {Transport::MMSH, Transport::MMST};
-  // [transport][contender][count]
-  std::map<std::string, Samples> mb;
-  std::map<std::string, Samples> rss;
-  const std::vector<std::string> contenders{"worker w1", "worker w" + std::to_string(s.window),
-                                            "libmms"};
+  const std::vector<Contender> contenders{
+      {"worker w1", programs.worker, 1},
+      {"worker w" + std::to_string(s.window), programs.worker, s.window},
+      {"libmms", "", 0}};
+  std::map<std::string, Samples> mb, rss;  // by transport, contender and count
   for (int round = 0; round < s.rounds; ++round) {
-    for (Transport t : transports) {
-      const std::string url = servers.url(t);
-      const std::string tn = transportName(t);
+    for (Transport t : TRANSPORTS) {
       for (int count : s.counts) {
         for (size_t k = 0; k < contenders.size(); ++k) {
           // Each round starts with a different contender.
-          const size_t c = (k + round) % contenders.size();
-          FetchRun run;
-          std::string error;
-          bool ok;
-          if (c == 2) {
-            ok = bench::fetchWithLibmms(programs, url, count, {}, run, error);
-          } else {
-            ok = bench::fetchThroughWorker(programs, url, count, c == 0 ? 1 : s.window, {}, run,
-                                           error);
-          }
-          if (!ok) die(contenders[c] + " " + tn + ": " + error);
-          checkBytes(run, servers.streamBytes, contenders[c] + " " + tn);
-          const std::string key = tn + "|" + contenders[c] + "|" + std::to_string(count);
+          const Contender& c = contenders[(k + round) % contenders.size()];
+          const FetchRun run = fetch(c, programs, servers, t, count);
+          const std::string key = transportName(t) + "|" + c.name + "|" + std::to_string(count);
           mb[key].add(mbps(run));
           rss[key].add(static_cast<double>(run.peakRssKiB));
         }
       }
+      // mmst:// for ffmpeg, which does not take the mms:// name.
+      std::string url = servers.url(t), error;
+      if (url.compare(0, 6, "mms://") == 0) url = "mmst://" + url.substr(6);
       FetchRun run;
-      std::string error;
-      if (!bench::fetchWithFfmpeg(programs, ffmpegUrl(url), run, error)) die("ffmpeg: " + error);
+      if (!bench::fetchWithFfmpeg(url, run, error)) die("ffmpeg: " + error);
       run.bytes = servers.streamBytes;
-      mb[tn + "|ffmpeg"].add(mbps(run));
+      for (int count : s.counts)
+        mb[transportName(t) + "|ffmpeg|" + std::to_string(count)].add(mbps(run));
     }
     std::cerr << "throughput round " << round + 1 << "/" << s.rounds << " done" << std::endl;
   }
 
   report.line("### Throughput, MB/s (10^6 bytes/s), stream of " +
               fmt("%.1f", servers.streamBytes / 1048576.0) + " MiB, " + std::to_string(s.rounds) +
-              " rounds");
-  report.line("");
+              " rounds\n");
   report.line("| transport | READ count | worker, 1 in flight | worker, window " +
               std::to_string(s.window) +
               " | libmms direct | window / libmms | 1 in flight / libmms |");
   report.line("|---|---:|---:|---:|---:|---:|---:|");
-  for (Transport t : transports) {
+  for (Transport t : TRANSPORTS) {
     const std::string tn = transportName(t);
     for (int count : s.counts) {
       const std::string suffix = "|" + std::to_string(count);
-      const Samples& w1 = mb[tn + "|worker w1" + suffix];
-      const Samples& wn = mb[tn + "|" + contenders[1] + suffix];
+      const Samples& w1 = mb[tn + "|" + contenders[0].name + suffix];
+      const Samples& wn = mb[tn + "|" + contenders[1].name + suffix];
       const Samples& lm = mb[tn + "|libmms" + suffix];
       report.line("| " + tn + " | " + std::to_string(count) + " | " + withSpread(w1, "%.0f") +
                   " | " + withSpread(wn, "%.0f") + " | " + withSpread(lm, "%.0f") + " | " +
                   fmt("%.3f", wn.median() / lm.median()) + " | " +
                   fmt("%.3f", w1.median() / lm.median()) + " |");
     }
-    const Samples& ff = mb[tn + "|ffmpeg"];
-    report.line("| " + tn + " | ffmpeg -c copy | | | " + withSpread(ff, "%.0f") +
+    report.line("| " + tn + " | ffmpeg -c copy | | | " +
+                withSpread(mb[tn + "|ffmpeg|" + std::to_string(s.counts[0])], "%.0f") +
                 " (whole process) | | |");
   }
   report.line("");
@@ -184,79 +232,67 @@ void throughput(const Settings& s, const bench::Programs& programs, Report& repo
   // One block per line of the plot: a title row, then count, median, min,
   // max; blocks apart by two blank lines (gnuplot's "index").
   std::ofstream dat(s.outDir + "/throughput.dat");
-  for (Transport t : transports) {
-    const std::string tn = transportName(t);
-    for (const std::string& c : contenders) {
-      dat << "\"" << tn << ", " << c << "\" median min max\n";
+  for (Transport t : TRANSPORTS) {
+    for (const std::string& c :
+         {contenders[0].name, contenders[1].name, contenders[2].name, std::string("ffmpeg")}) {
+      dat << "\"" << transportName(t) << ", " << c << (c == "ffmpeg" ? " (any count)" : "")
+          << "\" median min max\n";
       for (int count : s.counts) {
-        const Samples& x = mb[tn + "|" + c + "|" + std::to_string(count)];
+        const Samples& x = mb[transportName(t) + "|" + c + "|" + std::to_string(count)];
         dat << count << " " << x.median() << " " << x.min() << " " << x.max() << "\n";
       }
       dat << "\n\n";
     }
-    const Samples& ff = mb[tn + "|ffmpeg"];
-    dat << "\"" << tn << ", ffmpeg (any count)\" median min max\n";
-    for (int count : s.counts)
-      dat << count << " " << ff.median() << " " << ff.min() << " " << ff.max() << "\n";
-    dat << "\n\n";
   }
 
-  // 4a. Peak resident size over the whole fetch at the largest count.
+  // Peak resident size over the whole fetch at the largest count.
   const std::string big = "|" + std::to_string(s.counts.back());
   report.line("### Peak resident size (VmHWM) over a whole fetch, READ count " +
-              std::to_string(s.counts.back()));
-  report.line("");
+              std::to_string(s.counts.back()) + "\n");
   report.line("| transport | worker, window " + std::to_string(s.window) +
               " | libmms direct | difference |");
   report.line("|---|---:|---:|---:|");
-  for (Transport t : transports) {
-    const std::string tn = transportName(t);
-    const double w = rss[tn + "|" + contenders[1] + big].median();
-    const double l = rss[tn + "|libmms" + big].median();
-    report.line("| " + tn + " | " + fmt("%.0f", w) + " KiB | " + fmt("%.0f", l) + " KiB | " +
-                fmt("%+.0f", w - l) + " KiB |");
+  for (Transport t : TRANSPORTS) {
+    const double w = rss[transportName(t) + "|" + contenders[1].name + big].median();
+    const double l = rss[transportName(t) + "|libmms" + big].median();
+    report.line("| " + transportName(t) + " | " + fmt("%.0f", w) + " KiB | " + fmt("%.0f", l) +
+                " KiB | " + fmt("%+.0f", w - l) + " KiB |");
   }
   report.line("");
 }
 
-// 2. Command round trip.
+// 2. Command round trip, through the worker and through the raw peer.
 void roundTrip(const Settings& s, const bench::Programs& programs, Report& report) {
   Samples worker, raw;
   for (int round = 0; round < s.rttRounds; ++round) {
     for (int k = 0; k < 2; ++k) {
-      double sec = 0;
+      const bool isWorker = (k + round) % 2 == 0;
+      std::vector<std::string> env;
+      if (!isWorker) env.push_back(RAW_PEER_VAR + std::string("=1"));
+      double start = 0, sec = 0;
       std::string error;
-      if ((k + round) % 2 == 0) {
-        if (!bench::ccheckRoundTrip(programs, s.calls, sec, error)) die(error);
-        worker.add(sec * 1e6);
-      } else {
-        if (!bench::rawRoundTrip(s.calls, sec, error)) die(error);
-        raw.add(sec * 1e6);
-      }
+      if (!bench::ccheckSession(isWorker ? programs.worker : programs.self, env, s.calls, start,
+                                sec, error))
+        die(std::string(isWorker ? "worker" : "raw peer") + ": " + error);
+      (isWorker ? worker : raw).add(sec * 1e6);
     }
   }
   report.line("### Command round trip, " + std::to_string(s.calls) + " calls x " +
-              std::to_string(s.rttRounds) + " rounds");
-  report.line("");
+              std::to_string(s.rttRounds) + " rounds\n");
   report.line("| exchange | µs per round trip | calls/s |");
   report.line("|---|---:|---:|");
   report.line("| CCHECK through the worker | " + withSpread(worker, "%.2f") + " | " +
               fmt("%.0f", 1e6 / worker.median()) + " |");
-  report.line("| raw socket peer, same frame sizes, select before each read/write | " +
+  report.line("| raw socket peer, same frames, a wait before each read and write | " +
               withSpread(raw, "%.2f") + " | " + fmt("%.0f", 1e6 / raw.median()) + " |");
-  report.line("| ratio worker / raw | " + fmt("%.3f", worker.median() / raw.median()) + " | |");
-  report.line("");
+  report.line("| ratio worker / raw | " + fmt("%.3f", worker.median() / raw.median()) + " | |\n");
 }
-
-// Larger than any block the worker or libmms copies.
-const std::string BIG = std::to_string(1 << 30);
 
 // Total instructions (Ir) from a callgrind output file.
 double callgrindTotal(const std::string& path) {
   std::ifstream in(path);
-  std::string line;
   double total = -1;
-  while (std::getline(in, line)) {
+  for (std::string line; std::getline(in, line);) {
     if (line.compare(0, 8, "summary:") == 0 || line.compare(0, 7, "totals:") == 0)
       total = atof(line.substr(line.find(':') + 1).c_str());
   }
@@ -268,65 +304,61 @@ void cost(const Settings& s, const bench::Programs& programs, Report& report) {
   Servers servers(s.costMb);
   const double mib = servers.streamBytes / 1048576.0;
   const int count = s.counts.back();
-  report.line(
-      "### Instructions per streamed MiB (callgrind, whole process, "
-      "stream of " +
-      fmt("%.1f", mib) + " MiB, READ count " + std::to_string(count) + ", window " +
-      std::to_string(s.window) + ")");
-  report.line("");
+  report.line("### Instructions per streamed MiB (callgrind, whole process, stream of " +
+              fmt("%.1f", mib) + " MiB, " + reads(s) + ")\n");
   report.line("| transport | worker | libmms direct | ratio |");
   report.line("|---|---:|---:|---:|");
-  for (Transport t : {Transport::MMSH, Transport::MMST}) {
-    const std::string tn = transportName(t);
-    const std::string wFile = s.outDir + "/callgrind.worker." + tn + ".out";
-    const std::string lFile = s.outDir + "/callgrind.libmms." + tn + ".out";
-    // Callgrind counts every iteration of a rep-prefixed string instruction
-    // as one instruction, so glibc's "rep movsb" and "rep stosb" for large
-    // blocks would cost a byte an instruction. Both contenders run with those
-    // paths off, and copies are counted as the vector loops they become.
-    auto launcher = [](const std::string& file) {
-      return bench::Launcher{"env",
-                             "GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=" + BIG +
-                                 ":glibc.cpu.x86_rep_stosb_threshold=" + BIG,
-                             "valgrind", "--tool=callgrind", "--callgrind-out-file=" + file};
-    };
-    FetchRun run;
-    std::string error;
-    if (!bench::fetchThroughWorker(programs, servers.url(t), count, s.window, launcher(wFile), run,
-                                   error))
-      die("worker under callgrind: " + error);
-    checkBytes(run, servers.streamBytes, "worker under callgrind");
-    if (!bench::fetchWithLibmms(programs, servers.url(t), count, launcher(lFile), run, error))
-      die("libmms-fetch under callgrind: " + error);
-    checkBytes(run, servers.streamBytes, "libmms-fetch under callgrind");
-    const double w = callgrindTotal(wFile) / mib, l = callgrindTotal(lFile) / mib;
-    report.line("| " + tn + " | " + fmt("%.3g", w) + " | " + fmt("%.3g", l) + " | " +
-                fmt("%.3f", w / l) + " |");
+  // Callgrind counts every iteration of a rep-prefixed string instruction as
+  // one instruction, so glibc's "rep movsb" and "rep stosb" for large blocks
+  // would cost a byte an instruction. Both contenders run with those paths
+  // off (thresholds above any block they copy), and copies are counted as
+  // the vector loops they become.
+  const std::string big = std::to_string(1 << 30);
+  for (Transport t : TRANSPORTS) {
+    double per[2];
+    for (const Contender& c :
+         {Contender{"worker", programs.worker, s.window}, Contender{"libmms", "", 0}}) {
+      const std::string file = s.outDir + "/callgrind." + c.name + "." + transportName(t) + ".out";
+      fetch(c, programs, servers, t, count,
+            {"env",
+             "GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=" + big +
+                 ":glibc.cpu.x86_rep_stosb_threshold=" + big,
+             "valgrind", "--tool=callgrind", "--callgrind-out-file=" + file});
+      per[c.worker.empty()] = callgrindTotal(file) / mib;
+    }
+    report.line("| " + transportName(t) + " | " + fmt("%.3g", per[0]) + " | " +
+                fmt("%.3g", per[1]) + " | " + fmt("%.3f", per[0] / per[1]) + " |");
   }
   report.line("");
 }
 
-// 4b. Start-up and size.
+// 4. Start-up and size.
 void startupAndSize(const Settings& s, const bench::Programs& programs, Report& report) {
   Samples worker, reference;
-  for (int round = 0; round < 2 * s.rttRounds; ++round) {
-    double sec = 0;
-    std::string error;
-    if (!bench::workerStartup(programs, sec, error)) die(error);
-    worker.add(sec * 1e3);
-    if (!bench::processStartup(programs.libmmsFetch, sec, error)) die(error);
-    reference.add(sec * 1e3);
+  std::string error;
+  for (int round = 0; round < s.rttRounds; ++round) {
+    double start = 0, total = 0, unused = 0;
+    for (int i = 0; i < s.startups; ++i) {
+      if (!bench::ccheckSession(programs.worker, {}, 0, start, unused, error)) die(error);
+      total += start;
+    }
+    worker.add(total / s.startups * 1e3);
+    const int64_t started = nowMs();
+    for (int i = 0; i < s.startups; ++i) {
+      halvarine::ChildProcess child;
+      halvarine::ExitStatus st;
+      if (!child.start({programs.libmmsFetch}) || !child.waitExit(10000, st))
+        die("libmms-fetch: " + child.error());
+    }
+    reference.add(static_cast<double>(msSince(started)) / s.startups);
   }
   const std::string stripped = s.outDir + "/halvarine.stripped";
-  halvarine::ChildProcess strip;
-  halvarine::ExitStatus st;
   struct stat sb;
-  if (!strip.start({"strip", "-o", stripped, programs.worker}) || !strip.waitExit(30000, st) ||
+  if (!bench::runProgram({"strip", "-o", stripped, programs.worker}, error) ||
       stat(stripped.c_str(), &sb) != 0)
-    die("strip failed: " + strip.error());
+    die("strip failed: " + error);
   unlink(stripped.c_str());
-  report.line("### Start-up and size");
-  report.line("");
+  report.line("### Start-up and size\n");
   report.line("| measure | value |");
   report.line("|---|---:|");
   report.line("| worker start: exec to the controller's accept | " + withSpread(worker, "%.2f") +
@@ -334,28 +366,78 @@ void startupAndSize(const Settings& s, const bench::Programs& programs, Report& 
   report.line("| reference: fork, exec and exit of libmms-fetch (usage error) | " +
               withSpread(reference, "%.2f") + " ms |");
   report.line("| stripped worker binary (this build, x86-64) | " +
-              std::to_string(static_cast<long long>(sb.st_size)) + " bytes |");
-  report.line("");
+              std::to_string(static_cast<long long>(sb.st_size)) + " bytes |\n");
 }
 
-// The first three fields of /proc/loadavg: other work on the machine shows
-// in every timing, so the tables say how busy it was.
-std::string loadAverage() {
-  std::ifstream in("/proc/loadavg");
-  std::string a, b, c;
-  in >> a >> b >> c;
-  return a + " " + b + " " + c;
+// 5. System calls and CPU time per streamed MB, whole processes: at full
+// speed on the benchmark's own loopback, then with that loopback shaped to a
+// real-world rate, where every packet wakes the reader. The worker's counts
+// include its controller socket; libmms-fetch writes to /dev/null instead.
+void syscalls(const Settings& s, const bench::Programs& programs, Report& report) {
+  const int count = s.counts.back();
+  report.line("### System calls and CPU time per streamed MB (10^6 bytes), whole process, " +
+              reads(s) + ", " + std::to_string(s.countRounds) + " rounds\n");
+  std::vector<Contender> contenders{{"libmms-fetch", "", 0}};
+  if (!programs.beforeWorker.empty())
+    contenders.push_back({"worker before", programs.beforeWorker, s.window});
+  contenders.push_back({"worker", programs.worker, s.window});
+  const std::string file = s.outDir + "/perf.txt";
+  std::string why;
+  if (!bench::countingWorks(file, why)) {
+    report.line("Not measured: " + why + "\n");
+    return;
+  }
+  bench::PrivateNetwork network;
+  const bool own = network.enter(why);
+  report.line("| link | transport | program | MB/s | system calls per MB | × libmms-fetch | " +
+              std::string("CPU ms per MB | × libmms-fetch |"));
+  report.line("|---|---|---|---:|---:|---:|---:|---:|");
+  for (const bool shaped : {false, true}) {
+    if (shaped && !(own && network.shapeLoopback(SHAPED_RATE, why))) break;
+    Servers servers(shaped ? s.shapedMb : s.fullSpeedMb);
+    const double mb = servers.streamBytes / 1e6;
+    std::map<std::string, Samples> rate, calls, cpu;  // by transport and contender
+    for (int round = 0; round < s.countRounds; ++round) {
+      for (Transport t : TRANSPORTS) {
+        for (size_t k = 0; k < contenders.size(); ++k) {
+          const Contender& c = contenders[(k + round) % contenders.size()];
+          const FetchRun run = fetch(c, programs, servers, t, count, bench::countingLauncher(file));
+          bench::Counts n;
+          if (!bench::readCounts(file, n, why)) die(c.name + ": " + why);
+          const std::string key = transportName(t) + c.name;
+          rate[key].add(mbps(run));
+          calls[key].add(n.syscalls / mb);
+          cpu[key].add(n.cpuMs / mb);
+        }
+      }
+    }
+    for (Transport t : TRANSPORTS) {
+      for (const Contender& c : contenders) {
+        const std::string key = transportName(t) + c.name,
+                          base = transportName(t) + contenders[0].name;
+        report.line("| " + std::string(shaped ? SHAPED_LINK : "full speed") + " | " +
+                    transportName(t) + " | " + c.name + " | " + fmt("%.2f", rate[key].median()) +
+                    " | " + withSpread(calls[key], "%.0f") + " | " +
+                    fmt("%.2f", calls[key].median() / calls[base].median()) + " | " +
+                    withSpread(cpu[key], "%.2f") + " | " +
+                    fmt("%.2f", cpu[key].median() / cpu[base].median()) + " |");
+      }
+    }
+  }
+  report.line("");
+  if (!why.empty()) report.line("Shaped rate not measured: " + why + "\n");
 }
 
 void usage() {
   std::cerr << "usage: halvarine-bench [--quick] [--out DIR] [--rounds N] [--mb N]\n"
-               "         [--cost-mb N] [--calls N] [--only PARTS]\n";
+               "         [--cost-mb N] [--calls N] [--only PARTS] [--before WORKER]\n";
   exit(2);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (getenv(RAW_PEER_VAR) != nullptr) return bench::serveRawPeer();
   signal(SIGPIPE, SIG_IGN);
   keepReplyBuffersResident();
   Settings s;
@@ -363,29 +445,27 @@ int main(int argc, char** argv) {
   programs.worker = getenv("HALVARINE_WORKER") != nullptr ? getenv("HALVARINE_WORKER") : "";
   if (programs.worker.empty()) programs.worker = HALVARINE_BENCH_WORKER;
   programs.libmmsFetch = HALVARINE_BENCH_LIBMMS_FETCH;
+  char self[4096];
+  const ssize_t selfLen = readlink("/proc/self/exe", self, sizeof self - 1);
+  programs.self = selfLen > 0 ? std::string(self, static_cast<size_t>(selfLen)) : argv[0];
+  const std::map<std::string, int*> numbers{{"--rounds", &s.rounds},
+                                            {"--mb", &s.streamMb},
+                                            {"--cost-mb", &s.costMb},
+                                            {"--calls", &s.calls}};
+  const std::map<std::string, std::string*> texts{
+      {"--only", &s.only}, {"--out", &s.outDir}, {"--before", &programs.beforeWorker}};
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
-    const bool value = i + 1 < argc;
     if (a == "--quick") {
-      s.quick = true;
-      s.rounds = 1;
+      s.rttRounds = s.startups = s.fullSpeedMb = 2;
+      s.rounds = s.costMb = s.shapedMb = s.countRounds = 1;
       s.streamMb = 4;
-      s.costMb = 1;
       s.calls = 500;
-      s.rttRounds = 2;
       s.counts = {4096, 65511};
-    } else if (a == "--only" && value) {
-      s.only = argv[++i];
-    } else if (a == "--out" && value) {
-      s.outDir = argv[++i];
-    } else if (a == "--rounds" && value) {
-      s.rounds = atoi(argv[++i]);
-    } else if (a == "--mb" && value) {
-      s.streamMb = atoi(argv[++i]);
-    } else if (a == "--cost-mb" && value) {
-      s.costMb = atoi(argv[++i]);
-    } else if (a == "--calls" && value) {
-      s.calls = atoi(argv[++i]);
+    } else if (i + 1 < argc && numbers.count(a)) {
+      *numbers.at(a) = atoi(argv[++i]);
+    } else if (i + 1 < argc && texts.count(a)) {
+      *texts.at(a) = argv[++i];
     } else {
       usage();
     }
@@ -397,22 +477,25 @@ int main(int argc, char** argv) {
   auto wanted = [&](const char* part) {
     return parts.find("," + std::string(part) + ",") != std::string::npos;
   };
-  Report report;
+  // The system-call counts have a file of their own, so that either file
+  // can be measured again alone.
   try {
-    report.line("Worker: " + programs.worker.substr(programs.worker.find_last_of('/') + 1) +
-                "; load average at the start: " + loadAverage());
-    report.line("");
-    if (wanted("throughput")) throughput(s, programs, report);
-    if (wanted("roundtrip")) roundTrip(s, programs, report);
-    if (wanted("cost")) cost(s, programs, report);
-    if (wanted("startup")) startupAndSize(s, programs, report);
-    report.line("Load average at the end: " + loadAverage());
+    if (wanted("throughput") || wanted("roundtrip") || wanted("cost") || wanted("startup")) {
+      Report report(programs);
+      if (wanted("throughput")) throughput(s, programs, report);
+      if (wanted("roundtrip")) roundTrip(s, programs, report);
+      if (wanted("cost")) cost(s, programs, report);
+      if (wanted("startup")) startupAndSize(s, programs, report);
+      report.save(s.outDir + "/table.md");
+    }
+    if (wanted("syscalls")) {
+      Report report(programs);
+      syscalls(s, programs, report);
+      report.save(s.outDir + "/syscalls.md");
+    }
   } catch (const std::exception& e) {
     std::cerr << "halvarine-bench: " << e.what() << std::endl;
     return 1;
   }
-
-  std::ofstream(s.outDir + "/table.md") << report.md.str();
-  std::cout << report.md.str();
   return 0;
 }

@@ -129,7 +129,7 @@ ResultCode extractPacket(std::string& buffer, Packet& out) {
     if (buffer.size() > RECV_GARBAGE_LIMIT) buffer.erase(0, buffer.size() - (FRAME_START_LEN - 1));
     return EXTRACT_NO_FRAME;
   }
-  if (start > 0) buffer.erase(0, start);
+  buffer.erase(0, start);
   if (search == FRAME_INCOMPLETE) return EXTRACT_NO_FRAME;
   out.assign(buffer, 0, length);
   buffer.erase(0, length);

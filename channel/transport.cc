@@ -44,6 +44,14 @@ ResultCode readPacket(Packet& out) {
   }
 }
 
+void reserveReplyRoom() {
+  // Linux doubles the size asked for and reports a Unix socket writable
+  // while at most a quarter of it is taken: the rest then holds a whole
+  // frame with room to spare.
+  const int size = static_cast<int>(2 * FRAME_MAX_LEN);
+  setsockopt(g_controlFd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+}
+
 ResultCode writePacket(const Packet& frame) {
   if (g_controlFd == -1) return TRANSPORT_NOT_CONNECTED;
   size_t sent = 0;
@@ -55,8 +63,10 @@ ResultCode writePacket(const Packet& frame) {
     // blocking write of more would wait for the controller without limit.
     // No MSG_NOSIGNAL: a controller that has gone ends the worker by SIGPIPE.
     const ssize_t n = send(g_controlFd, frame.data() + sent, frame.size() - sent, MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
-    if (n < 0) return TRANSPORT_WRITE_ERROR;
+    if (n == -1) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK) continue;
+      return TRANSPORT_WRITE_ERROR;
+    }
     sent += static_cast<size_t>(n);
   }
   return RESULT_OK;

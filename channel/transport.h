@@ -26,6 +26,12 @@ static const ResultCode TRANSPORT_TIMEOUT = 9;
 // 3 controller closed its end. Every non-zero result is logged once.
 ResultCode readPacket(Packet& out);
 
+// Asks for a send buffer on g_controlFd that holds two whole frames. The
+// socket then reports room only when a whole frame fits, so a reply goes out
+// in one write or, when the controller leaves the socket full for a whole
+// wait, not at all: never cut. Best effort; the kernel may cap the size.
+void reserveReplyRoom();
+
 // Writes every byte of `frame`, waiting up to 5 s at a time for the socket to
 // take more. Each write takes only what the socket accepts at once, so no
 // step blocks past its wait, however small the socket's buffer.

@@ -7,8 +7,7 @@
 
 bool acceptRequest(const ParamList& request, size_t minElements, const char* literal,
                    size_t replyTail) {
-  return request.size() >= minElements && request.size() >= 2 &&
-         boost::algorithm::starts_with(request[1], literal) &&
+  return request.size() >= minElements && boost::algorithm::starts_with(request[1], literal) &&
          replyFits(request[1].size(), replyTail);
 }
 

@@ -8,7 +8,8 @@
 
 #include "channel/packet.h"
 
-// True when `request` has at least `minElements` elements, its command word
+// True when `request` has at least `minElements` elements (2 or more: the
+// header and the word are always needed), its command word
 // begins with `literal` (case-sensitive; a longer word is accepted), and a
 // reply of that word and a tail of `replyTail` bytes (channel/protocol.h)
 // fits one frame.

@@ -91,7 +91,7 @@ bool ControllerConnection::fill(size_t n, int64_t deadlineMs) {
   return true;
 }
 
-bool ControllerConnection::receive(unsigned char echo, int timeoutMs, Reply& out) {
+bool ControllerConnection::receiveFrame(int timeoutMs, Reply& out) {
   if (!fd_.valid()) return fail("receive: not connected", Failure::LOST);
   const int64_t deadline = nowMs() + timeoutMs;
   size_t length = 0;
@@ -114,6 +114,21 @@ bool ControllerConnection::receive(unsigned char echo, int timeoutMs, Reply& out
   }
   out.frame.assign(buffer_, 0, length);
   buffer_.erase(0, length);
+  return true;
+}
+
+bool ControllerConnection::receive(unsigned char echo, int timeoutMs, Reply& out) {
+  if (!receiveFrame(timeoutMs, out)) return false;
+  std::string why;
+  if (!decodeReply(out.frame, echo, out, &why)) return fail(why + "; frame " + hex(out.frame));
+  return true;
+}
+
+bool ControllerConnection::receive(int timeoutMs, Reply& out) {
+  if (!receiveFrame(timeoutMs, out)) return false;
+  const unsigned char echo = out.frame.size() > FRAME_START_LEN + HEADER_ECHO
+                                 ? out.frame[FRAME_START_LEN + HEADER_ECHO]
+                                 : 0;
   std::string why;
   if (!decodeReply(out.frame, echo, out, &why)) return fail(why + "; frame " + hex(out.frame));
   return true;

@@ -58,6 +58,7 @@ bool WorkerSession::start(const Options& options) {
   argv.push_back(options.worker.empty() ? defaultWorkerPath() : options.worker);
   ChildProcess::Options childOptions;
   childOptions.env = options.env;
+  childOptions.stderrFd = options.stderrFd;
   if (!worker_.start(argv, childOptions)) {
     return failStart(StartFailure::NOT_STARTED, worker_.error());
   }

@@ -41,6 +41,7 @@ int runProcess() {
     close(g_controlFd);
     return 1;
   }
+  reserveReplyRoom();
 
   {
     Packet frame;

@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -45,8 +44,7 @@ void onTerminate(int) {
   if (sleepingInWait()) endWithCleanup();
   if (!g_haveGraceTimer) endWithoutCleanup();
   g_pending = 1;
-  struct itimerspec grace;
-  memset(&grace, 0, sizeof grace);
+  struct itimerspec grace = {};
   grace.it_value.tv_nsec = TERMINATION_GRACE_MS * 1000000L;
   timer_settime(g_graceTimer, 0, &grace, nullptr);
 }
@@ -57,8 +55,7 @@ void onGraceExpired(int) {
 }
 
 bool install(int sig, void (*handler)(int)) {
-  struct sigaction action;
-  memset(&action, 0, sizeof action);
+  struct sigaction action = {};
   action.sa_handler = handler;
   action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
@@ -69,8 +66,7 @@ bool install(int sig, void (*handler)(int)) {
 
 bool installTerminationHandler() {
   if (!install(SIGTERM, onTerminate) || !install(SIGALRM, onGraceExpired)) return false;
-  struct sigevent event;
-  memset(&event, 0, sizeof event);
+  struct sigevent event = {};
   event.sigev_notify = SIGEV_SIGNAL;
   event.sigev_signo = SIGALRM;
   // Without a timer a SIGTERM away from a wait ends the process at once,

@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       FUZZ_CHECK(stream.compare(after, buffer.size(), buffer) == 0);
 
       if (rc != RESULT_OK) {
-        FUZZ_CHECK(rc == TRANSPORT_NO_FRAME);
+        FUZZ_CHECK(rc == EXTRACT_NO_FRAME);
         FUZZ_CHECK(frame == "stale");
         if (hasStartSequence(buffer, 0, buffer.size())) {
           FUZZ_CHECK(fuzzframe::startsFrame(buffer, 0));

@@ -54,7 +54,7 @@ ResultCode WrapperMms::connect() {
     if (t.failureNamesTarget) std::cerr << " " << attempt.target;
     std::cerr << std::endl;
   }
-  m_streamType = STREAM_NONE;
-  m_connected = false;
+  // Still closed, as close() above or the object's invariant left it: no
+  // transport touched the state, only the handles.
   return MMS_OPEN_FAILED;
 }

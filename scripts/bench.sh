@@ -1,14 +1,20 @@
 #!/usr/bin/env bash
 # Builds the worker and the benchmark, runs every measurement, prints the
-# tables, and writes docs/PERFORMANCE.md (between its result markers) and
-# docs/throughput.png.
+# tables, and writes docs/PERFORMANCE.md (between its markers) and
+# docs/throughput.png. A part measured alone (--only) rewrites only its own
+# tables.
 #
 #   scripts/bench.sh [--quick] [halvarine-bench options...]
 #
 # --quick: a tiny run (a few MiB, one round) that only shows everything
 # works; its output stays in the build tree and docs/ is left alone.
-# BUILD_DIR (default build-bench) is where it builds. The timings are only
-# as quiet as the machine: see the load averages printed with the tables.
+# BUILD_DIR (default build-bench) is where it builds. BEFORE (default
+# ab9a91a, the last commit whose socket callbacks tried a transfer before
+# every wait) is the commit whose worker the system-call counts show beside
+# today's; it is built under BUILD_DIR. Counting system calls takes perf,
+# and shaping a link takes root: without them the bench says so and leaves
+# that part out. The timings are only as quiet as the machine: see the load
+# averages printed with the tables.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
@@ -20,7 +26,8 @@ for a in "$@"; do
   ARGS+=("$a")
 done
 
-PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg valgrind gnuplot-nox)
+PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg valgrind gnuplot-nox
+          linux-perf iproute2)
 . scripts/lib/packages.sh
 ensure_packages "${PACKAGES[@]}"
 
@@ -37,6 +44,21 @@ else
   PNG="$ROOT/docs/throughput.png"
 fi
 mkdir -p "$OUT"
+rm -f "$OUT"/table.md "$OUT"/syscalls.md "$OUT"/throughput.dat "$OUT"/callgrind.*.out
+
+if ((!QUICK)); then
+  BEFORE=${BEFORE:-ab9a91a}
+  OLD="$BUILD/worker-$BEFORE"
+  if [ ! -x "$OLD/build/halvarine" ]; then
+    rm -rf "$OLD" && mkdir -p "$OLD/src"
+    git archive "$BEFORE" | tar -x -C "$OLD/src"
+    cmake -S "$OLD/src" -B "$OLD/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DHALVARINE_TESTS=OFF >/dev/null
+    cmake --build "$OLD/build" -j"$(nproc)" --target halvarine >/dev/null
+  fi
+  # Named from here, so that the tables show no directory of this machine.
+  ARGS+=(--before "${OLD#"$ROOT"/}/build/halvarine")
+fi
 "$BUILD/bench/halvarine-bench" --out "$OUT" "${ARGS[@]}"
 
 # Where the worker's extra instructions go: the top of each profile, with
@@ -58,7 +80,7 @@ for who in worker libmms; do
   } >>"$PROFILE"
 done
 
-gnuplot <<GNUPLOT
+[ -f "$OUT/throughput.dat" ] && gnuplot <<GNUPLOT
 set terminal pngcairo size 900,560 font "sans,10"
 set output "$PNG"
 set title "Whole-stream throughput on loopback against the READ count (median, bars: min-max)"
@@ -78,19 +100,25 @@ if ((QUICK)); then
   exit 0
 fi
 
-# The tables and the profile go between the markers of docs/PERFORMANCE.md;
-# the text around them is written by hand.
+# The tables and the profile of this run go between the markers of
+# docs/PERFORMANCE.md; the text around them is written by hand.
 DOC=docs/PERFORMANCE.md
-python3 - "$DOC" "$OUT/table.md" "$PROFILE" <<'PY'
-import sys
-doc, table, profile = sys.argv[1:]
+python3 - "$DOC" "$OUT/table.md" "$OUT/syscalls.md" "$PROFILE" <<'PY'
+import os, sys
+doc, table, syscalls, profile = sys.argv[1:]
 text = open(doc).read()
-def splice(text, name, body):
+def splice(text, name, path, fence=False):
+    if not os.path.exists(path) or os.path.getsize(path) == 0:
+        return text
+    body = open(path).read().rstrip()
+    if fence:
+        body = "```\n" + body + "\n```"
     begin, end = "<!-- %s:begin -->" % name, "<!-- %s:end -->" % name
     a, b = text.index(begin) + len(begin), text.index(end)
-    return text[:a] + "\n" + body.rstrip() + "\n" + text[b:]
-text = splice(text, "results", open(table).read())
-text = splice(text, "profile", "```\n" + open(profile).read().rstrip() + "\n```")
+    return text[:a] + "\n" + body + "\n" + text[b:]
+text = splice(text, "results", table)
+text = splice(text, "syscalls", syscalls)
+text = splice(text, "profile", profile, fence=True)
 open(doc, "w").write(text)
 PY
-echo "wrote $DOC and $PNG"
+echo "wrote $DOC$([ -f "$OUT/throughput.dat" ] && echo " and $PNG")"

@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
 ensure_packages clang-format
 
-mapfile -t files < <(git ls-files '*.c' '*.cc' '*.h')
+mapfile -t files < <(git ls-files --cached --others --exclude-standard '*.c' '*.cc' '*.h')
 if [ "${1:-}" = "--fix" ]; then
   clang-format -i "${files[@]}"
   exit 0

@@ -178,56 +178,6 @@ TEST_F(PeerTest, WorkerReadsVlcMmshOutputInBothUrlForms) {
 const char DEAD[] = "127.0.5.1";
 const char LIVE[] = "127.0.5.2";
 
-class NetNamespace {
- public:
-  ~NetNamespace() {
-    if (name_.empty()) return;
-    support::run({"ip", "netns", "delete", name_}, 10000);
-    unlink((dir_ + "/hosts").c_str());
-    rmdir(dir_.c_str());
-    if (createdRoot_) rmdir("/etc/netns");
-  }
-  bool create(const std::string& hosts, std::string& error) {
-    const std::string name = "halvarine-peers-" + std::to_string(getpid());
-    if (!ok({"ip", "netns", "add", name}, error)) return false;
-    name_ = name;
-    struct stat st;
-    createdRoot_ = stat("/etc/netns", &st) != 0 && mkdir("/etc/netns", 0755) == 0;
-    dir_ = "/etc/netns/" + name_;
-    if (mkdir(dir_.c_str(), 0755) != 0 || !support::writeFile(dir_ + "/hosts", hosts)) {
-      return error = "cannot write " + dir_ + "/hosts", false;
-    }
-    return exec({"ip", "link", "set", "lo", "up"}, error);
-  }
-  // Connects to `address` hang (nft, else iptables).
-  bool dropTcpTo(const std::string& address, std::string& error) {
-    const std::string t = "halvarine_peers";
-    return (exec({"nft", "add", "table", "ip", t}, error) &&
-            exec({"nft", "add", "chain", "ip", t, "output",
-                  "{ type filter hook output priority 0 ; policy accept ; }"},
-                 error) &&
-            exec({"nft", "add", "rule", "ip", t, "output", "ip", "daddr", address, "tcp", "dport",
-                  "1-65535", "drop"},
-                 error)) ||
-           exec({"iptables", "-A", "OUTPUT", "-d", address, "-p", "tcp", "-j", "DROP"}, error);
-  }
-  bool exec(const std::vector<std::string>& argv, std::string& output) {
-    std::vector<std::string> full = prefix();
-    full.insert(full.end(), argv.begin(), argv.end());
-    return ok(full, output);
-  }
-  std::vector<std::string> prefix() const { return {"ip", "netns", "exec", name_}; }
-
- private:
-  static bool ok(const std::vector<std::string>& argv, std::string& output) {
-    const support::RunResult r = support::run(argv, 10000);
-    output = r.output;
-    return !r.timedOut && r.exitCode == 0;
-  }
-  std::string name_, dir_;
-  bool createdRoot_ = false;
-};
-
 class TwoAddress : public support::StreamTest {
  protected:
   void SetUp() override {}  // the worker starts inside the namespace
@@ -237,12 +187,12 @@ TEST_F(TwoAddress, SlowFirstAddressTimesOutThenTheSecondConnects) {
   if (!runningAsRoot()) GTEST_SKIP() << "network namespaces need root";
   if (support::findProgram("ip").empty()) GTEST_SKIP() << "ip (iproute2) is not installed";
   unsetenv("http_proxy");
-  NetNamespace ns;
+  support::NetNamespace ns;
   std::string out;
-  if (!ns.create(std::string(DEAD) + " twohost.test\n" + LIVE + " twohost.test\n", out)) {
+  if (!ns.create(std::string(DEAD) + " twohost.test\n" + LIVE + " twohost.test\n", "", out)) {
     GTEST_SKIP() << "cannot make a network namespace here: " << out;
   }
-  if (!ns.dropTcpTo(DEAD, out)) GTEST_SKIP() << "no packet filter: " << out;
+  if (!ns.dropTo(DEAD, out)) GTEST_SKIP() << "no packet filter: " << out;
   ASSERT_TRUE(ns.exec({"getent", "hosts", "twohost.test"}, out)) << out;
   ASSERT_NE(std::string::npos, out.find(DEAD)) << out;
   ASSERT_NE(std::string::npos, out.find(LIVE)) << out;

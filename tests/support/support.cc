@@ -139,6 +139,13 @@ size_t occurrences(const std::string& text, const std::string& what) {
   return n;
 }
 
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
 size_t countLines(const std::vector<std::string>& lines, const std::string& line) {
   return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
@@ -338,6 +345,57 @@ RawExchange rawExchange(uint16_t port, const std::string& request) {
   return result;
 }
 
+// ---- Network namespaces
+
+namespace {
+
+bool succeeds(const std::vector<std::string>& argv, std::string& output) {
+  const RunResult r = run(argv, 10000);
+  output = r.output;
+  return !r.timedOut && r.exitCode == 0;
+}
+
+}  // namespace
+
+NetNamespace::~NetNamespace() {
+  if (name_.empty()) return;
+  run({"ip", "netns", "delete", name_}, 10000);
+  for (const char* f : {"/hosts", "/resolv.conf"}) unlink((dir_ + f).c_str());
+  rmdir(dir_.c_str());
+  if (createdRoot_) rmdir("/etc/netns");
+}
+
+bool NetNamespace::create(const std::string& hosts, const std::string& resolvConf,
+                          std::string& error) {
+  const std::string name = "halvarine-test-" + std::to_string(getpid());
+  if (!succeeds({"ip", "netns", "add", name}, error)) return false;
+  name_ = name;
+  struct stat st;
+  createdRoot_ = stat("/etc/netns", &st) != 0 && mkdir("/etc/netns", 0755) == 0;
+  dir_ = "/etc/netns/" + name_;
+  if (mkdir(dir_.c_str(), 0755) != 0 || !writeFile(dir_ + "/hosts", hosts) ||
+      (!resolvConf.empty() && !writeFile(dir_ + "/resolv.conf", resolvConf))) {
+    return error = "cannot write " + dir_, false;
+  }
+  return exec({"ip", "link", "set", "lo", "up"}, error);
+}
+
+bool NetNamespace::dropTo(const std::string& address, std::string& error) {
+  const std::string t = "halvarine_test";
+  return (exec({"nft", "add", "table", "ip", t}, error) &&
+          exec({"nft", "add", "chain", "ip", t, "input",
+                "{ type filter hook input priority 0 ; policy accept ; }"},
+               error) &&
+          exec({"nft", "add", "rule", "ip", t, "input", "ip", "daddr", address, "drop"}, error)) ||
+         exec({"iptables", "-A", "INPUT", "-d", address, "-j", "DROP"}, error);
+}
+
+bool NetNamespace::exec(const std::vector<std::string>& argv, std::string& output) {
+  std::vector<std::string> full = prefix();
+  full.insert(full.end(), argv.begin(), argv.end());
+  return succeeds(full, output);
+}
+
 // ---- Frames
 
 std::string bytes(std::initializer_list<int> values) {
@@ -395,6 +453,12 @@ std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& line
       out.push_back(lines[i]);
     }
   }
+  return out;
+}
+
+std::string withRefusalsJoinedText(const std::string& text) {
+  std::string out;
+  for (const std::string& line : withRefusalsJoined(lines(text))) out += line + "\n";
   return out;
 }
 

@@ -81,6 +81,8 @@ bool fileExists(const std::string& path);
 // Offset of the first difference, -1 when equal: readable for big strings.
 long long firstDifference(const std::string& a, const std::string& b);
 size_t occurrences(const std::string& text, const std::string& what);
+// `text` cut into lines without their 0x0A.
+std::vector<std::string> lines(const std::string& text);
 size_t countLines(const std::vector<std::string>& lines, const std::string& line);
 long findLine(const std::vector<std::string>& lines, const std::string& line);
 std::string findProgram(const std::string& name);  // on PATH; "" when absent
@@ -135,6 +137,24 @@ struct RawExchange {
 // Sends `request` to 127.0.0.1:port and reads until the server closes.
 RawExchange rawExchange(uint16_t port, const std::string& request);
 
+// A network namespace of the test's own, deleted with its files on
+// destruction: only loopback, up; /etc/hosts and (when not empty)
+// /etc/resolv.conf as given, for what runs in it through prefix(). Root only.
+class NetNamespace {
+ public:
+  ~NetNamespace();
+  bool create(const std::string& hosts, const std::string& resolvConf, std::string& error);
+  // Every packet to `address` silently dropped on arrival, so that senders
+  // see no error and wait (nft, else iptables).
+  bool dropTo(const std::string& address, std::string& error);
+  bool exec(const std::vector<std::string>& argv, std::string& output);
+  std::vector<std::string> prefix() const { return {"ip", "netns", "exec", name_}; }
+
+ private:
+  std::string name_, dir_;
+  bool createdRoot_ = false;
+};
+
 // ---- Frames written out by hand, independently of the worker's codec
 
 std::string bytes(std::initializer_list<int> values);
@@ -150,6 +170,8 @@ std::string countDigits(int count);  // %08d
 // wait: the kernel's choice) replaced by the one line REFUSED.
 extern const char REFUSED[];
 std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& lines);
+// The same on text: every line ended by 0x0A.
+std::string withRefusalsJoinedText(const std::string& text);
 
 const int REPLY_TIMEOUT_S = 5;
 const int REPLY_TIMEOUT_MS = REPLY_TIMEOUT_S * 1000;

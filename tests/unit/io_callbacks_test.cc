@@ -1,10 +1,12 @@
-// The socket callbacks on real loopback sockets.
+// The socket callbacks on real sockets.
 
-#include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <netinet/in.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,201 +14,176 @@
 
 #include "mms/wrapper_mms.h"
 #include "stderr_capture.h"
+#include "tests/support/support.h"
 
 namespace {
 
-int openDescriptors() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/fd");
-  while (readdir(d) != nullptr) ++n;
-  closedir(d);
-  return n;
-}
+const std::string ENTRY = "[WrapperMms::io_tcp_connect]\n";
+const std::string FAILED = "[WrapperMms::io_tcp_connect] connect failed.\n";
 
-// A listening loopback TCP socket on an ephemeral port.
+// A listening loopback socket on an ephemeral port.
 struct Listener {
-  Listener() {
-    fd = socket(AF_INET, SOCK_STREAM, 0);
+  Listener() : port(support::freeTcpPort("127.0.0.1")) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
+    a.sin_port = htons(port);
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    listen(fd, 4);
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    port = ntohs(a.sin_port);
+    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd.get(), 4) != 0)
+      port = 0;
   }
-  ~Listener() { close(fd); }
-  int fd;
-  int port;
+  halvarine::UniqueFd fd{socket(AF_INET, SOCK_STREAM, 0)};
+  uint16_t port;
 };
 
-// A free port: bound and closed again, so nothing listens on it.
-int closedPort() {
-  Listener l;
-  return l.port;
-}
-
-TEST(IoTcpConnect, ArgumentAndResolutionFailures) {
-  {
-    StderrCapture err;
-    EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, nullptr, 80));
-    EXPECT_EQ(
-        "[WrapperMms::io_tcp_connect]\n"
-        "[WrapperMms::io_tcp_connect] invalid argument!\n",
-        err.text());
-  }
-  {
-    // A label over 63 bytes is refused by the resolver itself, before any
-    // query could leave the machine.
-    const std::string host = std::string(64, 'x') + ".invalid";
-    StderrCapture err;
-    EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, host.c_str(), 80));
-    EXPECT_EQ(
-        "[WrapperMms::io_tcp_connect]\n"
-        "[WrapperMms::io_tcp_connect] unable to resolve host: " +
-            host + "\n",
-        err.text());
-  }
-}
-
-TEST(IoTcpConnect, RefusedAddressFailsOnceAndLeaksNothing) {
+TEST(IoTcpConnect, ArgumentResolutionAndRefusal) {
+  const std::string host = support::unresolvableHost();
+  support::RefusingPort refusing;
   StderrCapture err;
-  const int before = openDescriptors();
-  EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, "127.0.0.1", closedPort()));
-  const std::string log = err.text();
-  // Loopback refuses either at once or through the pending socket error.
-  EXPECT_TRUE(log ==
-                  "[WrapperMms::io_tcp_connect]\n"
-                  "ERR - connect with select : 111\n"
-                  "[WrapperMms::io_tcp_connect] connect failed.\n" ||
-              log ==
-                  "[WrapperMms::io_tcp_connect]\n"
-                  "ERR - connect\n errno = 111 / msg = Connection refused\n"
-                  "[WrapperMms::io_tcp_connect] connect failed.\n")
-      << log;
-  EXPECT_EQ(before, openDescriptors());
+  EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, nullptr, 80));
+  EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, host.c_str(), 80));
+  const long before = support::openFds(getpid());  // the resolver keeps some
+  EXPECT_EQ(-1, WrapperMms::io_tcp_connect(nullptr, "127.0.0.1", refusing.port()));
+  EXPECT_EQ(ENTRY + "[WrapperMms::io_tcp_connect] invalid argument!\n" + ENTRY +
+                "[WrapperMms::io_tcp_connect] unable to resolve host: " + host + "\n" + ENTRY +
+                support::REFUSED + "\n" + FAILED,
+            support::withRefusalsJoinedText(err.text()));
+  EXPECT_EQ(before, support::openFds(getpid()));
 }
 
-TEST(IoTcpConnect, ReturnsABlockingConnectedSocket) {
+TEST(IoTcpConnect, ReturnsABlockingSocketAndTakesThePortsLow16Bits) {
   Listener server;
   StderrCapture err;
-  const int fd = WrapperMms::io_tcp_connect(nullptr, "localhost", server.port + 0x10000);
-  ASSERT_GE(fd, 0) << err.text();
-  EXPECT_EQ(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
-  const int peer = accept(server.fd, nullptr, nullptr);
-  EXPECT_GE(peer, 0);
-  EXPECT_EQ("[WrapperMms::io_tcp_connect]\n", err.text());
-  close(peer);
-  close(fd);
+  const halvarine::UniqueFd fd(
+      WrapperMms::io_tcp_connect(nullptr, "localhost", server.port + 0x10000));
+  ASSERT_TRUE(fd.valid()) << err.text();
+  EXPECT_EQ(0, fcntl(fd.get(), F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(halvarine::UniqueFd(accept(server.fd.get(), nullptr, nullptr)).valid());
+  EXPECT_EQ(ENTRY, err.text());
+}
+
+// A host whose first address fails at once (no route) and whose second
+// answers: both tried on the same socket, which comes back blocking. In a
+// mount and network namespace of its own, with its own /etc/hosts.
+TEST(IoTcpConnect, AfterAnImmediateFailureTheNextAddressGetsABlockingSocket) {
+  if (geteuid() != 0) GTEST_SKIP() << "namespaces need root";
+  support::TempDir dir;
+  const std::string hosts = dir.file("hosts");
+  ASSERT_TRUE(support::writeFile(hosts, "192.0.2.1 twohost\n127.0.0.1 twohost\n"));
+  EXPECT_EXIT(
+      {
+        ifreq lo{};
+        strcpy(lo.ifr_name, "lo");
+        lo.ifr_flags = IFF_UP;
+        const int s = socket(AF_INET, SOCK_DGRAM, 0);
+        if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0) {
+          fprintf(stderr, "no namespace\n");
+          _exit(2);
+        }
+        const int inNs = socket(AF_INET, SOCK_DGRAM, 0);
+        ioctl(inNs, SIOCSIFFLAGS, &lo);
+        close(s);
+        Listener server;
+        std::string log;
+        int fd;
+        {
+          StderrCapture err;
+          fd = WrapperMms::io_tcp_connect(nullptr, "twohost", server.port);
+          log = err.text();
+        }
+        const bool blocking = fd >= 0 && (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+        fprintf(stderr, "%s%s\n", log.c_str(), blocking ? "blocking" : "not blocking");
+        _exit(0);
+      },
+      ::testing::ExitedWithCode(0),
+      "^\\[WrapperMms::io_tcp_connect\\]\nERR - connect\n errno = 101 / msg = Network is "
+      "unreachable\n\\[WrapperMms::io_tcp_connect\\] connect failed.\nblocking\n$");
 }
 
 class IoTransfer : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds_)); }
-  void TearDown() override {
-    for (int fd : fds_)
-      if (fd >= 0) close(fd);
+  void SetUp() override {
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+    ours.reset(fds[0]);
+    peer.reset(fds[1]);
   }
-  void closePeer() {
-    close(fds_[1]);
-    fds_[1] = -1;
-  }
-  int fds_[2] = {-1, -1};
+  halvarine::UniqueFd ours, peer;
 };
 
 TEST_F(IoTransfer, InvalidArgumentsAreCheckedBufferFirst) {
   char buf[4];
-  struct Case {
-    char* buf;
-    int fd;
-    const char* readLog;
-    const char* writeLog;
-  } cases[] = {
-      {nullptr, -1, "[WrapperMms::io_read()] invalid argument!\n",
-       "[WrapperMms::io_write()] invalid argument!\n"},
-      {nullptr, fds_[0], "[WrapperMms::io_read()] invalid argument!\n",
-       "[WrapperMms::io_write()] invalid argument!\n"},
-      {buf, -1, "[WrapperMms::io_read()] invalid socket!\n",
-       "[WrapperMms::io_write()] invalid socket!\n"},
-  };
-  for (const Case& c : cases) {
-    StderrCapture err;
-    EXPECT_EQ(-1, WrapperMms::io_read(nullptr, c.fd, c.buf, 4));
-    EXPECT_EQ(-1, WrapperMms::io_write(nullptr, c.fd, c.buf, 4));
-    EXPECT_EQ(std::string(c.readLog) + c.writeLog, err.text());
+  StderrCapture err;
+  for (int fd : {-1, ours.get()}) {
+    EXPECT_EQ(-1, WrapperMms::io_read(nullptr, fd, nullptr, 4));
+    EXPECT_EQ(-1, WrapperMms::io_write(nullptr, fd, nullptr, 4));
   }
-  StderrCapture err;
-  EXPECT_EQ(0, WrapperMms::io_read(nullptr, fds_[0], buf, 0));
-  EXPECT_EQ(0, WrapperMms::io_write(nullptr, fds_[0], buf, -5));
-  EXPECT_EQ("", err.text());
+  EXPECT_EQ(-1, WrapperMms::io_read(nullptr, -1, buf, 4));
+  EXPECT_EQ(-1, WrapperMms::io_write(nullptr, -1, buf, 4));
+  EXPECT_EQ(0, WrapperMms::io_read(nullptr, ours.get(), buf, 0));
+  EXPECT_EQ(0, WrapperMms::io_write(nullptr, ours.get(), buf, -5));
+  const std::string R = "[WrapperMms::io_read()] ", W = "[WrapperMms::io_write()] ";
+  EXPECT_EQ(R + "invalid argument!\n" + W + "invalid argument!\n" + R + "invalid argument!\n" + W +
+                "invalid argument!\n" + R + "invalid socket!\n" + W + "invalid socket!\n",
+            err.text());
 }
 
-TEST_F(IoTransfer, ReadStopsAtTheEndOfTheStream) {
-  const std::string sent(100, 'd');
-  ASSERT_EQ(100, write(fds_[1], sent.data(), sent.size()));
-  closePeer();
-  char buf[500];
-  StderrCapture err;
-  EXPECT_EQ(100, WrapperMms::io_read(nullptr, fds_[0], buf, 500));
-  EXPECT_EQ("[WrapperMms::io_read()] EOF\n", err.text());
-  EXPECT_EQ(sent, std::string(buf, 100));
-  EXPECT_EQ(0, WrapperMms::io_read(nullptr, fds_[0], buf, 500));
-}
-
-TEST_F(IoTransfer, ReadGathersPiecesUntilItHasAll) {
+TEST_F(IoTransfer, ReadGathersPiecesAndStopsAtTheEnd) {
   std::thread writer([this] {
     for (int i = 0; i < 64; ++i) {
-      char c = static_cast<char>(i);
-      if (write(fds_[1], &c, 1) != 1) return;
+      const char c = static_cast<char>(i);
+      if (write(peer.get(), &c, 1) != 1) return;
       usleep(1000);
     }
+    peer.reset();
   });
-  char buf[64];
-  EXPECT_EQ(64, WrapperMms::io_read(nullptr, fds_[0], buf, 64));
+  char buf[100];
+  StderrCapture err;
+  EXPECT_EQ(32, WrapperMms::io_read(nullptr, ours.get(), buf, 32));
+  EXPECT_EQ(32, WrapperMms::io_read(nullptr, ours.get(), buf + 32, 68));
   writer.join();
+  EXPECT_EQ(0, WrapperMms::io_read(nullptr, ours.get(), buf, 10));
   for (int i = 0; i < 64; ++i) EXPECT_EQ(i, buf[i]);
+  EXPECT_EQ("[WrapperMms::io_read()] EOF\n[WrapperMms::io_read()] EOF\n", err.text());
 }
 
-TEST_F(IoTransfer, ReadTimesOutAfterSevenQuietSeconds) {
-  ASSERT_EQ(10, write(fds_[1], "0123456789", 10));
+TEST_F(IoTransfer, SlowReadTimesOutAfterSevenQuietSeconds) {
+  ASSERT_EQ(10, write(peer.get(), "0123456789", 10));
   char buf[20];
   StderrCapture err;
-  EXPECT_EQ(10, WrapperMms::io_read(nullptr, fds_[0], buf, 20));
-  EXPECT_EQ(-1, WrapperMms::io_read(nullptr, fds_[0], buf, 20));
-  EXPECT_EQ(
-      "[WrapperMms::io_read()] select timeout!\n"
-      "[WrapperMms::io_read()] select timeout!\n",
-      err.text());
+  EXPECT_EQ(10, WrapperMms::io_read(nullptr, ours.get(), buf, 20));
+  EXPECT_EQ(-1, WrapperMms::io_read(nullptr, ours.get(), buf, 20));
+  EXPECT_EQ("[WrapperMms::io_read()] select timeout!\n[WrapperMms::io_read()] select timeout!\n",
+            err.text());
 }
 
+// No SIGPIPE for a server that has gone: the error, and 0 moved.
 TEST_F(IoTransfer, FirstTransferFailureGivesZeroNotMinusOne) {
-  closePeer();
-  // Writing to a closed peer fails with EPIPE and must not raise SIGPIPE.
+  peer.reset();
   char buf[8] = {};
   StderrCapture err;
-  EXPECT_EQ(0, WrapperMms::io_write(nullptr, fds_[0], buf, 8));
+  EXPECT_EQ(0, WrapperMms::io_write(nullptr, ours.get(), buf, 8));
   EXPECT_EQ("[WrapperMms::io_write()] write error! errno=32\n", err.text());
 }
 
 TEST_F(IoTransfer, WriteOfMoreThanTheSocketTakesAtOnce) {
-  int small = 4096;
-  setsockopt(fds_[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  const int small = 4096;
+  setsockopt(ours.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
   std::string data(1 << 20, 'x');
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7);
   std::string received;
   std::thread reader([&] {
     char buf[1000];
-    while (received.size() < data.size()) {
-      const ssize_t n = read(fds_[1], buf, sizeof buf);
-      if (n <= 0) return;
+    ssize_t n;
+    while (received.size() < data.size() && (n = read(peer.get(), buf, sizeof buf)) > 0) {
       received.append(buf, static_cast<size_t>(n));
     }
   });
   EXPECT_EQ(static_cast<mms_off_t>(data.size()),
-            WrapperMms::io_write(nullptr, fds_[0], &data[0], data.size()));
+            WrapperMms::io_write(nullptr, ours.get(), &data[0], data.size()));
   reader.join();
-  EXPECT_EQ(data, received);
+  EXPECT_TRUE(data == received);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Cutting frames out of received bytes, and moving them over a real socket.
+// Moving whole frames over a real socket pair.
 
 #include "channel/transport.h"
 
@@ -15,65 +15,6 @@ namespace {
 
 Packet frameOf(const std::string& body) {
   return support::frameAround(1, body, 'Q');
-}
-
-TEST(ExtractPacket, SplitAtEveryOffsetYieldsTheSameFrames) {
-  const Packet a = frameOf("CCHECK\n\n");
-  const Packet b = frameOf(std::string("\0\0\3\0x\n\x16\x16\x02\n\n", 11));
-  const std::string stream = "junk" + a + "\x16\x16" + b;
-  for (size_t cut = 0; cut <= stream.size(); ++cut) {
-    std::string buffer;
-    std::vector<Packet> got;
-    for (const std::string& piece : {stream.substr(0, cut), stream.substr(cut)}) {
-      buffer += piece;
-      Packet out;
-      while (extractPacket(buffer, out) == 0) got.push_back(out);
-    }
-    ASSERT_EQ((std::vector<Packet>{a, b}), got) << "cut at " << cut;
-    EXPECT_TRUE(buffer.empty());
-  }
-}
-
-TEST(ExtractPacket, WaitsForTheLengthFieldAndTheWholeFrame) {
-  const Packet f = frameOf("GSIZE\n\n");
-  for (size_t len = 0; len < f.size(); ++len) {
-    std::string buffer = f.substr(0, len);
-    Packet out = "before";
-    EXPECT_EQ(7u, extractPacket(buffer, out)) << len;
-    EXPECT_EQ("before", out);
-    EXPECT_EQ(f.substr(0, len), buffer) << "a frame start is never dropped";
-  }
-  std::string zero = frameOf("").substr(0, 13) + "tail";
-  Packet out;
-  ASSERT_EQ(0u, extractPacket(zero, out));
-  EXPECT_EQ(13u, out.size());
-  EXPECT_EQ("tail", zero);
-}
-
-TEST(ExtractPacket, TooSmallLengthCutsShortAndTheRestIsDroppedNextTime) {
-  Packet f = frameOf("CCHECK\n\n");
-  f[10] = 2;  // claims a 2-byte body
-  std::string buffer = f + frameOf("PEND\n\n");
-  Packet out;
-  ASSERT_EQ(0u, extractPacket(buffer, out));
-  EXPECT_EQ(15u, out.size());
-  ASSERT_EQ(0u, extractPacket(buffer, out));
-  EXPECT_EQ(frameOf("PEND\n\n"), out);
-}
-
-TEST(ExtractPacket, GarbageWithoutStartSequenceStaysBounded) {
-  std::string buffer;
-  Packet out;
-  for (int i = 0; i < 1000; ++i) {
-    buffer.append(999, 'g');
-    buffer.push_back('\x16');  // may begin a start sequence
-    EXPECT_EQ(7u, extractPacket(buffer, out));
-    EXPECT_LE(buffer.size(), RECV_GARBAGE_LIMIT + 1000);
-  }
-  // The kept tail still completes a start sequence split across reads.
-  buffer += frameOf("CCHECK\n\n").substr(1);
-  ASSERT_EQ(0u, extractPacket(buffer, out));
-  EXPECT_EQ(frameOf("CCHECK\n\n"), out);
 }
 
 // A connected socket pair installed as the controller socket.

@@ -50,6 +50,11 @@ class ControllerConnection {
   // `timeoutMs` in all. Replies come in request order, so several requests
   // may be sent before their replies are received.
   bool receive(unsigned char echo, int timeoutMs, Reply& out);
+  // The same for whatever reply comes next, whatever its echo byte: for a
+  // controller that matches replies itself. A reply the worker could not
+  // send within its write wait is lost whole, which a gap in the echo
+  // bytes shows.
+  bool receive(int timeoutMs, Reply& out);
 
   // True when the worker closes its end within `timeoutMs` with no further
   // bytes sent; bytes received instead are an error.
@@ -60,6 +65,8 @@ class ControllerConnection {
 
  private:
   bool fill(size_t n, int64_t deadlineMs);
+  // The next whole frame into `out.frame`, judged by nothing but its cut.
+  bool receiveFrame(int timeoutMs, Reply& out);
   bool fail(const std::string& what, Failure kind = Failure::PROTOCOL);
 
   UniqueFd fd_;

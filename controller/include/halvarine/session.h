@@ -38,6 +38,8 @@ class WorkerSession {
     std::vector<std::string> env;  // extra "NAME=value" for the worker
     std::vector<std::string> launcher = launcherFromEnvironment();
     int acceptTimeoutMs = 5000;
+    // The worker's standard error goes here instead of being collected.
+    int stderrFd = -1;
   };
 
   // Which step of start() failed.

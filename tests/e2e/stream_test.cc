@@ -1,0 +1,364 @@
+// The worker with real streams: the bytes libmms reads reach the controller
+// unchanged and in order, replies are laid out to the byte, each form of URL
+// opens with its transport and proxy as the log shows, and a stream that
+// breaks mid-way is reported, not hidden.
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/support.h"
+
+using halvarine::Field;
+using halvarine::hex;
+using halvarine::Reply;
+using halvarine::Request;
+using support::countDigits;
+using support::expectedReadReply;
+using support::expectedReply;
+using support::REFUSED;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+const int MAX_READ = 65511;  // a body of n + 24 bytes in 16 bits
+const std::string C = "[WrapperMms::connect()] ";
+const std::string TCP = "[WrapperMms::io_tcp_connect]";
+const std::string TCP_FAILED = TCP + " connect failed.";
+const std::string READ_EOF = "[WrapperMms::io_read()] EOF";
+const std::string READ_TIMEOUT = "[WrapperMms::io_read()] select timeout!";
+const std::string CONNECT_OK = "[commandConnect()] MMS connect server!! : 0";
+const std::string CONNECT_FAILED = "[commandConnect()] MMS connect server!! : 2";
+
+const char* name(Transport t) {
+  return t == Transport::MMST ? "MMST" : "MMSH";
+}
+std::string closeLine(Transport t) {
+  return "[WrapperMms::close()] close " + std::string(name(t)) + " stream! ";
+}
+
+class Stream : public support::StreamTest {
+ protected:
+  // The server's connections are served one at a time: libmms reads its
+  // reference before the worker holds one open.
+  void open(Transport t, const Faults& faults = Faults(), uint32_t* libraryLength = nullptr) {
+    std::string read;
+    ASSERT_TRUE(support::libmmsStream(startServer(t).url(), read, libraryLength));
+    url = startServer(t, faults).url();
+    ASSERT_TRUE(read == reference) << "libmms reads other bytes";
+    ASSERT_EQ("OK_", connect(url).status());
+    EXPECT_EQ(openLines(url, t), newLines());
+  }
+  // `word` with `countField`: the reply must carry the next stream bytes.
+  Reply expectNext(const std::string& countField, const std::string& word = "READ") {
+    const Request req = request(word, {countField});
+    const Reply r = call(req, 15);
+    const size_t n = std::min<size_t>(atoi(countField.c_str()), reference.size() - pos);
+    EXPECT_TRUE(r.frame == expectedReadReply(req.echo, word, reference.substr(pos, n)))
+        << word << " " << countField << " at " << pos << ": " << hex(r.frame.substr(0, 40));
+    pos += n;
+    return r;
+  }
+  Reply expectNext(int count) { return expectNext(countDigits(count)); }
+  void expectReply(const std::string& word, const std::vector<std::string>& params,
+                   const std::string& status) {
+    const Request req = request(word, params);
+    EXPECT_EQ(hex(expectedReply(req.echo, {word, status})), hex(call(req, 15).frame)) << word;
+  }
+  // READs until a status other than OK_; whatever came must continue the stream.
+  std::string readToTheEnd() {
+    for (;;) {
+      const Reply r = call(request("READ", {countDigits(MAX_READ)}), 15);
+      if (r.status() != "OK_") return r.status();
+      const std::string data = r.values().at(1).bytes;
+      EXPECT_EQ(0, reference.compare(pos, data.size(), data)) << "not the stream after " << pos;
+      pos += data.size();
+    }
+  }
+  std::string url, reference = asfStreamBytes(support::sampleAsf());
+  size_t pos = 0;
+};
+
+class BothTransports : public Stream, public ::testing::WithParamInterface<Transport> {};
+
+TEST_P(BothTransports, WholeStreamIsWhatLibmmsReadsThenEofForGood) {
+  expectReply("READ", {countDigits(1000)}, "ERR");  // no stream yet
+  ASSERT_NO_FATAL_FAILURE(open(GetParam()));
+  while (pos < 3000 && !HasFailure()) expectNext(1);
+  for (int count : {1000, 32768}) expectNext(count);
+  while (pos < reference.size() && !HasFailure()) expectNext(MAX_READ);
+  EXPECT_EQ(Lines{}, newLines()) << "READ writes no line";
+  expectReply("READ", {countDigits(MAX_READ)}, "EOF");
+  expectReply("READ", {countDigits(1)}, "EOF");
+  for (const std::string& line : newLines()) EXPECT_EQ(READ_EOF, line);
+  expectStatus("CLOSE", "OK_");
+  EXPECT_EQ((Lines{closeLine(GetParam()), "[commandClose()] MMS close!! : 0"}), newLines());
+  expectStatus("CLOSE", "OK_");
+  expectReply("READ", {countDigits(1000)}, "ERR");
+  EXPECT_EQ(Lines{}, newLines());
+}
+
+TEST_P(BothTransports, GsizeIsTheLibrarysLengthAndPendClosesTheStreamAfterItsReply) {
+  uint32_t length = 0;
+  ASSERT_NO_FATAL_FAILURE(open(GetParam(), Faults(), &length));
+  const AsfFile& f = support::sampleAsf();
+  EXPECT_EQ(f.header.size() + f.packets.size() * f.packetSize, length);
+  char digits[32];
+  snprintf(digits, sizeof digits, "%016u", length);
+  const Request req = request("GSIZE");
+  EXPECT_EQ(hex(expectedReply(req.echo, {"GSIZE", "OK_", digits})), hex(call(req).frame));
+  EXPECT_EQ((Lines{"[WrapperMms::getLength()] call! ",
+                   "[WrapperMms::getLength()] get " + std::string(name(GetParam())) +
+                       " length : " + std::to_string(length),
+                   "[commandGsize()] MMS get size!! : 0"}),
+            newLines());
+  expectStatus("PEND", "OK_");
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
+  expectExit(0);
+  EXPECT_EQ((Lines{"[Halvarine] recv PEND command!", closeLine(GetParam()),
+                   "[Halvarine] MMS close!! : 0", "[Halvarine] application finished !!"}),
+            newLines());
+}
+
+// The bytes before a reset, then the end: no wait, no byte made up.
+TEST_P(BothTransports, ResetMidStreamEndsItAfterTheBytesBeforeIt) {
+  Faults reset;
+  reset.resetAfter = 100000;
+  ASSERT_NO_FATAL_FAILURE(open(GetParam(), reset));
+  const auto start = support::Clock::now();
+  EXPECT_EQ("EOF", readToTheEnd());
+  EXPECT_LT(support::secondsSince(start), 3.0);
+  EXPECT_GT(pos, 60000u);
+  EXPECT_LT(pos, reference.size());
+  EXPECT_EQ(0u, support::countLines(newLines(), READ_TIMEOUT));
+}
+
+// A server that closes while the worker waits for its bytes: seen at once.
+TEST_P(BothTransports, ServerClosingDuringAWaitEndsTheReadAtOnce) {
+  Faults stall;
+  stall.stallAfter = 100000;
+  ASSERT_NO_FATAL_FAILURE(open(GetParam(), stall));
+  expectNext(MAX_READ);
+  const Request req = request("READ", {countDigits(MAX_READ)});
+  ASSERT_TRUE(session.send(req));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const auto start = support::Clock::now();
+  servers.back().reset();
+  const Reply r = receive(req.echo);
+  EXPECT_LT(support::secondsSince(start), 2.0);
+  EXPECT_TRUE(r.status() == "OK_" || r.status() == "EOF") << r.status();
+  EXPECT_EQ(1u, support::countLines(newLines(), READ_EOF));
+}
+
+// Silence mid-READ: after 7 s the callback gives up and the library makes
+// what it can of the bytes it has; the worker goes on serving.
+TEST_P(BothTransports, SlowStallMidReadAnswersAfterSevenSeconds) {
+  Faults stall;
+  stall.stallAfter = 100000;
+  ASSERT_NO_FATAL_FAILURE(open(GetParam(), stall));
+  expectNext(MAX_READ);
+  const auto start = support::Clock::now();
+  const Reply r = call(request("READ", {countDigits(MAX_READ)}), 15);
+  EXPECT_GE(support::secondsSince(start), 6.5);
+  EXPECT_LT(support::secondsSince(start), 10.0);
+  EXPECT_TRUE(r.status() == "OK_" || r.status() == "EOF") << r.status();
+  EXPECT_EQ(Lines{READ_TIMEOUT}, newLines());
+  expectOnlyCcheckReply(nextEcho());
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, BothTransports,
+                         ::testing::Values(Transport::MMST, Transport::MMSH),
+                         [](const ::testing::TestParamInfo<Transport>& info) {
+                           return std::string(name(info.param));
+                         });
+
+// The reply's layout is the same code whatever the transport: MMSH here.
+TEST_F(Stream, ReplyLayoutAndCountsNoReplyCanCarry) {
+  ASSERT_NO_FATAL_FAILURE(open(Transport::MMSH));
+  expectReply("READ", {"abcdefgh"}, "EOF");  // no digits: count 0, no bytes
+  expectNext("12ab5678");                    // the digits up to the first other byte
+  const Reply r = expectNext(4660);          // 0x1234
+  EXPECT_EQ(hex(support::bytes({0x00, 0x12, 0x34, 0x00})), hex(r.frame.substr(30, 4)));
+  EXPECT_EQ(hex(support::bytes({0x12, 0x4C})), hex(r.frame.substr(9, 2))) << "4660 + 24";
+  EXPECT_EQ("READX", expectNext(countDigits(100), "READX").word());
+  // Refused (ERR) or dropped (no reply) before the stream is touched.
+  for (const char* count : {"00065512", "-0000001", "99999999"}) {
+    expectReply("READ", {count}, "ERR");
+    expectNext(10);
+  }
+  expectReply("READX", {"00065511"}, "ERR");
+  for (const char* count : {"0001000", "000001000", ""})
+    ASSERT_TRUE(session.send(request("READ", {count})));
+  ASSERT_TRUE(session.send(request("READ")));
+  expectOnlyCcheckReply(nextEcho());
+  EXPECT_EQ(hex(support::bytes({0xFF, 0xFF})), hex(expectNext(MAX_READ).frame.substr(9, 2)));
+  expectNext(countDigits(65510), "READX");
+  EXPECT_EQ(Lines{}, newLines());
+}
+
+// ---- Opening: each form of URL, as the log and the reply show
+
+struct UrlForm {
+  const char* name;
+  const char* url;  // {H} MMSH port, {T} MMST port, {R} refusing port, {BAD} unresolvable
+  Lines lines;      // after the url line
+};
+void PrintTo(const UrlForm& f, std::ostream* os) {
+  *os << f.url;
+}
+
+const Lines MMSH_OPENED = {TCP, READ_EOF, TCP, C + "open MMSH stream success!", CONNECT_OK};
+
+const std::vector<UrlForm>& urlForms() {
+  static const std::vector<UrlForm> forms = {
+      {"mms",
+       "mms://127.0.0.1:{T}/x",
+       {C + "open MMST stream!", TCP, C + "open MMST stream success!", CONNECT_OK}},
+      {"mmsh",
+       "mmsh://127.0.0.1:{H}/x",
+       {C + "open MMSH stream!", TCP, READ_EOF, TCP, C + "open MMSH stream success!", CONNECT_OK}},
+      // libmms opens nothing by the http:// name: the open proves the rewrite.
+      {"http",
+       "http://127.0.0.1:{H}/x",
+       {C + "open MMSH stream!", TCP, READ_EOF, TCP, C + "open MMSH stream success!", CONNECT_OK}},
+      {"mms_refused",
+       "mms://127.0.0.1:{R}/x",
+       {C + "open MMST stream!", TCP, REFUSED, TCP_FAILED, C + "open MMST stream failed!",
+        C + "open MMSH stream!", TCP, REFUSED, TCP_FAILED,
+        C + "open MMSH stream failed! mms://127.0.0.1:{R}/x", CONNECT_FAILED}},
+      {"unresolvable",
+       "mmsh://{BAD}/x",
+       {C + "open MMSH stream!", TCP, TCP + " unable to resolve host: {BAD}",
+        C + "open MMSH stream failed! mmsh://{BAD}/x", CONNECT_FAILED}},
+      // The MMSH server stands in for the proxy: {BAD} is never looked up.
+      {"proxy",
+       "http://127.0.0.1:{H}/mms://{BAD}/x",
+       {C + "set proxy! : http://127.0.0.1:{H}", C + "open MMSH stream!", TCP, READ_EOF, TCP,
+        C + "open MMSH stream success!", CONNECT_OK}},
+      {"empty_proxy",
+       "/mmsh://127.0.0.1:{H}/x",
+       {C + "set proxy! : ", C + "open MMSH stream!",
+        C + "open MMSH stream failed! mmsh://127.0.0.1:{H}/x", CONNECT_FAILED}},
+      {"capitals",
+       "HTTP://127.0.0.1:{H}/x",
+       {C + "open MMST stream!", C + "open MMST stream failed!", C + "open MMSH stream!",
+        C + "open MMSH stream failed! HTTP://127.0.0.1:{H}/x", CONNECT_FAILED}},
+  };
+  return forms;
+}
+
+class UrlForms : public Stream, public ::testing::WithParamInterface<UrlForm> {
+ protected:
+  std::string fill(std::string text) {
+    const std::map<std::string, std::string> values = {
+        {"{H}", std::to_string(startServer(Transport::MMSH).port())},
+        {"{T}", std::to_string(startServer(Transport::MMST).port())},
+        {"{R}", std::to_string(refusing.port())},
+        {"{BAD}", support::unresolvableHost()}};
+    for (const auto& v : values) {
+      for (size_t at; (at = text.find(v.first)) != std::string::npos;)
+        text.replace(at, v.first.size(), v.second);
+    }
+    return text;
+  }
+  support::RefusingPort refusing;
+};
+
+TEST_P(UrlForms, OpenWithTheTransportAndProxyTheFormCallsFor) {
+  const UrlForm& form = GetParam();
+  std::string lines = std::string(form.url) + "\n";
+  for (const std::string& l : form.lines) lines += l + "\n";
+  lines = fill(lines);  // one server of each kind for the whole row
+  const std::vector<std::string> expected = support::lines(lines);
+  const std::string url = expected[0];
+  const bool opens = expected.back() == CONNECT_OK;
+  const auto start = support::Clock::now();
+  expectReply("CONNECT", {url}, opens ? "OK_" : "ERR");
+  EXPECT_LT(support::secondsSince(start), 2.0) << "no form may wait for a time-out";
+  Lines want = {"[commandConnect()] command size : 7", C + "call! ", C + "url=" + url};
+  want.insert(want.end(), expected.begin() + 1, expected.end());
+  EXPECT_EQ(want, support::withRefusalsJoined(newLines()));
+  expectStatus("CLOSE", "OK_");
+  EXPECT_EQ(opens ? 2u : 0u, newLines().size()) << "only an open stream has lines to close";
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, UrlForms, ::testing::ValuesIn(urlForms()),
+                         [](const ::testing::TestParamInfo<UrlForm>& info) {
+                           return std::string(info.param.name);
+                         });
+
+TEST_F(Stream, NewConnectClosesTheOldStreamFirstAndAFailedOneLeavesNothingOpen) {
+  const std::string mmsh = startServer(Transport::MMSH).url(),
+                    mmst = startServer(Transport::MMST).url();
+  expectReply("CONNECT", {mmst}, "OK_");
+  newLines();
+  expectReply("CONNECT", {mmsh}, "OK_");
+  Lines expected = openLines(mmsh, Transport::MMSH);
+  expected.insert(expected.begin() + 1, closeLine(Transport::MMST));
+  EXPECT_EQ(expected, newLines());
+  expectNext(1000);
+
+  support::RefusingPort refusing;
+  const std::string bad = "mmsh://127.0.0.1:" + std::to_string(refusing.port()) + "/x";
+  expectReply("CONNECT", {bad}, "ERR");
+  const Lines lines = newLines();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(closeLine(Transport::MMSH), lines[1]);
+  // The unopened object answers without the library and without a line.
+  expectStatus("GSIZE", "ERR");
+  expectStatus("CLOSE", "OK_");
+  expectReply("READ", {countDigits(1000)}, "ERR");
+  EXPECT_EQ(Lines{}, newLines());
+  expectReply("CONNECT", {mmst}, "OK_");
+  EXPECT_EQ(openLines(mmst, Transport::MMST), newLines()) << "replacing it closes nothing";
+
+  Request empty = request("CONNECT");
+  empty.fields.push_back(Field::countedField(""));
+  EXPECT_EQ("ERR", call(empty).status());
+  EXPECT_EQ((Lines{"[commandConnect()] command size : 7", closeLine(Transport::MMST), C + "call! ",
+                   C + "url=", C + "open MMST stream!", C + "open MMST stream failed!",
+                   C + "open MMSH stream!", C + "open MMSH stream failed! ", CONNECT_FAILED}),
+            newLines());
+}
+
+// An MMSH-only server never answers the MMST opening: after the 7-second
+// wait MMSH takes over with the same URL.
+TEST_F(Stream, SlowMmsUrlFallsBackToMmshAfterTheMmstTimeout) {
+  const std::string port = std::to_string(startServer(Transport::MMSH).port());
+  const std::string url = "mms://127.0.0.1:" + port + "/x";
+  const auto start = support::Clock::now();
+  expectReply("CONNECT", {url}, "OK_");
+  EXPECT_GE(support::secondsSince(start), 6.5);
+  Lines expected = {"[commandConnect()] command size : 7",
+                    C + "call! ",
+                    C + "url=" + url,
+                    C + "open MMST stream!",
+                    TCP,
+                    READ_TIMEOUT,
+                    C + "open MMST stream failed!",
+                    C + "open MMSH stream!"};
+  expected.insert(expected.end(), MMSH_OPENED.begin(), MMSH_OPENED.end());
+  EXPECT_EQ(expected, newLines());
+  expectNext(1000);
+}
+
+// Silence before the header: the open fails after the 7-second wait.
+TEST_F(Stream, SlowStallBeforeTheHeaderFailsTheConnect) {
+  Faults stall;
+  stall.stallAfter = 50;
+  url = startServer(Transport::MMSH, stall).url();
+  const auto start = support::Clock::now();
+  expectReply("CONNECT", {url}, "ERR");
+  EXPECT_GE(support::secondsSince(start), 6.5);
+  EXPECT_EQ((Lines{"[commandConnect()] command size : 7", C + "call! ", C + "url=" + url,
+                   C + "open MMSH stream!", TCP, READ_TIMEOUT,
+                   C + "open MMSH stream failed! " + url, CONNECT_FAILED}),
+            newLines());
+}
+
+}  // namespace

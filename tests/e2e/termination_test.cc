@@ -1,0 +1,196 @@
+// SIGTERM in every state of the worker: the notice, status 0 at once, and
+// after the notice nothing but the close line of a stream the exit-time
+// clean-up releases. Each test prints how long the worker took to end.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <functional>
+#include <random>
+#include <string>
+
+#include "tests/support/support.h"
+
+using halvarine::Reply;
+using halvarine::Request;
+using support::countDigits;
+
+namespace {
+
+const std::string NOTICE = "\n**** SIGINT ****\n";
+const std::string CLOSE_MMSH = "[WrapperMms::close()] close MMSH stream! \n";
+const std::string CLOSE_MMST = "[WrapperMms::close()] close MMST stream! \n";
+// Generous for a loaded machine; the figures printed are what counts.
+const int PROMPT_MS = 1000;
+
+class Termination : public support::StreamTest {
+ protected:
+  // SIGTERM now; the worker must end with status 0 within PROMPT_MS.
+  // Returns what it wrote from `mark` (a length of its output) on.
+  std::string terminate(size_t mark, const std::string& state) {
+    halvarine::ChildProcess& worker = session.worker();
+    const auto start = support::Clock::now();
+    EXPECT_TRUE(worker.sendSignal(SIGTERM)) << worker.error();
+    halvarine::ExitStatus how;
+    EXPECT_TRUE(worker.waitExit(PROMPT_MS, how)) << state << ": still running";
+    const double ms = support::secondsSince(start) * 1000;
+    EXPECT_TRUE(how.exited && how.code == 0) << state << ": " << how.toString();
+    std::cout << "[ observed ] SIGTERM " << state << ": ended in " << ms << " ms" << std::endl;
+    const std::string& text = worker.output();
+    return text.substr(std::min(mark, text.size()));
+  }
+
+  // The worker's standard error on a one-page pipe of the test's own.
+  // After `setup` the pipe is filled up to `room` bytes, `trigger` is sent,
+  // and the worker blocks in the line after those bytes. Then SIGTERM, and
+  // the pipe is drained at once or after the 5-ms grace. What the worker
+  // wrote after `setup`.
+  std::string blockedLine(const std::function<void()>& setup, const Request& trigger, size_t room,
+                          bool drainAtOnce) {
+    int fds[2];
+    EXPECT_EQ(0, pipe2(fds, O_CLOEXEC));
+    halvarine::UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
+    fcntl(readEnd.get(), F_SETFL, O_NONBLOCK);  // the worker's end blocks
+    EXPECT_EQ(4096, fcntl(writeEnd.get(), F_SETPIPE_SZ, 4096));
+    session = halvarine::WorkerSession();
+    halvarine::WorkerSession::Options options;
+    options.worker = support::workerPath();
+    options.stderrFd = writeEnd.get();
+    EXPECT_TRUE(session.start(options)) << session.error();
+    char buf[4096];
+    const auto drain = [&](std::string* into) {
+      for (ssize_t n; (n = ::read(readEnd.get(), buf, sizeof buf)) > 0;) {
+        if (into) into->append(buf, static_cast<size_t>(n));
+      }
+    };
+    setup();  // its lines fit the page
+    drain(nullptr);
+    const std::string filler(4096 - room, 'f');
+    EXPECT_EQ(static_cast<ssize_t>(filler.size()),
+              write(writeEnd.get(), filler.data(), filler.size()));
+    EXPECT_TRUE(session.send(trigger));
+    usleep(200000);  // blocked
+    EXPECT_TRUE(session.worker().sendSignal(SIGTERM));
+    if (!drainAtOnce) usleep(100000);
+    std::string text;
+    halvarine::ExitStatus how;
+    while (!session.worker().waitExit(0, how)) drain(&text);
+    drain(&text);
+    EXPECT_TRUE(how.exited && how.code == 0) << how.toString();
+    return text.substr(std::min(text.size(), filler.size()));
+  }
+
+  void waitForLine(const std::string& line) {
+    ASSERT_TRUE(session.worker().waitForOutput(line + "\n", 10000))
+        << "no line " << line << " in " << session.worker().output();
+  }
+};
+
+TEST_F(Termination, WaitingForTheControllerReleasesTheStream) {
+  ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
+  const size_t mark = session.worker().output().size();
+  EXPECT_EQ(NOTICE + CLOSE_MMSH, terminate(mark, "waiting for the controller"));
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
+}
+
+TEST_F(Termination, WaitingForTheServerReleasesTheStreamAndSendsNoReply) {
+  Faults stall;
+  stall.stallAfter = 100000;
+  ASSERT_EQ("OK_", connect(startServer(Transport::MMST, stall).url()).status());
+  ASSERT_EQ("OK_", read(65511).status());
+  ASSERT_TRUE(session.send(request("READ", {countDigits(65511)})));
+  usleep(300000);  // the READ waits for bytes that do not come
+  const size_t mark = session.worker().output().size();
+  EXPECT_EQ(NOTICE + CLOSE_MMST, terminate(mark, "waiting for the server"));
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
+}
+
+// A header object of size 0 sends libmms round a loop without a system
+// call: no wait comes, and the grace timer ends the process.
+TEST_F(Termination, SpinningInsideTheLibrary) {
+  Faults zero;
+  zero.zeroSizeObject = true;
+  ASSERT_TRUE(session.send(request("CONNECT", {startServer(Transport::MMST, zero).url()})));
+  waitForLine("[WrapperMms::connect()] open MMST stream!");
+  usleep(300000);
+  const size_t mark = session.worker().output().size();
+  EXPECT_EQ(NOTICE, terminate(mark, "spinning in the library"));
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
+}
+
+// A name lookup whose DNS server never answers: the worker and a silent
+// name server in a network namespace of the test's own.
+TEST_F(Termination, LookingUpAHostWhoseServerNeverAnswers) {
+  if (geteuid() != 0) GTEST_SKIP() << "network namespaces need root";
+  session = halvarine::WorkerSession();
+  support::NetNamespace ns;
+  std::string out;
+  if (!ns.create("127.0.0.1 localhost\n", "nameserver 127.0.0.53\noptions timeout:5 attempts:2\n",
+                 out) ||
+      !ns.dropTo("127.0.0.53", out)) {
+    GTEST_SKIP() << "no network namespace with a packet filter here: " << out;
+  }
+  startWorker(ns.prefix());
+  if (HasFatalFailure()) return;
+  ASSERT_TRUE(session.send(request("CONNECT", {"mms://stream.example/live"})));
+  waitForLine("[WrapperMms::io_tcp_connect]");
+  usleep(300000);
+  const size_t mark = session.worker().output().size();
+  EXPECT_EQ(NOTICE, terminate(mark, "looking up a host"));
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
+}
+
+// Full speed: READs in flight, the signal at a random moment, mostly while
+// the worker works between its waits.
+TEST_F(Termination, AtRandomMomentsOfAStreamAtFullSpeed) {
+  const std::string urls[] = {startServer(Transport::MMSH).url(),
+                              startServer(Transport::MMST).url()};
+  std::mt19937 random(7);
+  int cleanups = 0;
+  const int trials = 24;
+  for (int i = 0; i < trials && !HasFailure(); ++i) {
+    startWorker();
+    ASSERT_EQ("OK_", connect(urls[i % 2]).status());
+    for (int r = 0; r < 4; ++r) ASSERT_TRUE(session.send(request("READ", {countDigits(65511)})));
+    usleep(std::uniform_int_distribution<int>(0, 3000)(random));
+    const size_t mark = session.worker().output().size();
+    const std::string after = terminate(mark, "at full speed");
+    const size_t at = after.find(NOTICE);
+    ASSERT_NE(std::string::npos, at) << after;
+    const std::string tail = after.substr(at + NOTICE.size());
+    EXPECT_TRUE(tail.empty() || tail == (i % 2 ? CLOSE_MMST : CLOSE_MMSH)) << after;
+    cleanups += !tail.empty();
+  }
+  std::cout << "[ observed ] " << cleanups << " of " << trials
+            << " ended with the exit-time clean-up" << std::endl;
+}
+
+// A worker that is busy when the signal comes (here: blocked in a log line
+// on a full standard-error pipe) is let go on: it ends itself at its next
+// safe point, with the clean-up, before it sends the reply it was working
+// on. Timing matters only if the test is held up past the 5-ms grace, so an
+// attempt that ended without the clean-up is tried again.
+TEST_F(Termination, WhileWorkingTheSignalWaitsForTheNextSafePoint) {
+  const std::string first = "[WrapperMms::getLength()] call! \n";
+  std::string text;
+  for (int attempt = 0; attempt < 3 && text.find(CLOSE_MMSH) == std::string::npos; ++attempt) {
+    text = blockedLine(
+        [this] { ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status()); },
+        request("GSIZE"), 0, true);
+  }
+  ASSERT_EQ(0u, text.find(first + "[WrapperMms::getLength()] get MMSH length")) << text;
+  EXPECT_EQ(text.size() - NOTICE.size() - CLOSE_MMSH.size(), text.find(NOTICE + CLOSE_MMSH))
+      << text;
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << "a reply after SIGTERM";
+}
+
+// The shut-down's last line blocks: the signal is taken there and the line
+// never follows the notice. The notice itself waits for the pipe, which is
+// the one limit.
+TEST_F(Termination, DuringTheShutdownNoFurtherLineFollows) {
+  const std::string pendLine = "[Halvarine] recv PEND command!\n";
+  EXPECT_EQ(pendLine + NOTICE, blockedLine([] {}, request("PEND"), pendLine.size(), false));
+}
+
+}  // namespace
