@@ -26,13 +26,6 @@ halvarine ./usr/share/lintian/overrides/halvarine
 halvarine ./usr/share/man/man8/halvarine.8.gz
 halvarine-fetch ./usr/bin/halvarine-fetch
 halvarine-fetch ./usr/share/man/man1/halvarine-fetch.1.gz
-libhalvarine-controller-dev ./usr/include/halvarine/child_process.h
-libhalvarine-controller-dev ./usr/include/halvarine/connection.h
-libhalvarine-controller-dev ./usr/include/halvarine/controller.h
-libhalvarine-controller-dev ./usr/include/halvarine/fd.h
-libhalvarine-controller-dev ./usr/include/halvarine/pipeline.h
-libhalvarine-controller-dev ./usr/include/halvarine/protocol.h
-libhalvarine-controller-dev ./usr/include/halvarine/session.h
 libhalvarine-controller-dev ./usr/lib/$triplet/cmake/HalvarineController/HalvarineControllerConfig.cmake
 libhalvarine-controller-dev ./usr/lib/$triplet/cmake/HalvarineController/HalvarineControllerConfigVersion.cmake
 libhalvarine-controller-dev ./usr/lib/$triplet/cmake/HalvarineController/HalvarineControllerTargets-none.cmake
@@ -44,6 +37,10 @@ libhalvarine-controller-dev ./usr/share/doc/libhalvarine-controller-dev/examples
 libhalvarine-controller-dev ./usr/share/doc/libhalvarine-controller-dev/examples/Makefile
 libhalvarine-controller-dev ./usr/share/doc/libhalvarine-controller-dev/examples/example-controller.cc
 EOF
+  # The public headers: those of the two include/halvarine folders.
+  for h in controller/include/halvarine/*.h base/include/halvarine/*.h; do
+    echo "libhalvarine-controller-dev ./usr/include/halvarine/$(basename "$h")"
+  done
 }
 
 # The hardening the build flags promise, read from the program itself.
