@@ -10,7 +10,8 @@
 #   WORK       an empty scratch directory
 #
 # 1. the layout: the worker in libexec/halvarine, halvarine-fetch in bin, the
-#    controller library's archive, headers, pkg-config and CMake files;
+#    controller library's archive (exporting namespace halvarine alone),
+#    headers, pkg-config and CMake files;
 # 2. each installed header compiles on its own, as C++14, against nothing
 #    but the installed include directory;
 # 3. halvarine-fetch, with no worker named, finds the installed worker and
@@ -41,6 +42,11 @@ WORKER=$PREFIX/libexec/halvarine/halvarine
 mapfile -t archives < <(find "$PREFIX"/lib* -name libhalvarine-controller.a)
 [ "${#archives[@]}" -eq 1 ] || fail "expected one libhalvarine-controller.a, found: ${archives[*]}"
 LIBDIR=$(dirname "${archives[0]}")
+# Internals (the codec, the base layer) are local to the archive: a program
+# may use their names for its own.
+leaked=$(nm -g --defined-only "${archives[0]}" | awk 'NF == 3 && $2 !~ /^[WwVvu]$/ {print $3}' |
+  grep -vE '^_Z(TV|TI|TS|GV|Z)?NK?9halvarine' || true)
+[ -z "$leaked" ] || fail "the archive exports names outside namespace halvarine: $(echo $leaked)"
 for f in pkgconfig/halvarine-controller.pc cmake/HalvarineController/HalvarineControllerConfig.cmake \
   cmake/HalvarineController/HalvarineControllerConfigVersion.cmake; do
   [ -f "$LIBDIR/$f" ] || fail "missing $LIBDIR/$f"
