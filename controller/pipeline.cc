@@ -277,6 +277,24 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
     result.bytes = output.written();
     return result;
   };
+  // The bytes kept, past those skipped, go out in whole units; what is left
+  // of an incomplete unit waits in result.tail.
+  std::string& held = result.tail;
+  auto keep = [&](std::string data) {
+    if (options.unit == 0) {
+      output.add(std::move(data));
+      return;
+    }
+    if (!held.empty()) {
+      held += data;
+      data.swap(held);
+      held.clear();
+    }
+    const size_t whole = data.size() - data.size() % options.unit;
+    held.assign(data, whole, std::string::npos);
+    data.resize(whole);
+    output.add(std::move(data));
+  };
   auto wanted = [&]() -> int64_t {
     if (options.maxBytes < 0) return count;
     return std::min<int64_t>(count, options.maxBytes - static_cast<int64_t>(received) - askedTotal);
@@ -343,9 +361,13 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
                                              " answered with count \"" + reply.fields[2].bytes +
                                              "\" and " + std::to_string(data.size()) + " bytes");
     }
+    const uint64_t before = received;
     received += data.size();
     ++result.reads;
-    output.add(std::move(data));
+    if (received > options.skip) {
+      if (before < options.skip) data.erase(0, static_cast<size_t>(options.skip - before));
+      keep(std::move(data));
+    }
     if (observer) observer->bytesReceived(received);
   }
 }

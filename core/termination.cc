@@ -17,8 +17,8 @@ timer_t g_graceTimer;
 bool g_haveGraceTimer = false;
 
 void writeNotice() {
-  ssize_t ignored = write(STDERR_FILENO, NOTICE, sizeof NOTICE - 1);
-  (void)ignored;
+  // Nothing to do if it fails: the process ends either way.
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, NOTICE, sizeof NOTICE - 1);
 }
 
 // Only where the thread holds no lock.

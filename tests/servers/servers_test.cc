@@ -23,8 +23,8 @@ std::string schemeUrl(Transport t, const MmsTestServer& server) {
 
 class ServerTest : public ::testing::Test {
  protected:
-  MmsTestServer& start(Transport t, const AsfFile& file, const Faults& faults = Faults()) {
-    ServerOptions options;
+  MmsTestServer& start(Transport t, const AsfFile& file, const Faults& faults = Faults(),
+                       ServerOptions options = ServerOptions()) {
     options.transport = t;
     options.faults = faults;
     server.reset(new MmsTestServer(file, options));
@@ -124,6 +124,47 @@ TEST_P(BothServers, HeaderFaultsFailTheOpenPromptly) {
       EXPECT_NE(0, ff.exitCode) << ff.output;
     }
   }
+}
+
+// A broadcast goes round for as long as one reads, its times moving on, so
+// ffmpeg plays 15 s of a 6 s file in order; a declared length is what libmms
+// reports while every packet still comes; faults of the first connections
+// (two per MMSH open) spare the later ones.
+TEST_P(BothServers, LiveDeclaredLengthAndFirstConnections) {
+  const AsfFile& sample = support::sampleAsf();
+  const std::string whole = asfStreamBytes(sample);
+  ServerOptions live;
+  live.live = true;
+  start(GetParam(), sample, Faults(), live);
+  const RunResult ff = support::run(
+      {support::findProgram("ffmpeg"), "-nostdin", "-loglevel", "error", "-t", "15", "-i",
+       schemeUrl(GetParam(), *server), "-map", "0:a", "-c", "copy", "-f", "framemd5", "-"},
+      30000);
+  ASSERT_EQ(0, ff.exitCode) << ff.output;
+  long last = -1, frames = 0;
+  for (size_t at = ff.output.find("\n0,"); at != std::string::npos;
+       at = ff.output.find("\n0,", at + 1), ++frames) {
+    const long dts = atol(ff.output.c_str() + at + 3);
+    EXPECT_GT(dts, last) << "frame " << frames;
+    last = dts;
+  }
+  EXPECT_GT(last, 14000) << "milliseconds";
+
+  ServerOptions declared;
+  declared.declaredPackets = 671089;  // 2^31 bytes and some
+  start(GetParam(), sample, Faults(), declared);
+  std::string bytes;
+  uint32_t length = 0;
+  ASSERT_TRUE(support::libmmsStream(server->url(), bytes, &length));
+  EXPECT_EQ(sample.header.size() + 671089ull * sample.packetSize, length);
+  EXPECT_EQ(whole.size(), bytes.size());
+
+  Faults reset;
+  reset.resetAfter = 20000;
+  reset.firstConnections = GetParam() == Transport::MMSH ? 2 : 1;
+  start(GetParam(), sample, reset);
+  EXPECT_LT(fetched().size(), 20000u);
+  EXPECT_EQ(-1, firstDifference(fetched(), whole));
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, BothServers,

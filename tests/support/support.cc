@@ -324,7 +324,10 @@ bool waitForListener(const std::string& address, uint16_t port, int timeoutMs, C
   return false;
 }
 
-RefusingPort::RefusingPort() : fd_(boundToAnyPort("127.0.0.1", port_)) {}
+// In the body: port_'s own initializer would undo what boundToAnyPort wrote.
+RefusingPort::RefusingPort() {
+  fd_ = boundToAnyPort("127.0.0.1", port_);
+}
 
 RawExchange rawExchange(uint16_t port, const std::string& request) {
   RawExchange result;

@@ -43,10 +43,15 @@ constexpr size_t kFpFileId = 24;
 constexpr size_t kFpFileSize = 40;
 constexpr size_t kFpPacketCount = 56;
 constexpr size_t kFpPlayDuration = 64;
+constexpr size_t kFpSendDuration = 72;
+constexpr size_t kFpFlags = 88;
 constexpr size_t kFpMinPacketSize = 92;
 constexpr size_t kFpMaxPacketSize = 96;
-// Offset inside the Data Object.
+// Offsets inside the Data Object.
+constexpr size_t kDoSize = 16;
 constexpr size_t kDoTotalPackets = 40;
+
+constexpr uint32_t kFlagBroadcast = 0x01;
 
 // Finds the File Properties Object among the Header Object's children.
 // Returns its offset, or 0 when absent or when a child's size is broken.
@@ -124,6 +129,8 @@ bool parseAsf(const std::string& bytes, AsfFile& out, std::string& error) {
   file.fileId = bytes.substr(fp + kFpFileId, kGuidSize);
   file.fileSize = getLe64(bytes, fp + kFpFileSize);
   file.playDuration100ns = getLe64(bytes, fp + kFpPlayDuration);
+  file.sendDuration100ns = getLe64(bytes, fp + kFpSendDuration);
+  file.broadcast = (getLe32(bytes, fp + kFpFlags) & kFlagBroadcast) != 0;
 
   // The Data Object's own size bounds the packets (an index may follow); a
   // broadcast-style file leaves it 0, and then the packets run to the end.
@@ -166,15 +173,65 @@ std::string asfStreamBytes(const AsfFile& file) {
   return all;
 }
 
+namespace {
+
+// Where the File Properties Object and the Data Object start in `header`;
+// false when either is missing.
+bool locateObjects(const std::string& header, size_t& fp, size_t& data) {
+  if (header.size() < kHeaderObjectFixedSize || !guidAt(header, 0, kHeaderObject)) return false;
+  const uint64_t headerSize = std::min<uint64_t>(getLe64(header, kGuidSize), header.size());
+  fp = findFileProperties(header, headerSize);
+  data = static_cast<size_t>(headerSize);
+  return fp != 0 && header.size() - data >= kDataObjectHeaderSize &&
+         guidAt(header, data, kDataObject);
+}
+
+void setLe32(std::string& s, size_t at, uint32_t v) {
+  std::string field;
+  putLe32(field, v);
+  s.replace(at, 4, field);
+}
+
+void setLe64(std::string& s, size_t at, uint64_t v) {
+  std::string field;
+  putLe64(field, v);
+  s.replace(at, 8, field);
+}
+
+}  // namespace
+
 bool patchPacketSize(std::string& header, uint32_t packetSize) {
   if (header.size() < kHeaderObjectFixedSize || !guidAt(header, 0, kHeaderObject)) return false;
   uint64_t headerSize = std::min<uint64_t>(getLe64(header, kGuidSize), header.size());
   size_t fp = findFileProperties(header, headerSize);
   if (fp == 0) return false;
-  std::string size;
-  putLe32(size, packetSize);
-  header.replace(fp + kFpMinPacketSize, 4, size);
-  header.replace(fp + kFpMaxPacketSize, 4, size);
+  setLe32(header, fp + kFpMinPacketSize, packetSize);
+  setLe32(header, fp + kFpMaxPacketSize, packetSize);
+  return true;
+}
+
+bool declarePackets(std::string& header, uint64_t packets, uint32_t packetSize) {
+  size_t fp = 0, data = 0;
+  if (!locateObjects(header, fp, data)) return false;
+  const uint64_t dataSize = kDataObjectHeaderSize + packets * packetSize;
+  setLe64(header, fp + kFpFileSize, data + dataSize);
+  setLe64(header, fp + kFpPacketCount, packets);
+  setLe64(header, data + kDoSize, dataSize);
+  setLe64(header, data + kDoTotalPackets, packets);
+  return true;
+}
+
+bool markBroadcast(std::string& header) {
+  size_t fp = 0, data = 0;
+  if (!locateObjects(header, fp, data)) return false;
+  for (size_t field : {kFpFileSize, kFpPacketCount, kFpPlayDuration, kFpSendDuration}) {
+    setLe64(header, fp + field, 0);
+  }
+  setLe32(header, fp + kFpFlags, kFlagBroadcast);
+  // The Data Object's own head and nothing known behind it, as live servers
+  // send it: a size of 0 would stop any reader that walks objects by size.
+  setLe64(header, data + kDoSize, kDataObjectHeaderSize);
+  setLe64(header, data + kDoTotalPackets, 0);
   return true;
 }
 

@@ -18,6 +18,8 @@ struct AsfFile {
   uint64_t fileSize = 0;             // from the File Properties Object
   std::string fileId;                // 16 bytes, from the File Properties Object
   uint64_t playDuration100ns = 0;
+  uint64_t sendDuration100ns = 0;  // from the File Properties Object
+  bool broadcast = false;          // its Broadcast flag: a live stream
 };
 
 // Loads and cuts an ASF file. Returns false and sets `error` on a file that
@@ -40,6 +42,19 @@ std::string asfStreamBytes(const AsfFile& file);
 // inside `header` (as kept in AsfFile::header). False when the header has no
 // File Properties Object.
 bool patchPacketSize(std::string& header, uint32_t packetSize);
+
+// Rewrites what `header` announces about the data that follows: `packets`
+// data packets of `packetSize` bytes (the File Properties Object's file size
+// and packet count, the Data Object's size and packet count). False when the
+// header has no File Properties Object or no Data Object start.
+bool declarePackets(std::string& header, uint64_t packets, uint32_t packetSize);
+
+// Marks `header` as a broadcast, the way live servers announce one: the
+// broadcast flag set and seekable cleared, the fields a broadcast cannot
+// know (file size, packet counts, play and send duration) zero, and the Data
+// Object as long as its own head (50 bytes), which libmms 0.6.4 reads as a
+// count of 50 packets. False as for declarePackets.
+bool markBroadcast(std::string& header);
 
 // ---- The objects an ASF header is made of
 

@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -11,13 +12,15 @@ namespace fetch {
 namespace {
 
 // A live line at most this often, a plain one at most this often.
-const double TERMINAL_REFRESH_S = 0.25;
-const double PLAIN_REFRESH_S = 10;
+const int64_t TERMINAL_REFRESH_MS = 250;
+const int64_t PLAIN_REFRESH_MS = 10000;
+// Data silent for this long is waited for, and the line says so.
+const int64_t DATA_SILENCE_MS = 2000;
 // Bytes of a frame shown in hexadecimal with -vv before it is cut short.
 const size_t HEX_SHOWN = 48;
 
-double now() {
-  return static_cast<double>(halvarine::monotonicMs()) / 1000;
+int64_t now() {
+  return halvarine::monotonicMs();
 }
 
 std::string format(const char* fmt, double a, const char* b = "") {
@@ -26,8 +29,8 @@ std::string format(const char* fmt, double a, const char* b = "") {
   return buf;
 }
 
-std::string duration(double seconds) {
-  const long s = static_cast<long>(seconds + 0.5);
+std::string clock(int64_t ms) {
+  const long s = static_cast<long>(ms / 1000);
   char buf[32];
   if (s >= 3600) {
     snprintf(buf, sizeof buf, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
@@ -35,6 +38,15 @@ std::string duration(double seconds) {
     snprintf(buf, sizeof buf, "%ld:%02ld", s / 60, s % 60);
   }
   return buf;
+}
+
+// The terminal's width: the window size, else COLUMNS, else 80.
+size_t terminalColumns() {
+  winsize ws;
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
+  const char* columns = getenv("COLUMNS");
+  const int n = columns != nullptr ? atoi(columns) : 0;
+  return n > 0 ? static_cast<size_t>(n) : 80;
 }
 
 // A request or reply in one line: its fields, data replaced by its size.
@@ -68,18 +80,16 @@ std::string humanBytes(double bytes) {
   return format("%.1f %s", bytes, UNITS[unit]);
 }
 
-uint64_t usableLength(const halvarine::Reply& reply) {
-  const int64_t n = halvarine::replyLength(reply);
-  return n > 0 ? static_cast<uint64_t>(n) : 0;
-}
-
 Display::Display(int verbosity, const volatile sig_atomic_t* stop)
-    : verbosity_(verbosity), stop_(stop), terminal_(isatty(STDERR_FILENO) == 1) {}
+    : verbosity_(verbosity),
+      stop_(stop),
+      terminal_(isatty(STDERR_FILENO) == 1),
+      lastDrawn_(now()) {}
 
 void Display::write(const std::string& line) {
-  if (progressShown_) {
+  if (lineShown_) {
     std::cerr << "\r\033[K";
-    progressShown_ = false;
+    lineShown_ = false;
   }
   std::cerr << line << std::endl;
 }
@@ -100,12 +110,14 @@ void Display::detail(const std::string& text) {
   if (verbosity_ >= 2) write(text);
 }
 
-double Display::elapsed() const {
-  return transferring_ || started_ > 0 ? now() - started_ : 0;
+void Display::setPhase(const std::string& text) {
+  phase_ = text;
+  phaseStart_ = now();
+  draw(true);
 }
 
 std::string Display::rateSummary() const {
-  const double t = elapsed();
+  const double t = static_cast<double>(now() - started_) / 1000;
   std::string s = std::to_string(bytes_) + " bytes (" + humanBytes(static_cast<double>(bytes_)) +
                   ") in " + format("%.2f s", t);
   if (t > 0) s += ", " + humanBytes(static_cast<double>(bytes_) / t) + "/s";
@@ -114,54 +126,88 @@ std::string Display::rateSummary() const {
 
 void Display::startTransfer(uint64_t length) {
   length_ = length;
-  bytes_ = 0;
   started_ = now();
-  lastDrawn_ = started_;
+  lastData_ = started_;
   transferring_ = true;
-  if (length_ > 0) {
-    note("stream length " + std::to_string(length_) + " bytes (" +
-         humanBytes(static_cast<double>(length_)) + ")");
-  } else {
-    note("length unknown (live stream?)");
-  }
+  phase_.clear();
+}
+
+void Display::setBytes(uint64_t bytes) {
+  if (bytes != bytes_) lastData_ = now();
+  bytes_ = bytes;
+  draw(false);
+}
+
+void Display::startPass(uint64_t base, uint64_t skip) {
+  base_ = base;
+  skip_ = skip;
+  received_ = 0;
+  lastData_ = now();
 }
 
 void Display::endTransfer() {
-  if (!transferring_) return;
-  drawProgress(true);
-  if (progressShown_) {
+  draw(true);
+  if (lineShown_) {
     std::cerr << std::endl;
-    progressShown_ = false;
+    lineShown_ = false;
   }
   transferring_ = false;
+  phase_.clear();
 }
 
-void Display::drawProgress(bool force) {
-  if (!transferring_ || verbosity_ != 1) return;
-  const double t = now();
-  if (!force && t - lastDrawn_ < (terminal_ ? TERMINAL_REFRESH_S : PLAIN_REFRESH_S)) return;
-  if (!terminal_ && force) return;  // the closing summary says it all
-  lastDrawn_ = t;
-  const double secs = t - started_;
-  const double rate = secs > 0 ? static_cast<double>(bytes_) / secs : 0;
+bool Display::durationReached() const {
+  return stopAtMs_ > 0 && now() >= stopAtMs_;
+}
+
+std::string Display::statusText(int64_t t) const {
+  if (!phase_.empty()) return phase_ + "... " + std::to_string((t - phaseStart_) / 1000) + " s";
+  if (!transferring_) return "";
   std::string line = humanBytes(static_cast<double>(bytes_));
-  // A stream that outgrows its announced length had no usable one.
-  if (length_ > 0 && bytes_ <= length_) {
+  if (received_ < skip_) {
+    return line +
+           "  skipping what is already written: " + humanBytes(static_cast<double>(received_)) +
+           " of " + humanBytes(static_cast<double>(skip_));
+  }
+  const bool known = length_ > 0 && bytes_ <= length_;
+  if (known) {
     line += " of " + humanBytes(static_cast<double>(length_)) +
             format("  %3.0f%%", 100.0 * static_cast<double>(bytes_) / static_cast<double>(length_));
-    line += "  " + humanBytes(rate) + "/s";
-    if (rate > 0) {
-      line += "  " + duration(static_cast<double>(length_ - bytes_) / rate) + " left";
-    }
-  } else {
-    line += "  " + humanBytes(rate) + "/s  length unknown (live stream?)";
   }
-  if (terminal_) {
-    std::cerr << "\r\033[K" << line << std::flush;
-    progressShown_ = true;
-  } else {
+  if (t - lastData_ >= DATA_SILENCE_MS) {
+    return line + "  waiting for data, " + std::to_string((t - lastData_) / 1000) + " s";
+  }
+  const double secs = static_cast<double>(t - started_) / 1000;
+  const double rate = secs > 0 ? static_cast<double>(bytes_) / secs : 0;
+  line += "  " + humanBytes(rate) + "/s";
+  if (known && rate > 0) {
+    line += "  " +
+            clock(static_cast<int64_t>(static_cast<double>(length_ - bytes_) / rate * 1000)) +
+            " left";
+  } else if (!known) {
+    line += "  " + clock(t - started_) +
+            (stopAtMs_ > 0 ? " of " + clock(stopAtMs_ - started_) : std::string()) + " recorded";
+  }
+  return line;
+}
+
+void Display::draw(bool force) {
+  if (verbosity_ != 1) return;
+  const int64_t t = now();
+  if (!force && t - lastDrawn_ < (terminal_ ? TERMINAL_REFRESH_MS : PLAIN_REFRESH_MS)) return;
+  // Without a terminal, a line every so often; the closing summary says the rest.
+  if (!terminal_ && force) return;
+  lastDrawn_ = t;
+  std::string line = statusText(t);
+  if (line.empty()) return;
+  if (!terminal_) {
     std::cerr << "halvarine-fetch: " << line << std::endl;
+    return;
   }
+  // One column short of the width: a full line wraps on some terminals.
+  const size_t width = terminalColumns();
+  if (line.size() >= width) line.resize(width > 1 ? width - 1 : 0);
+  std::cerr << "\r\033[K" << line << std::flush;
+  lineShown_ = true;
 }
 
 void Display::relayWorker() {
@@ -203,13 +249,15 @@ void Display::received(const halvarine::Reply& reply) {
 }
 
 void Display::bytesReceived(uint64_t total) {
-  bytes_ = total;
-  drawProgress(false);
+  received_ = total;
+  setBytes(base_ + (total > skip_ ? total - skip_ : 0));
+  // Bytes skipped are news too: the stream is moving.
+  lastData_ = now();
 }
 
 void Display::tick() {
   relayWorker();
-  drawProgress(false);
+  draw(false);
 }
 
 }  // namespace fetch

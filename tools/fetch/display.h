@@ -1,9 +1,11 @@
 #ifndef HALVARINE_TOOLS_FETCH_DISPLAY_H
 #define HALVARINE_TOOLS_FETCH_DISPLAY_H
 
-// What halvarine-fetch shows on standard error while it works: messages,
-// the progress of the transfer, and in verbose mode every request and
-// reply and the worker's own lines.
+// What halvarine-fetch shows on standard error while it works: messages, a
+// status line from the first moment (what it waits for and how long, then
+// the progress of the transfer), and in verbose mode every request and
+// reply and the worker's own lines. It is also the fetch's observer, which
+// says when to stop: at a stop signal or at the end of --duration.
 
 #include <halvarine/controller.h>
 #include <signal.h>
@@ -16,10 +18,6 @@ namespace fetch {
 
 // Bytes in a person's units: "512 B", "216.4 KiB", "47.7 MiB".
 std::string humanBytes(double bytes);
-
-// The stream length GSIZE reported, judged: 0 when it cannot describe the
-// stream (a live stream reports 0, a negative or absurd number).
-uint64_t usableLength(const halvarine::Reply& gsizeReply);
 
 class Display : public halvarine::FetchObserver {
  public:
@@ -36,14 +34,27 @@ class Display : public halvarine::FetchObserver {
   void detail(const std::string& text);  // verbose only
   void quote(const std::string& text);   // always, as it is
 
-  // The transfer begins; `length` 0 when unknown.
+  // What the tool waits for ("connecting to host:1755"), shown with the
+  // seconds it has waited; empty: the transfer's progress.
+  void setPhase(const std::string& text);
+
+  // The transfer begins: `length` the stream's announced length, 0 when it
+  // has none (a broadcast).
   void startTransfer(uint64_t length);
-  // The progress line is finished (a last update, then a new line).
+  // Bytes in the output so far.
+  void setBytes(uint64_t bytes);
+  // A pass of fetchStream begins with `base` bytes in the output; its first
+  // `skip` bytes received are already there.
+  void startPass(uint64_t base, uint64_t skip);
+  // The status line is finished (a last update, then a new line).
   void endTransfer();
   uint64_t bytes() const { return bytes_; }
-  double elapsed() const;
   // "221.6 KiB in 0.05 s, 4.1 MiB/s"
   std::string rateSummary() const;
+
+  // From now on stopRequested() is true at the monotonic time `ms`.
+  void stopAt(int64_t ms) { stopAtMs_ = ms; }
+  bool durationReached() const;
 
   // The worker's last `n` lines of standard error, for reports.
   std::vector<std::string> workerLines(size_t n);
@@ -52,11 +63,12 @@ class Display : public halvarine::FetchObserver {
   void received(const halvarine::Reply& reply) override;
   void bytesReceived(uint64_t total) override;
   void tick() override;
-  bool stopRequested() override { return *stop_ != 0; }
+  bool stopRequested() override { return *stop_ != 0 || durationReached(); }
 
  private:
-  void write(const std::string& line);  // clears the progress line first
-  void drawProgress(bool force);
+  void write(const std::string& line);  // clears the status line first
+  void draw(bool force);
+  std::string statusText(int64_t now) const;
   void relayWorker();
 
   int verbosity_;
@@ -64,12 +76,19 @@ class Display : public halvarine::FetchObserver {
   bool terminal_;
   halvarine::ChildProcess* worker_ = nullptr;
   size_t workerRelayed_ = 0;  // bytes of the worker's stderr already shown
+  bool lineShown_ = false;    // a live line is on the terminal
+  std::string phase_;
+  int64_t phaseStart_ = 0;
   bool transferring_ = false;
-  bool progressShown_ = false;  // a live line is on the terminal
   uint64_t length_ = 0;
   uint64_t bytes_ = 0;
-  double started_ = 0;
-  double lastDrawn_ = 0;
+  uint64_t base_ = 0;
+  uint64_t skip_ = 0;
+  uint64_t received_ = 0;  // of the current pass, skipped bytes included
+  int64_t started_ = 0;
+  int64_t lastData_ = 0;
+  int64_t lastDrawn_ = 0;
+  int64_t stopAtMs_ = 0;
 };
 
 }  // namespace fetch

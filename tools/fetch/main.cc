@@ -1,24 +1,31 @@
-// halvarine-fetch: fetches one MMS stream through the worker, acting as its
-// controller, and writes the stream's bytes to a file or standard output.
-// See --help for the options and the exit statuses.
+// halvarine-fetch: fetches or records one MMS stream through the worker,
+// acting as its controller, and writes the stream's bytes to a file or
+// standard output. See --help for the options and the exit statuses.
 
 #include <errno.h>
-#include <fcntl.h>
 #include <halvarine/controller.h>
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/allocator.h"
+#include "base/wait.h"
+#include "tools/asf/asf_file.h"
+#include "tools/asf/asf_stream.h"
 #include "tools/fetch/display.h"
 #include "tools/fetch/options.h"
+#include "tools/fetch/output.h"
+#include "tools/fetch/url.h"
 
 using halvarine::FetchStatus;
 
@@ -35,6 +42,12 @@ const int INTERRUPT_GRACE_MS = 2000;
 const int TERM_GRACE_MS = 2000;
 // The worker's lines shown with a failure.
 const size_t WORKER_LINES = 6;
+// The longest wait between two retries, unless --retry-delay asks for more.
+const int64_t MAX_RETRY_DELAY_MS = 60000;
+// A broadcast's READs ask for this many data packets.
+const uint64_t LIVE_READ_PACKETS = 4;
+// A stream header longer than this is not one (libmms keeps 16 KiB of it).
+const uint64_t MAX_HEADER = 1 << 20;
 
 volatile sig_atomic_t g_stopSignal = 0;
 
@@ -42,9 +55,10 @@ void onStopSignal(int sig) {
   g_stopSignal = sig;
 }
 
-// SIGINT and SIGTERM only set the flag; the waits come back at least once a
-// second to look at it, so the worker is ended and the socket file removed
-// on the way out as on any other path.
+// The stop signals only set the flag; the waits come back at least ten
+// times a second to look at it, so the worker is ended, the recording kept
+// and the socket file removed on the way out as on any other path. SIGHUP
+// (the terminal closed) is a stop like the others.
 bool installSignalHandlers() {
   struct sigaction action;
   memset(&action, 0, sizeof action);
@@ -54,76 +68,65 @@ bool installSignalHandlers() {
   memset(&ignore, 0, sizeof ignore);
   ignore.sa_handler = SIG_IGN;
   sigemptyset(&ignore.sa_mask);
-  return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0 &&
-         sigaction(SIGPIPE, &ignore, nullptr) == 0;
+  for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
+    if (sigaction(sig, &action, nullptr) != 0) return false;
+  }
+  return sigaction(SIGPIPE, &ignore, nullptr) == 0;
 }
 
-// The halvarine that sits beside this program, in the build tree as in an
-// installed prefix's bin directory.
-std::string defaultWorker() {
+const char* signalName(int sig) {
+  return sig == SIGHUP ? "SIGHUP" : sig == SIGTERM ? "SIGTERM" : "SIGINT";
+}
+
+bool runnable(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+// The worker: --worker (a bare name is looked up on PATH), HALVARINE_WORKER,
+// the halvarine beside this program (the build tree), the one in an
+// installed prefix's libexec, the compiled-in install path.
+std::string findWorker(const std::string& named) {
+  if (!named.empty()) {
+    if (named.find('/') != std::string::npos) return named;
+    const char* path = getenv("PATH");
+    std::stringstream dirs(path != nullptr ? path : "");
+    for (std::string dir; std::getline(dirs, dir, ':');) {
+      const std::string candidate = (dir.empty() ? "." : dir) + "/" + named;
+      if (runnable(candidate)) return candidate;
+    }
+    return named;
+  }
+  const char* env = getenv("HALVARINE_WORKER");
+  if (env != nullptr && *env != '\0') return env;
   char self[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return "halvarine";
-  std::string path(self, static_cast<size_t>(n));
-  return path.substr(0, path.find_last_of('/') + 1) + "halvarine";
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n > 0) {
+    std::string dir(self, static_cast<size_t>(n));
+    dir.erase(dir.find_last_of('/') + 1);
+    for (const char* relative : {"halvarine", "../libexec/halvarine/halvarine"}) {
+      if (runnable(dir + relative)) return dir + relative;
+    }
+  }
+  return halvarine::defaultWorkerPath();
 }
 
 // Empty when `path` can be run, else why not.
 std::string workerProblem(const std::string& path) {
   struct stat st;
+  if (path.find('/') == std::string::npos) return "no worker " + path + " on PATH";
   if (stat(path.c_str(), &st) != 0) return "worker binary " + path + ": " + strerror(errno);
   if (!S_ISREG(st.st_mode)) return "worker binary " + path + " is not a file";
   if (access(path.c_str(), X_OK) != 0) return "worker binary " + path + " is not executable";
   return "";
 }
 
-// The output file: written as FILE.partial and renamed to FILE only when the
-// fetch succeeds, so a failed fetch never leaves a short FILE behind (nor
-// spoils an older one). Removed when destroyed uncommitted, unless kept.
-class OutputFile {
- public:
-  OutputFile() = default;
-  ~OutputFile() {
-    fd_.reset();
-    if (!partial_.empty() && !committed_ && !keep_) unlink(partial_.c_str());
-  }
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-
-  bool open(const std::string& path) {
-    path_ = path;
-    partial_ = path + ".partial";
-    fd_.reset(::open(partial_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!fd_.valid()) {
-      error_ = "cannot write " + partial_ + ": " + strerror(errno);
-      partial_.clear();
-      return false;
-    }
-    return true;
-  }
-  int fd() const { return fd_.get(); }
-  const std::string& path() const { return path_; }
-  const std::string& partialPath() const { return partial_; }
-  const std::string& error() const { return error_; }
-
-  bool commit() {
-    if (::close(fd_.release()) != 0 || rename(partial_.c_str(), path_.c_str()) != 0) {
-      error_ = "cannot finish " + path_ + ": " + strerror(errno);
-      return false;
-    }
-    committed_ = true;
-    return true;
-  }
-  void keep() { keep_ = true; }
-
- private:
-  halvarine::UniqueFd fd_;
-  std::string path_;
-  std::string partial_;
-  bool committed_ = false;
-  bool keep_ = false;
-  std::string error_;
-};
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
 
 class Fetch {
  public:
@@ -132,60 +135,88 @@ class Fetch {
   int run();
 
  private:
-  // Checks the worker binary, opens the output, starts the worker.
-  int startWorker(bool toStdout);
+  // Opening and reading on: exit statuses, or RETRY when a resumption
+  // failed in a way the next one may not (problem_ says how).
+  static const int RETRY = -2;
+
+  int startWorker();
   int transfer();
-  // Maps how an exchange ended to the tool's exit status, after ending the
-  // worker in the way that suits it and saying what happened.
+  // CONNECT, GSIZE and the stream header; the first time the header is
+  // written, later it must be the one written.
+  int open(bool first);
+  int readHeader(std::string& header);
+  // Waits `ms` before a retry, keeping the worker alive; `what` for the
+  // status line.
+  int pause(int64_t ms, const std::string& what);
+  // How the fetch ends: the whole stream; a stop asked for (a signal,
+  // --duration, --max-bytes); a stream that cannot be completed; a failure
+  // of the exchange with the worker.
+  int completed();
+  int stopped();
+  int incomplete(int status);
   int fail(FetchStatus status, const std::string& why, const std::string& step);
+  int connectFailure(size_t outputMark, std::string& why);
   // Ends the worker: PEND first when `politely`, then SIGTERM, then SIGKILL.
   void endWorker(bool politely, int graceMs);
   void showWorkerLines();
-  void reportOutput(bool success);
+  // Cuts and patches the output's ASF header to what was written.
+  bool finishRecording();
+  void reportOutput(int status);
+  bool resumable() const { return isAsf_ && !asf_.broadcast && length_ > 0; }
 
   const Options& options_;
   Display display_;
-  OutputFile file_;
-  int outFd_ = STDOUT_FILENO;
-  uint64_t written_ = 0;  // stream bytes that reached the output
+  Output output_;
+  PreparedUrl url_;
   halvarine::WorkerSession session_;
   std::unique_ptr<halvarine::RequestPipeline> pipeline_;
+
+  uint64_t length_ = 0;       // as GSIZE announced it; 0: none
+  std::string header_;        // the stream header as written
+  bool isAsf_ = false;        // header_ is a well-formed ASF stream header
+  AsfStreamHeader asf_;       // what it says
+  int64_t dataLimit_ = -1;    // --max-bytes as data bytes after the header
+  uint64_t dataWritten_ = 0;  // bytes written after the header
+  std::string problem_;       // what keeps the stream from completing
+  std::string retryProblem_;  // what the last retry met
+  int retriesDone_ = 0;
+  bool kept_ = false;  // the output stands as it is: complete or stopped
 };
 
 int Fetch::run() {
   if (!installSignalHandlers()) {
     display_.error(std::string("cannot install signal handlers: ") + strerror(errno));
-    return EXIT_OTHER;
-  }
-  const bool toStdout = options_.outPath.empty() || options_.outPath == "-";
-  if (toStdout && isatty(STDOUT_FILENO) == 1) {
-    display_.error("not writing a binary stream to a terminal; give -o FILE or redirect");
     return EXIT_USAGE;
   }
-  int status = startWorker(toStdout);
-  if (status == EXIT_FETCHED) status = transfer();
-  if (status == EXIT_INTERRUPTED) {
-    display_.error(std::string("interrupted by ") +
-                   (g_stopSignal == SIGTERM ? "SIGTERM" : "SIGINT") + "; the worker was ended");
+  url_ = prepareUrlFromEnvironment(options_.url);
+  if (url_.status >= 0) {
+    display_.error(url_.why);
+    return url_.status;
   }
-  reportOutput(status == EXIT_FETCHED);
+  if (options_.outPath.empty() || options_.outPath == "-") {
+    if (!output_.openStdout()) {
+      display_.error(output_.error());
+      return EXIT_USAGE;
+    }
+  } else if (!output_.open(options_.outPath)) {
+    display_.error(output_.error());
+    return EXIT_WRITE;
+  }
+  int status = startWorker();
+  if (status == EXIT_OK) status = transfer();
+  display_.endTransfer();
+  reportOutput(status);
   return status;
 }
 
-int Fetch::startWorker(bool toStdout) {
-  const std::string worker = options_.worker.empty() ? defaultWorker() : options_.worker;
+int Fetch::startWorker() {
+  const std::string worker = findWorker(options_.worker);
   const std::string problem = workerProblem(worker);
   if (!problem.empty()) {
     display_.error(problem + (options_.worker.empty() ? " (name one with --worker PATH)" : ""));
     return EXIT_NO_WORKER;
   }
-  if (!toStdout) {
-    if (!file_.open(options_.outPath)) {
-      display_.error(file_.error());
-      return EXIT_OUTPUT;
-    }
-    outFd_ = file_.fd();
-  }
+  display_.setPhase("starting the worker");
   halvarine::WorkerSession::Options so;
   so.worker = worker;
   if (!session_.start(so)) {
@@ -199,74 +230,308 @@ int Fetch::startWorker(bool toStdout) {
         return EXIT_NO_WORKER;
       default:
         display_.error("the worker did not connect: " + session_.error());
-        return EXIT_WORKER_ENDED;
+        return EXIT_WORKER_FAILED;
     }
   }
   display_.setWorker(&session_.worker());
   display_.detail("started worker " + worker + " (pid " + std::to_string(session_.worker().pid()) +
                   ")");
+  if (url_.viaProxy) display_.detail("through the proxy at " + url_.endpoint + ": " + url_.url);
 
   halvarine::PipelineOptions po;
-  po.replyTimeoutMs = options_.replyTimeoutS * 1000;
-  po.keepAliveMs = options_.keepAliveS * 1000;
-  if (options_.timeoutS > 0) po.deadlineMs = halvarine::monotonicMs() + options_.timeoutS * 1000;
+  po.replyTimeoutMs = static_cast<int>(std::min<int64_t>(options_.replyTimeoutMs, INT_MAX));
+  po.keepAliveMs = static_cast<int>(options_.keepAliveMs);
+  if (options_.timeoutMs > 0) po.deadlineMs = halvarine::monotonicMs() + options_.timeoutMs;
   pipeline_.reset(new halvarine::RequestPipeline(session_.connection(), po, &display_));
-  return EXIT_FETCHED;
+  return EXIT_OK;
 }
 
 int Fetch::transfer() {
+  int status = open(true);
+  if (status != EXIT_OK) return status;
+  int triesLeft = options_.retries;
+  for (;;) {
+    halvarine::StreamFetchOptions fo;
+    // A broadcast comes at its own pace: small READs show it moving and
+    // lose little at a stop. Anything else comes fastest in large ones.
+    fo.count =
+        options_.count > 0 ? options_.count
+        : isAsf_ && asf_.broadcast
+            ? static_cast<int>(std::min<uint64_t>(LIVE_READ_PACKETS * asf_.packetSize,
+                                                  static_cast<uint64_t>(halvarine::maxReadCount())))
+            : halvarine::maxReadCount();
+    fo.window = options_.window;
+    fo.maxBytes = dataLimit_;
+    fo.skip = dataWritten_;
+    fo.unit = isAsf_ ? asf_.packetSize : 0;
+    display_.startPass(header_.size() + dataWritten_, dataWritten_);
+    const halvarine::StreamFetchResult r = halvarine::fetchStream(*pipeline_, fo, output_.fd());
+    if (r.bytes > 0) triesLeft = options_.retries;
+    dataWritten_ += r.bytes;
+    const uint64_t total = header_.size() + dataWritten_ + r.tail.size();
+    if (r.status == FetchStatus::STOPPED || (r.status == FetchStatus::DONE && !r.endOfStream)) {
+      return stopped();
+    }
+    if (r.status == FetchStatus::DONE && (!resumable() || total >= length_)) {
+      // The stream's end is its end, whatever is left of a packet.
+      if (!output_.write(r.tail, &g_stopSignal)) {
+        return fail(FetchStatus::OUTPUT_FAILED, output_.error(), "READ");
+      }
+      dataWritten_ += r.tail.size();
+      return completed();
+    }
+    int failure = EXIT_PARTIAL;
+    if (r.status == FetchStatus::REFUSED && resumable()) {
+      failure = EXIT_RECEIVE;
+      problem_ =
+          "could not be read on after " + std::to_string(total) + " bytes (READ answered ERR)";
+    } else if (r.status != FetchStatus::DONE) {
+      return fail(r.status, r.error, "READ");
+    } else {
+      problem_ = "ended " + std::to_string(length_ - total) +
+                 " bytes before its announced length (" + std::to_string(length_) + " bytes)";
+    }
+    // Open it again and skip what is written, until a try brings nothing
+    // new `--retry` times in a row.
+    retryProblem_.clear();
+    do {
+      if (triesLeft == 0) return incomplete(failure);
+      --triesLeft;
+      ++retriesDone_;
+      int64_t delay = options_.retryDelayMs;
+      for (int i = 1; i < options_.retries - triesLeft && delay < MAX_RETRY_DELAY_MS; ++i) {
+        delay *= 2;
+      }
+      delay = std::max(options_.retryDelayMs, std::min(delay, MAX_RETRY_DELAY_MS));
+      const std::string retry = "retry " + std::to_string(options_.retries - triesLeft) + " of " +
+                                std::to_string(options_.retries);
+      char wait[32];
+      snprintf(wait, sizeof wait, " in %.1f s: the stream ", static_cast<double>(delay) / 1000);
+      display_.note(retry + wait + problem_ + retryProblem_);
+      const int paused = pause(delay, "waiting for " + retry);
+      if (paused != EXIT_OK) return paused;
+      status = open(false);
+    } while (status == RETRY);
+    if (status != EXIT_OK) return status;
+  }
+}
+
+int Fetch::open(bool first) {
+  display_.setPhase(std::string(first ? "connecting to " : "reconnecting to ") +
+                    (url_.viaProxy ? "the proxy " : "") + url_.endpoint);
+  const size_t mark = session_.worker().output().size();
   halvarine::Reply reply;
-  FetchStatus st = pipeline_->call("CONNECT", {options_.url}, reply);
+  FetchStatus st = pipeline_->call(halvarine::WORD_CONNECT, {url_.url}, reply);
   if (st != FetchStatus::DONE) return fail(st, pipeline_->error(), "CONNECT");
-  if (reply.status() != "OK_") {
-    display_.error("the worker could not open " + options_.url + " (CONNECT answered " +
-                   reply.status() + ")");
-    showWorkerLines();
+  if (reply.status() != halvarine::STATUS_OK) {
+    std::string why;
+    const int status = connectFailure(mark, why);
+    if (!first) {
+      retryProblem_ = "; opening it again failed: " + why;
+      return RETRY;
+    }
+    display_.error("cannot open " + options_.url + ": " + why);
     endWorker(true, PEND_GRACE_MS);
-    return EXIT_CONNECT_ERR;
+    return status;
   }
-  display_.note("opened " + options_.url);
-
-  st = pipeline_->call("GSIZE", {}, reply);
+  st = pipeline_->call(halvarine::WORD_GSIZE, {}, reply);
   if (st != FetchStatus::DONE) return fail(st, pipeline_->error(), "GSIZE");
-  display_.startTransfer(usableLength(reply));
-
-  halvarine::StreamFetchOptions fo;
-  fo.count = options_.count;
-  fo.window = options_.window;
-  fo.maxBytes = options_.maxBytes;
-  halvarine::StreamFetchResult result = halvarine::fetchStream(*pipeline_, fo, outFd_);
-  written_ = result.bytes;
-  display_.endTransfer();
-  if (result.status != FetchStatus::DONE) return fail(result.status, result.error, "READ");
-
-  endWorker(true, PEND_GRACE_MS);
-  if (!file_.path().empty() && !file_.commit()) {
-    display_.error(file_.error());
-    return EXIT_OUTPUT;
+  if (first && options_.durationMs > 0) {
+    display_.stopAt(halvarine::monotonicMs() + options_.durationMs);
   }
-  std::string what = result.endOfStream ? "fetched " : "fetched the first ";
-  display_.note(what + display_.rateSummary() + " to " +
-                (file_.path().empty() ? "standard output" : file_.path()));
-  return EXIT_FETCHED;
+  display_.setPhase(first ? "waiting for the stream's header" : "waiting for the header again");
+  std::string header;
+  const int status = readHeader(header);
+  if (status != EXIT_OK) return status;
+  if (!first) {
+    if (header == header_) return EXIT_OK;
+    retryProblem_ = "; opened again, it is another stream (its header differs)";
+    return incomplete(EXIT_PARTIAL);
+  }
+
+  header_ = header;
+  std::string error;
+  isAsf_ =
+      header.size() == asfStreamHeaderLength(header) && readAsfStreamHeader(header, asf_, error);
+  if (!isAsf_) {
+    display_.note("not a well-formed ASF stream header" +
+                  (error.empty() ? "" : " (" + error + ")") +
+                  ": it will not be resumed nor cut at its packets");
+  }
+  const int64_t announced = halvarine::replyLength(reply);
+  length_ = announced > 0 && !(isAsf_ && asf_.broadcast) ? static_cast<uint64_t>(announced) : 0;
+  display_.note(length_ > 0 ? "opened, " + std::to_string(length_) + " bytes (" +
+                                  humanBytes(static_cast<double>(length_)) + ")"
+                            : "opened a broadcast: it goes on until stopped");
+  if (options_.maxBytes >= 0) {
+    const int64_t data =
+        std::max<int64_t>(0, options_.maxBytes - static_cast<int64_t>(header.size()));
+    dataLimit_ = isAsf_ ? data - data % asf_.packetSize : data;
+  }
+  display_.startTransfer(length_);
+  if (!output_.write(header, &g_stopSignal)) {
+    if (g_stopSignal != 0) return stopped();
+    return fail(FetchStatus::OUTPUT_FAILED, output_.error(), "the header");
+  }
+  display_.setBytes(header.size());
+  return EXIT_OK;
+}
+
+int Fetch::readHeader(std::string& header) {
+  uint64_t need = kHeaderObjectFixedSize;
+  bool sized = false;
+  while (header.size() < need) {
+    halvarine::Reply reply;
+    const int count = static_cast<int>(
+        std::min<uint64_t>(need - header.size(), static_cast<uint64_t>(halvarine::maxReadCount())));
+    const FetchStatus st =
+        pipeline_->call(halvarine::WORD_READ, {halvarine::formatCount(count)}, reply);
+    if (st != FetchStatus::DONE) return fail(st, pipeline_->error(), "READ");
+    if (reply.status() == halvarine::STATUS_OK && reply.fields.size() == 4) {
+      header += reply.fields[3].bytes;
+    } else if (header_.empty()) {
+      display_.error("the stream ended inside its header (READ answered " + reply.status() + ")");
+      endWorker(true, PEND_GRACE_MS);
+      return reply.status() == halvarine::STATUS_ERR ? EXIT_RECEIVE : EXIT_NOT_MMS;
+    } else {
+      retryProblem_ = "; opened again, it ended inside its header";
+      return RETRY;
+    }
+    if (!sized && header.size() >= need) {
+      sized = true;
+      const uint64_t length = asfStreamHeaderLength(header);
+      if (length > need && length <= MAX_HEADER) need = length;
+    }
+  }
+  return EXIT_OK;
+}
+
+int Fetch::pause(int64_t ms, const std::string& what) {
+  display_.setPhase(what);
+  const int64_t until = halvarine::monotonicMs() + ms;
+  while (halvarine::monotonicMs() < until) {
+    if (display_.stopRequested()) return stopped();
+    if (pipeline_->deadlinePassed()) {
+      return fail(FetchStatus::DEADLINE, "the time for the whole run ran out", "a retry's wait");
+    }
+    if (pipeline_->inFlight() > 0) {
+      // A keep-alive's answer.
+      halvarine::Reply reply;
+      std::string word;
+      if (pipeline_->receive(reply, word) == halvarine::RequestPipeline::Received::FAILED) {
+        return fail(pipeline_->failure(), pipeline_->error(), word);
+      }
+      continue;
+    }
+    if (!pipeline_->keepAlive()) return fail(pipeline_->failure(), pipeline_->error(), "CCHECK");
+    waitFdUntil(-1, WAIT_READABLE,
+                std::min(until, halvarine::monotonicMs() + halvarine::WAIT_SLICE_MS));
+    display_.tick();
+  }
+  return EXIT_OK;
+}
+
+int Fetch::completed() {
+  display_.endTransfer();
+  endWorker(true, PEND_GRACE_MS);
+  if (output_.toFile() && !output_.commit()) {
+    display_.error(output_.error());
+    return EXIT_WRITE;
+  }
+  kept_ = true;
+  display_.note("fetched " + display_.rateSummary() + " to " +
+                (output_.toFile() ? output_.path() : "standard output"));
+  return EXIT_OK;
+}
+
+int Fetch::stopped() {
+  const int sig = g_stopSignal;
+  display_.endTransfer();
+  // READs in flight on a slow stream would hold PEND up; their bytes are
+  // not wanted any more.
+  endWorker(pipeline_->inFlight() == 0, INTERRUPT_GRACE_MS);
+  const std::string why = sig != 0 ? std::string("stopped by ") + signalName(sig)
+                          : display_.durationReached() ? "recorded for --duration"
+                                                       : "reached --max-bytes";
+  if (header_.empty()) {
+    display_.error(why + " before any data came: nothing written");
+    return sig != 0 ? EXIT_SIGNALED + sig : EXIT_TIMED_OUT;
+  }
+  if (!finishRecording() || (output_.toFile() && !output_.commit())) {
+    display_.error(output_.error());
+    return EXIT_WRITE;
+  }
+  kept_ = true;
+  uint64_t kept = header_.size() + dataWritten_;
+  std::string packets;
+  if (isAsf_) {
+    kept -= dataWritten_ % asf_.packetSize;
+    const uint64_t n = dataWritten_ / asf_.packetSize;
+    packets = ", " + std::to_string(n) + (n == 1 ? " data packet" : " data packets");
+  }
+  display_.note(why + ": kept " + std::to_string(kept) + " bytes (" +
+                humanBytes(static_cast<double>(kept)) + packets + ") in " +
+                (output_.toFile() ? output_.path() : "standard output"));
+  return sig != 0 ? EXIT_SIGNALED + sig : EXIT_OK;
+}
+
+int Fetch::incomplete(int status) {
+  display_.endTransfer();
+  endWorker(true, PEND_GRACE_MS);
+  std::string tries = options_.retries == 0 ? " (--retry 0)"
+                      : retriesDone_ > 0    ? "; gave up after " + std::to_string(retriesDone_) +
+                                               (retriesDone_ == 1 ? " retry" : " retries")
+                                         : "";
+  display_.error("the stream " + problem_ + retryProblem_ + tries);
+  return status;
+}
+
+int Fetch::connectFailure(size_t mark, std::string& why) {
+  const std::string& text = session_.worker().output();
+  const halvarine::ConnectDiagnosis d =
+      halvarine::diagnoseConnect(linesOf(text.substr(std::min(mark, text.size()))));
+  const std::string where = (d.viaProxy ? "the proxy " : "") + url_.endpoint;
+  why = halvarine::connectFailureText(d.failure);
+  switch (d.failure) {
+    case halvarine::ConnectFailure::UNRESOLVED:
+      why = std::string("cannot resolve ") + (d.viaProxy ? "the proxy's host " : "host ") + d.host;
+      return d.viaProxy ? EXIT_PROXY_UNRESOLVED : EXIT_HOST_UNRESOLVED;
+    case halvarine::ConnectFailure::REFUSED:
+      why += " (" + where + ")";
+      return EXIT_CANNOT_CONNECT;
+    case halvarine::ConnectFailure::UNREACHABLE:
+      why += " (" + where + (d.error != 0 ? std::string(": ") + strerror(d.error) : "") + ")";
+      return EXIT_CANNOT_CONNECT;
+    case halvarine::ConnectFailure::CONNECT_TIMED_OUT:
+    case halvarine::ConnectFailure::NO_ANSWER:
+      why += " (" + where + ")";
+      return EXIT_TIMED_OUT;
+    case halvarine::ConnectFailure::URL_REFUSED:
+      return EXIT_MALFORMED_URL;
+    case halvarine::ConnectFailure::NOT_MMS:
+      why += " (" + where + ")";
+      return EXIT_NOT_MMS;
+    case halvarine::ConnectFailure::UNKNOWN:
+      break;
+  }
+  return EXIT_NOT_MMS;
 }
 
 int Fetch::fail(FetchStatus status, const std::string& why, const std::string& step) {
   // Ctrl-C on a terminal reaches the worker too, which then dies at once:
   // whatever that looked like, the user stopped the fetch.
-  if (g_stopSignal != 0) status = FetchStatus::STOPPED;
+  if (g_stopSignal != 0 || status == FetchStatus::STOPPED) return stopped();
+  display_.endTransfer();
   switch (status) {
     case FetchStatus::DONE:
-      return EXIT_FETCHED;
     case FetchStatus::STOPPED:
-      endWorker(true, INTERRUPT_GRACE_MS);
-      return EXIT_INTERRUPTED;
+      break;
     case FetchStatus::REFUSED:
       display_.error("the worker answered ERR to " + step + " after " +
                      std::to_string(display_.bytes()) + " bytes");
       showWorkerLines();
       endWorker(true, PEND_GRACE_MS);
-      return step == "CONNECT" ? EXIT_CONNECT_ERR : EXIT_READ_ERR;
+      return EXIT_RECEIVE;
     case FetchStatus::TIMED_OUT:
     case FetchStatus::DEADLINE:
       display_.error(why +
@@ -279,7 +544,7 @@ int Fetch::fail(FetchStatus status, const std::string& why, const std::string& s
     case FetchStatus::OUTPUT_FAILED:
       display_.error("cannot write the output: " + why);
       endWorker(true, INTERRUPT_GRACE_MS);
-      return EXIT_OUTPUT;
+      return EXIT_WRITE;
     case FetchStatus::LOST:
     case FetchStatus::BAD_REPLY: {
       // A worker that died closes the connection: say how it ended.
@@ -287,20 +552,17 @@ int Fetch::fail(FetchStatus status, const std::string& why, const std::string& s
       if (session_.worker().waitExit(TERM_GRACE_MS, ended)) {
         display_.error("the worker ended early (" + ended.toString() + ") during " + step);
         showWorkerLines();
-        return EXIT_WORKER_ENDED;
+        return EXIT_WORKER_FAILED;
       }
-      if (status == FetchStatus::LOST) {
-        display_.error("lost the connection to the worker during " + step + ": " + why);
-        endWorker(false, 0);
-        return EXIT_WORKER_ENDED;
-      }
-      display_.error("the worker broke the protocol during " + step + ": " + why);
+      display_.error((status == FetchStatus::LOST ? "lost the connection to the worker during "
+                                                  : "the worker broke the protocol during ") +
+                     step + ": " + why);
       endWorker(false, 0);
       showWorkerLines();
-      return EXIT_OTHER;
+      return EXIT_WORKER_FAILED;
     }
   }
-  return EXIT_OTHER;
+  return EXIT_WORKER_FAILED;
 }
 
 void Fetch::endWorker(bool politely, int graceMs) {
@@ -322,24 +584,32 @@ void Fetch::endWorker(bool politely, int graceMs) {
 }
 
 void Fetch::showWorkerLines() {
+  // With -v they have been shown as they came.
+  if (options_.verbosity >= 2) return;
   std::vector<std::string> lines = display_.workerLines(WORKER_LINES);
   if (lines.empty()) return;
   display_.error("the worker's last lines:");
   for (const std::string& line : lines) display_.quote("  worker: " + line);
 }
 
-void Fetch::reportOutput(bool success) {
-  if (success) return;
-  const std::string amount = std::to_string(written_) + " bytes";
-  if (file_.partialPath().empty()) {
-    if (written_ > 0) display_.error("the output on standard output is partial (" + amount + ")");
-  } else if (written_ == 0 && !options_.keepPartial) {
+bool Fetch::finishRecording() {
+  return !isAsf_ || output_.finishRecording(header_, dataWritten_, asf_.packetSize);
+}
+
+void Fetch::reportOutput(int status) {
+  if (kept_ || (status == EXIT_OK && !output_.toFile())) return;
+  const std::string amount = std::to_string(header_.size() + dataWritten_) + " bytes";
+  if (!output_.toFile()) {
+    if (!header_.empty())
+      display_.error("the output on standard output is partial (" + amount + ")");
+  } else if (header_.empty() && !options_.keepPartial) {
     // Nothing had been written: nothing partial to speak of.
   } else if (options_.keepPartial) {
-    file_.keep();
-    display_.error("kept the partial output in " + file_.partialPath() + " (" + amount + ")");
+    output_.keep();
+    finishRecording();
+    display_.error("kept the partial output in " + output_.partialPath() + " (" + amount + ")");
   } else {
-    display_.error("removed the partial output " + file_.partialPath() + " (" + amount +
+    display_.error("removed the partial output " + output_.partialPath() + " (" + amount +
                    "); --keep-partial keeps it");
   }
 }

@@ -1,7 +1,9 @@
 #include "tools/fetch/options.h"
 
-#include <errno.h>
+#include <getopt.h>
 #include <halvarine/controller.h>
+#include <math.h>
+#include <stdio.h>
 #include <stdlib.h>
 
 #include <iostream>
@@ -11,57 +13,55 @@ namespace fetch {
 namespace {
 
 const char USAGE[] =
-    "usage: halvarine-fetch URL [-o FILE] [options]\n"
+    "usage: halvarine-fetch [options] URL\n"
     "\n"
-    "Fetches an MMS stream through the halvarine worker: listens on the\n"
-    "controller socket /tmp/zalProcess_Halvarine, starts the worker, sends\n"
-    "CONNECT URL and GSIZE, READs until the stream ends, then PEND.\n"
+    "Fetches or records an MMS stream (mms://, mmst://, mmsh://, http://) through\n"
+    "the halvarine worker, acting as its controller.\n"
     "\n"
-    "  -o, --output FILE     write the stream to FILE (default: standard output,\n"
-    "                        which must not be a terminal). The bytes go to\n"
-    "                        FILE.partial first and are renamed to FILE at the end.\n"
-    "  --count N             bytes asked for by each READ, 1..65511 (default 65511,\n"
-    "                        the most one reply carries)\n"
-    "  --window N            READ requests in flight at once, 1..64 (default 4)\n"
-    "  --max-bytes N         stop after N bytes of the stream\n"
-    "  --timeout S           give up when the whole fetch takes longer than S seconds\n"
-    "  --reply-timeout S     give up when the worker sends no reply for S seconds\n"
-    "                        (default 60); the clock starts again at every reply\n"
-    "  --keep-alive S        when the worker has had no request for S seconds (a slow\n"
-    "                        reader of the output holds the fetch up), send CCHECK so\n"
-    "                        it does not end after its 60 s of silence; 1..59\n"
-    "                        (default 20)\n"
-    "  --keep-partial        on failure keep FILE.partial (default: remove it)\n"
-    "  --worker PATH         the worker binary (default: halvarine beside this\n"
-    "                        program); HALVARINE_WORKER_LAUNCHER, when set, is a\n"
-    "                        command that runs it (such as qemu-arm)\n"
-    "  -q, --quiet           print errors only\n"
-    "  -v, --verbose         show every request and reply, and the worker's\n"
-    "                        standard error; twice: the frames in hexadecimal too\n"
-    "  -h, --help            show this text\n"
-    "  -V, --version         show the version\n"
+    "  -o, --output FILE       write the stream to FILE (default: standard output,\n"
+    "                          which must not be a terminal); the bytes go to\n"
+    "                          FILE.partial until the fetch ends\n"
+    "      --duration TIME     record for TIME, then stop and keep the file\n"
+    "      --max-bytes SIZE    stop after SIZE bytes, rounded down to a whole data\n"
+    "                          packet (the header is always written)\n"
+    "      --retry N           when a stream ends before its announced length, open\n"
+    "                          it again and go on where it stopped, up to N times in a\n"
+    "                          row without new data (default 5; 0: never)\n"
+    "      --retry-delay TIME  the wait before the first retry, doubled for each\n"
+    "                          further one (default 1 s)\n"
+    "      --keep-partial      keep FILE.partial when the fetch fails\n"
+    "      --timeout TIME      give up when the whole run takes longer\n"
+    "      --reply-timeout TIME  give up when the worker sends no reply for TIME\n"
+    "                          (default 60 s); the clock starts again at every reply\n"
+    "      --keep-alive TIME   when no request has gone to the worker for TIME (a slow\n"
+    "                          reader of the output holds the fetch up), send CCHECK;\n"
+    "                          below 60 s (default 20 s)\n"
+    "      --count N           bytes asked for by each READ, 1..65511 (default: 65511,\n"
+    "                          or four data packets for a broadcast)\n"
+    "      --window N          READ requests in flight at once, 1..64 (default 4)\n"
+    "      --worker PATH       the worker binary (default: HALVARINE_WORKER, else the\n"
+    "                          halvarine beside this program or in ../libexec/halvarine)\n"
+    "  -q, --quiet             print errors only\n"
+    "  -v, --verbose           show every request and reply, and the worker's lines;\n"
+    "                          twice: the frames in hexadecimal too\n"
+    "  -h, --help              show this text\n"
+    "  -V, --version           show the version\n"
     "\n"
-    "Progress goes to standard error: a live line on a terminal, a line every\n"
-    "10 seconds otherwise.\n"
+    "SIZE takes k, M and G (1024, 1024^2, 1024^3); TIME is seconds, with a\n"
+    "fraction and s, m or h if wanted (0.5, 90, 1.5m, 2h).\n"
     "\n"
-    "Exit status:\n"
-    "  0    the stream (or --max-bytes of it) was written\n"
-    "  1    another failure (the worker broke the protocol, a system call failed)\n"
-    "  2    bad command line\n"
-    "  3    another controller already listens on the controller socket\n"
-    "  4    the worker binary is missing or cannot be run\n"
-    "  5    the worker ended early or dropped the connection\n"
-    "  6    CONNECT answered ERR: the worker could not open the stream\n"
-    "  7    a READ answered ERR\n"
-    "  8    time-out (--reply-timeout or --timeout)\n"
-    "  9    the output could not be written\n"
-    "  130  interrupted (SIGINT or SIGTERM)\n"
-    "On every failure the worker is ended, the socket file removed and a\n"
-    "partial FILE removed unless --keep-partial.\n"
+    "A stop asked for (--duration, --max-bytes, SIGINT, SIGTERM, SIGHUP) keeps what\n"
+    "was received under FILE, cut at a data packet's end, with the header's sizes\n"
+    "made to agree with it. http_proxy (or HTTP_PROXY) and no_proxy are honoured\n"
+    "for mms://, mmsh:// and http:// streams.\n"
+    "\n"
+    "Exit status:\n";
+
+const char EXAMPLES[] =
     "\n"
     "Examples:\n"
-    "  halvarine-fetch mms://media.example/live -o live.asf --max-bytes 10000000\n"
-    "  halvarine-fetch mmsh://127.0.0.1:8080/sample.asf -o sample.asf --window 1 -v\n"
+    "  halvarine-fetch mms://media.example/radio -o radio.asf --duration 1h\n"
+    "  halvarine-fetch mmsh://127.0.0.1:8080/sample.asf -o sample.asf -v\n"
     "  halvarine-fetch mms://127.0.0.1:1755/sample.asf | ffprobe -\n";
 
 int usageError(const std::string& what) {
@@ -70,91 +70,211 @@ int usageError(const std::string& what) {
   return EXIT_USAGE;
 }
 
-bool parseNumber(const std::string& text, long long min, long long max, long long& out) {
-  char* end = nullptr;
-  errno = 0;
-  out = strtoll(text.c_str(), &end, 10);
-  return errno == 0 && !text.empty() && *end == '\0' && out >= min && out <= max;
+// A decimal number with an optional fraction, then one of `units` (each a
+// suffix and its factor; "" for none). False unless the whole text is that.
+bool parseScaled(const std::string& text, const std::vector<std::pair<std::string, double>>& units,
+                 double& out) {
+  size_t end = 0;
+  while (end < text.size() && (isdigit(static_cast<unsigned char>(text[end])) || text[end] == '.'))
+    ++end;
+  const std::string number = text.substr(0, end);
+  if (number.empty() || number.find('.') != number.rfind('.') || number == ".") return false;
+  for (const auto& unit : units) {
+    if (text.compare(end, std::string::npos, unit.first) == 0) {
+      out = atof(number.c_str()) * unit.second;
+      return isfinite(out) && out < 9.2e18;
+    }
+  }
+  return false;
 }
+
+// A plain decimal number within [min, max].
+bool parseCount(const std::string& text, int64_t min, int64_t max, int64_t& out) {
+  if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos)
+    return false;
+  out = atoll(text.c_str());
+  return out >= min && out <= max;
+}
+
+enum LongOnly {
+  OPT_DURATION = 256,
+  OPT_MAX_BYTES,
+  OPT_RETRY,
+  OPT_RETRY_DELAY,
+  OPT_KEEP_PARTIAL,
+  OPT_TIMEOUT,
+  OPT_REPLY_TIMEOUT,
+  OPT_KEEP_ALIVE,
+  OPT_COUNT,
+  OPT_WINDOW,
+  OPT_WORKER,
+};
+
+const option LONG_OPTIONS[] = {
+    {"output", required_argument, nullptr, 'o'},
+    {"duration", required_argument, nullptr, OPT_DURATION},
+    {"max-bytes", required_argument, nullptr, OPT_MAX_BYTES},
+    {"retry", required_argument, nullptr, OPT_RETRY},
+    {"retry-delay", required_argument, nullptr, OPT_RETRY_DELAY},
+    {"keep-partial", no_argument, nullptr, OPT_KEEP_PARTIAL},
+    {"timeout", required_argument, nullptr, OPT_TIMEOUT},
+    {"reply-timeout", required_argument, nullptr, OPT_REPLY_TIMEOUT},
+    {"keep-alive", required_argument, nullptr, OPT_KEEP_ALIVE},
+    {"count", required_argument, nullptr, OPT_COUNT},
+    {"window", required_argument, nullptr, OPT_WINDOW},
+    {"worker", required_argument, nullptr, OPT_WORKER},
+    {"quiet", no_argument, nullptr, 'q'},
+    {"verbose", no_argument, nullptr, 'v'},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},
+    {nullptr, 0, nullptr, 0},
+};
 
 }  // namespace
 
+const std::vector<ExitStatusLine>& exitStatusLines() {
+  static const std::vector<ExitStatusLine> lines = {
+      {EXIT_OK, "fetched, or stopped as asked by --duration or --max-bytes"},
+      {EXIT_UNSUPPORTED, "unsupported scheme, or an IPv6 address (the worker speaks IPv4)"},
+      {EXIT_USAGE, "bad command line"},
+      {EXIT_MALFORMED_URL, "malformed URL"},
+      {EXIT_PROXY_UNRESOLVED, "cannot resolve the proxy's host"},
+      {EXIT_HOST_UNRESOLVED, "cannot resolve the host"},
+      {EXIT_CANNOT_CONNECT, "cannot connect: refused or unreachable (host or proxy)"},
+      {EXIT_NOT_MMS, "not an MMS server, or it broke the protocol"},
+      {EXIT_PARTIAL, "the stream ended before its announced length and could not be resumed"},
+      {EXIT_WRITE, "the output cannot be written"},
+      {EXIT_TIMED_OUT, "timed out: connecting, waiting for an answer, --reply-timeout, --timeout"},
+      {EXIT_RECEIVE, "the worker failed to receive the stream's data"},
+      {EXIT_CONTROLLER_TAKEN, "another controller holds the controller socket"},
+      {EXIT_NO_WORKER, "the worker is missing or cannot be run"},
+      {EXIT_WORKER_FAILED, "the worker died, did not connect, or broke the protocol"},
+      {EXIT_SIGNALED + 1, "stopped by SIGHUP; what was received is kept"},
+      {EXIT_SIGNALED + 2, "stopped by SIGINT; what was received is kept"},
+      {EXIT_SIGNALED + 15, "stopped by SIGTERM; what was received is kept"},
+  };
+  return lines;
+}
+
+bool parseSize(const std::string& text, int64_t& bytes) {
+  double v = 0;
+  if (!parseScaled(text, {{"", 1}, {"k", 1024}, {"K", 1024}, {"M", 1 << 20}, {"G", 1 << 30}}, v))
+    return false;
+  bytes = static_cast<int64_t>(v);
+  return true;
+}
+
+bool parseTime(const std::string& text, int64_t& ms) {
+  double v = 0;
+  if (!parseScaled(text, {{"", 1000}, {"s", 1000}, {"m", 60000}, {"h", 3600000}}, v)) return false;
+  ms = llround(v);
+  return true;
+}
+
 int parseOptions(int argc, char** argv, Options& out) {
   const int maxCount = halvarine::maxReadCount();
-  out.count = maxCount;
-  bool haveUrl = false;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    std::string value;
-    bool inlineValue = false;
-    if (arg.rfind("--", 0) == 0 && arg.find('=') != std::string::npos) {
-      value = arg.substr(arg.find('=') + 1);
-      arg = arg.substr(0, arg.find('='));
-      inlineValue = true;
+  optind = 0;  // starts afresh, whoever parsed before
+  opterr = 0;
+  for (;;) {
+    int longIndex = -1;
+    const int c = getopt_long(argc, argv, ":o:qvhV", LONG_OPTIONS, &longIndex);
+    if (c == -1) break;
+    // The option as the user wrote it: "--max-bytes", or "-o" out of "-qoFILE".
+    std::string name = argv[optind - 1];
+    if (longIndex >= 0) {
+      name = std::string("--") + LONG_OPTIONS[longIndex].name;
+    } else if (c != '?' && c != ':') {
+      name = std::string("-") + static_cast<char>(c);
+    } else if (name.compare(0, 2, "--") == 0) {
+      name = name.substr(0, name.find('='));
     }
-    // Takes the option's value from "--name=value" or the next argument.
-    auto takeValue = [&]() -> bool {
-      if (inlineValue) return true;
-      if (i + 1 >= argc) return false;
-      value = argv[++i];
-      return true;
+    const std::string value = optarg != nullptr ? optarg : "";
+    int64_t n = 0;
+    // A value checked against its kind and range; `what` says what is wanted.
+    auto need = [&](bool ok, const std::string& what) {
+      return ok ? -1 : usageError(name + " needs " + what + ", not \"" + value + "\"");
     };
-    // A number option: its value within [min, max].
-    auto number = [&](long long min, long long max, long long& n) -> bool {
-      return takeValue() && parseNumber(value, min, max, n);
-    };
-    long long n = 0;
-    if (arg == "-h" || arg == "--help") {
-      std::cout << USAGE;
-      return EXIT_FETCHED;
-    } else if (arg == "-V" || arg == "--version") {
-      std::cout << "halvarine-fetch " << HALVARINE_VERSION << "\n";
-      return EXIT_FETCHED;
-    } else if (arg == "-q" || arg == "--quiet") {
-      out.verbosity = 0;
-    } else if (arg == "-v" || arg == "--verbose") {
-      out.verbosity = out.verbosity < 2 ? 2 : 3;
-    } else if (arg == "-vv") {
-      out.verbosity = 3;
-    } else if (arg == "--keep-partial") {
-      out.keepPartial = true;
-    } else if (arg == "-o" || arg == "--output") {
-      if (!takeValue() || value.empty()) return usageError(arg + " needs a file name");
-      out.outPath = value;
-    } else if (arg == "--worker") {
-      if (!takeValue() || value.empty()) return usageError("--worker needs a path");
-      out.worker = value;
-    } else if (arg == "--count") {
-      if (!number(1, maxCount, n)) {
-        return usageError("--count needs a number from 1 to " + std::to_string(maxCount));
-      }
-      out.count = static_cast<int>(n);
-    } else if (arg == "--window") {
-      if (!number(1, 64, n)) return usageError("--window needs a number from 1 to 64");
-      out.window = static_cast<int>(n);
-    } else if (arg == "--max-bytes") {
-      if (!number(0, INT64_MAX, n)) return usageError("--max-bytes needs a byte count");
-      out.maxBytes = n;
-    } else if (arg == "--timeout") {
-      if (!number(1, 1000000, n)) return usageError("--timeout needs seconds, at least 1");
-      out.timeoutS = static_cast<int>(n);
-    } else if (arg == "--reply-timeout") {
-      if (!number(1, 1000000, n)) return usageError("--reply-timeout needs seconds, at least 1");
-      out.replyTimeoutS = static_cast<int>(n);
-    } else if (arg == "--keep-alive") {
-      // At 60 s of silence the worker ends; a keep-alive must come sooner.
-      if (!number(1, 59, n)) return usageError("--keep-alive needs seconds from 1 to 59");
-      out.keepAliveS = static_cast<int>(n);
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      return usageError("unknown option " + arg);
-    } else if (haveUrl) {
-      return usageError("only one URL, please (got \"" + out.url + "\" and \"" + arg + "\")");
-    } else {
-      out.url = arg;
-      haveUrl = true;
+    int bad = -1;
+    switch (c) {
+      case 'h':
+        std::cout << USAGE;
+        for (const ExitStatusLine& line : exitStatusLines()) {
+          printf("  %3d  %s\n", line.code, line.meaning);
+        }
+        std::cout << EXAMPLES;
+        return EXIT_OK;
+      case 'V':
+        std::cout << "halvarine-fetch " << HALVARINE_VERSION << "\n";
+        return EXIT_OK;
+      case 'q':
+        out.verbosity = 0;
+        break;
+      case 'v':
+        out.verbosity = out.verbosity < 2 ? 2 : 3;
+        break;
+      case 'o':
+        bad = need(!value.empty(), "a file name");
+        out.outPath = value;
+        break;
+      case OPT_WORKER:
+        bad = need(!value.empty(), "a path");
+        out.worker = value;
+        break;
+      case OPT_KEEP_PARTIAL:
+        out.keepPartial = true;
+        break;
+      case OPT_DURATION:
+        bad = need(parseTime(value, out.durationMs) && out.durationMs > 0, "a time (90, 1.5m, 2h)");
+        break;
+      case OPT_MAX_BYTES:
+        bad = need(parseSize(value, out.maxBytes), "a size (100000, 512k, 1.5M)");
+        break;
+      case OPT_RETRY:
+        bad = need(parseCount(value, 0, 1000, n), "a number from 0 to 1000");
+        out.retries = static_cast<int>(n);
+        break;
+      case OPT_RETRY_DELAY:
+        bad = need(parseTime(value, out.retryDelayMs), "a time");
+        break;
+      case OPT_TIMEOUT:
+        bad = need(parseTime(value, out.timeoutMs) && out.timeoutMs > 0, "a time above 0");
+        break;
+      case OPT_REPLY_TIMEOUT:
+        bad =
+            need(parseTime(value, out.replyTimeoutMs) && out.replyTimeoutMs > 0, "a time above 0");
+        break;
+      case OPT_KEEP_ALIVE:
+        // After 60 s without a request the worker ends: a keep-alive must come sooner.
+        bad = need(
+            parseTime(value, out.keepAliveMs) && out.keepAliveMs > 0 && out.keepAliveMs < 60000,
+            "a time below 60 s");
+        break;
+      case OPT_COUNT:
+        bad = need(parseCount(value, 1, maxCount, n),
+                   "a number from 1 to " + std::to_string(maxCount));
+        out.count = static_cast<int>(n);
+        break;
+      case OPT_WINDOW:
+        bad = need(parseCount(value, 1, 64, n), "a number from 1 to 64");
+        out.window = static_cast<int>(n);
+        break;
+      case ':':
+        if (name.compare(0, 2, "--") != 0) name = std::string("-") + static_cast<char>(optopt);
+        return usageError(name + " needs a value");
+      default:
+        return usageError("unknown option " +
+                          (optopt > 0 ? std::string("-") + static_cast<char>(optopt) : name));
     }
+    if (bad >= 0) return bad;
   }
-  if (!haveUrl) return usageError("which stream? Give its URL (mms://, mmsh://, http://)");
+  if (optind >= argc) {
+    return usageError("which stream? Give its URL (mms://, mmst://, mmsh://, http://)");
+  }
+  if (argc - optind > 1) {
+    return usageError("only one URL, please (got \"" + std::string(argv[optind]) + "\" and \"" +
+                      argv[optind + 1] + "\")");
+  }
+  out.url = argv[optind];
   return -1;
 }
 

@@ -6,34 +6,52 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 namespace fetch {
 
-// What the exit status tells a script. Documented in --help and the README.
+// What the exit status tells a script: curl's number where curl has one
+// for the same failure, numbers above curl's range for what only a worker's
+// controller meets, 128 + the signal for a stop by signal.
 enum ExitCode {
-  EXIT_FETCHED = 0,           // the stream, or --max-bytes of it, was written
-  EXIT_OTHER = 1,             // anything else: the worker broke the protocol, ...
-  EXIT_USAGE = 2,             // bad command line
-  EXIT_CONTROLLER_TAKEN = 3,  // another controller listens on the socket path
-  EXIT_NO_WORKER = 4,         // the worker binary is missing or cannot run
-  EXIT_WORKER_ENDED = 5,      // the worker ended early or dropped the connection
-  EXIT_CONNECT_ERR = 6,       // CONNECT answered ERR: the stream did not open
-  EXIT_READ_ERR = 7,          // a READ answered ERR
-  EXIT_TIMED_OUT = 8,         // --reply-timeout or --timeout ran out
-  EXIT_OUTPUT = 9,            // the output could not be written
-  EXIT_INTERRUPTED = 130,     // SIGINT or SIGTERM
+  EXIT_OK = 0,                  // the stream was fetched, or stopped as asked
+  EXIT_UNSUPPORTED = 1,         // a scheme (or an IPv6 address) the worker cannot open
+  EXIT_USAGE = 2,               // bad command line
+  EXIT_MALFORMED_URL = 3,       // the URL is malformed
+  EXIT_PROXY_UNRESOLVED = 5,    // cannot resolve the proxy's host
+  EXIT_HOST_UNRESOLVED = 6,     // cannot resolve the host
+  EXIT_CANNOT_CONNECT = 7,      // connection refused or failed (host or proxy)
+  EXIT_NOT_MMS = 8,             // not an MMS server, or it broke the protocol
+  EXIT_PARTIAL = 18,            // the stream ended before its announced length
+  EXIT_WRITE = 23,              // the output cannot be written
+  EXIT_TIMED_OUT = 28,          // a time-out: connecting, --reply-timeout, --timeout
+  EXIT_RECEIVE = 56,            // the worker failed to receive the stream's data (READ ERR)
+  EXIT_CONTROLLER_TAKEN = 120,  // another controller holds the controller socket
+  EXIT_NO_WORKER = 121,         // the worker binary is missing or cannot be run
+  EXIT_WORKER_FAILED = 122,     // the worker died, did not connect or broke the protocol
+  EXIT_SIGNALED = 128,          // + SIGHUP, SIGINT or SIGTERM: stopped by that signal
 };
+
+// The exit statuses as --help lists them, one line each, in order.
+struct ExitStatusLine {
+  int code;
+  const char* meaning;
+};
+const std::vector<ExitStatusLine>& exitStatusLines();
 
 struct Options {
   std::string url;
   std::string outPath;  // empty or "-": standard output
-  std::string worker;   // empty: the halvarine beside this program
-  int count = 0;        // 0: the largest a reply carries
+  std::string worker;   // empty: looked up (see findWorker)
+  int count = 0;        // 0: chosen for the stream
   int window = 4;
-  int64_t maxBytes = -1;  // -1: the whole stream
-  int timeoutS = 0;       // whole run; 0: none
-  int replyTimeoutS = 60;
-  int keepAliveS = 20;
+  int64_t maxBytes = -1;   // -1: no limit
+  int64_t durationMs = 0;  // record this long; 0: no limit
+  int64_t timeoutMs = 0;   // the whole run; 0: none
+  int64_t replyTimeoutMs = 60000;
+  int64_t keepAliveMs = 20000;
+  int retries = 5;  // resumptions in a row that bring nothing new
+  int64_t retryDelayMs = 1000;
   bool keepPartial = false;
   int verbosity = 1;  // 0 --quiet, 1 normal, 2 --verbose, 3 -vv (frames in hex)
 };
@@ -42,6 +60,12 @@ struct Options {
 // exit with at once (after --help or --version, or a usage error, which it
 // has reported).
 int parseOptions(int argc, char** argv, Options& out);
+
+// "10k", "1.5M", "2G" (factors of 1024) or plain bytes. False when malformed.
+bool parseSize(const std::string& text, int64_t& bytes);
+// "0.5", "30s", "1.5m", "2h": seconds, with a fraction and a unit. False
+// when malformed.
+bool parseTime(const std::string& text, int64_t& ms);
 
 }  // namespace fetch
 

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 namespace {
@@ -39,8 +40,8 @@ WaitOutcome waitFor(int fd, short events, int stopFd, int timeoutMs) {
   }
 }
 
-Connection::Connection(int fd, const Faults& faults, int stopFd)
-    : fd_(fd), faults_(faults), stopFd_(stopFd) {}
+Connection::Connection(int fd, const Faults& faults, int stopFd, int64_t rate)
+    : fd_(fd), faults_(faults), stopFd_(stopFd), rate_(rate) {}
 
 Connection::~Connection() {
   if (fd_ < 0) return;
@@ -116,6 +117,20 @@ void Connection::stall() {
   }
 }
 
+// Byte k goes out no sooner than k / rate seconds after the first, in
+// pieces of a fiftieth of a second's worth.
+bool Connection::pace(size_t& piece) {
+  using namespace std::chrono;
+  if (rate_ <= 0) return true;
+  const auto now = steady_clock::now();
+  if (sent_ == 0) firstSend_ = now;
+  piece = std::min<size_t>(piece, static_cast<size_t>(std::max<int64_t>(1, rate_ / 50)));
+  const auto due = firstSend_ + microseconds(sent_ * 1000000 / rate_);
+  if (due <= now) return true;
+  const int waitMs = static_cast<int>(duration_cast<milliseconds>(due - now).count()) + 1;
+  return waitFor(-1, 0, stopFd_, waitMs) == WaitOutcome::TIMEOUT;
+}
+
 void Connection::reset() {
   // "Reset after N bytes" means the client's kernel has the N bytes: a reset
   // drops whatever still waits in our send queue, so a client that reads
@@ -153,6 +168,7 @@ bool Connection::send(const void* buf, size_t n) {
     if (limit >= 0 && static_cast<int64_t>(piece) > limit - sent_) {
       piece = static_cast<size_t>(limit - sent_);
     }
+    if (!pace(piece)) return false;
     if (!sendNow(p, piece)) return false;
     p += piece;
     n -= piece;

@@ -8,7 +8,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <chrono>
 #include <string>
+#include <vector>
 
 #include "tools/asf/asf_file.h"
 #include "tools/mmsserver/server.h"
@@ -17,8 +19,9 @@ class Connection {
  public:
   // Takes ownership of fd. `stopFd`, when not -1, is a descriptor that turns
   // readable when the server stops; every wait watches it, so a stalled or
-  // slow session ends promptly on shutdown.
-  Connection(int fd, const Faults& faults, int stopFd = -1);
+  // slow session ends promptly on shutdown. `rate` (bytes per second, 0: no
+  // limit) paces everything sent.
+  Connection(int fd, const Faults& faults, int stopFd = -1, int64_t rate = 0);
   ~Connection();  // closes (or resets) the socket
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -44,11 +47,14 @@ class Connection {
   bool sendNow(const char* p, size_t n);  // no faults; false when the client is gone
   void stall();                           // until the client leaves or the server stops
   void reset();                           // RST instead of FIN
+  bool pace(size_t& piece);               // waits for the rate; false when stopped
 
   int fd_;
   Faults faults_;
   int stopFd_;
   int64_t sent_ = 0;
+  int64_t rate_;
+  std::chrono::steady_clock::time_point firstSend_;
 };
 
 // The servers' one readiness wait: `fd` ready for `events` (poll flags; -1
@@ -63,7 +69,26 @@ WaitOutcome waitFor(int fd, short events, int stopFd, int timeoutMs);
 // session is over. Header-related faults (truncateHeader, absurdHeaderSize,
 // absurdPacketSize) are the session's to apply; byte-count faults are
 // applied by Connection::send.
-void serveMmshConnection(Connection& conn, const AsfFile& file);
-void serveMmstConnection(Connection& conn, const AsfFile& file);
+// The data packets one session sends: the file's, once; or, live, round and
+// round for ever, each round's times moved on by the length of a round, as
+// a broadcast that runs on has them.
+class PacketSource {
+ public:
+  PacketSource(const AsfFile& file, bool live);
+  bool has(size_t index) const { return !packets_.empty() && (live_ || index < packets_.size()); }
+  // Packet `index` counted from the start of the session; valid until the next call.
+  const std::string& at(size_t index);
+
+ private:
+  const std::vector<std::string>& packets_;
+  const bool live_;
+  const uint32_t roundMs_;  // the file's send duration
+  std::string shifted_;
+};
+
+// `file` is the file as announced (announcedFile); a live stream's packets
+// go round for ever.
+void serveMmshConnection(Connection& conn, const AsfFile& file, const ServerOptions& options);
+void serveMmstConnection(Connection& conn, const AsfFile& file, const ServerOptions& options);
 
 #endif

@@ -25,12 +25,16 @@ const char USAGE[] =
     "         [--absurd-packet-size] [--slow-packet N --slow-bytes N [--slow-gap-ms N]]\n"
     "         [--extra-streams N] [--zero-size-object] [--extension-child-4gib]\n"
     "         [--endless-head-lines | --endless-head-line] [--continue-at-end]\n"
-    "         [--close-before-play]\n"
+    "         [--close-before-play] [--first-connections N]\n"
+    "         [--live] [--rate BYTES_PER_SECOND] [--declared-packets N]\n"
     "Byte counts of --stall-after and --reset-after include protocol bytes.\n"
     "--slow-packet sends the first --slow-bytes bytes of that data packet (from 0)\n"
     "one at a time, --slow-gap-ms apart (default 2500).\n"
     "The last six options send data that libmms 0.6.4 cannot survive.\n"
-    "An MMSH stream takes two connections (describe, play).\n";
+    "An MMSH stream takes two connections (describe, play).\n"
+    "--first-connections N: the faults hit only the first N connections.\n"
+    "--live serves a broadcast whose packets loop for ever; --rate paces any\n"
+    "stream; --declared-packets makes the header announce N data packets.\n";
 
 bool parseNumber(const char* text, long long min, long long& out) {
   char* end = nullptr;
@@ -70,6 +74,8 @@ int main(int argc, char** argv) {
       options.faults.closeBeforePlay = true;
     } else if (arg == "--continue-at-end") {
       options.faults.continueAtEnd = true;
+    } else if (arg == "--live") {
+      options.live = true;
     } else if (!hasValue) {
       std::cerr << USAGE;
       return 2;
@@ -111,6 +117,12 @@ int main(int argc, char** argv) {
       options.faults.slowBytes = static_cast<int>(n);
     } else if (arg == "--slow-gap-ms" && n <= 60000) {
       options.faults.slowGapMs = static_cast<int>(n);
+    } else if (arg == "--first-connections" && n <= 1000000) {
+      options.faults.firstConnections = static_cast<int>(n);
+    } else if (arg == "--rate") {
+      options.rate = n;
+    } else if (arg == "--declared-packets") {
+      options.declaredPackets = n;
     } else if (arg == "--extra-streams" && n <= 1000) {
       options.faults.extraStreams = static_cast<int>(n);
     } else {

@@ -111,7 +111,10 @@ bool isPlayRequest(const std::string& head) {
   return context > 0 && context % 2 == 0;
 }
 
-std::string responseHead(int status, const char* reason, const char* contentType) {
+// `features`: what the stream allows, "seekable,stridx" for a stored file,
+// "broadcast" for a live one.
+std::string responseHead(int status, const char* reason, const char* contentType,
+                         const char* features = nullptr) {
   std::string head = "HTTP/1.0 " + std::to_string(status) + " " + reason + "\r\n";
   head += "Server: halvarine-mms-server\r\n";
   if (contentType != nullptr) {
@@ -119,7 +122,7 @@ std::string responseHead(int status, const char* reason, const char* contentType
     head += "Cache-Control: no-cache\r\n";
     head += "Pragma: no-cache\r\n";
     head += "Pragma: client-id=1\r\n";
-    head += "Pragma: features=\"seekable,stridx\"\r\n";
+    head += std::string("Pragma: features=\"") + features + "\"\r\n";
   }
   head += "\r\n";
   return head;
@@ -156,7 +159,7 @@ bool sendHeader(Connection& conn, const AsfFile& file) {
 
 }  // namespace
 
-void serveMmshConnection(Connection& conn, const AsfFile& file) {
+void serveMmshConnection(Connection& conn, const AsfFile& file, const ServerOptions& options) {
   std::string request;
   if (!conn.readHttpHead(request)) return;
   if (request.compare(0, 4, "GET ") != 0) {
@@ -174,14 +177,16 @@ void serveMmshConnection(Connection& conn, const AsfFile& file) {
   const bool play = isPlayRequest(request);
   if (play && conn.faults().closeBeforePlay) return;
   if (!conn.send(responseHead(
-          200, "OK", play ? "application/x-mms-framed" : "application/vnd.ms.wms-hdr.asfv1"))) {
+          200, "OK", play ? "application/x-mms-framed" : "application/vnd.ms.wms-hdr.asfv1",
+          options.live ? "broadcast" : "seekable,stridx"))) {
     return;
   }
   if (!sendHeader(conn, file) || !play) return;
   auto declared = static_cast<uint16_t>(file.packetSize + EXT_HEADER_LENGTH);
-  for (size_t i = 0; i < file.packets.size(); ++i) {
+  PacketSource packets(file, options.live);
+  for (size_t i = 0; packets.has(i); ++i) {
     if (!conn.send(chunkHead(CHUNK_DATA, static_cast<uint32_t>(i), 0, declared)) ||
-        !sendDataPacket(conn, file.packets[i], i)) {
+        !sendDataPacket(conn, packets.at(i), i)) {
       return;
     }
   }

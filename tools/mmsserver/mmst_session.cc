@@ -27,9 +27,10 @@ constexpr uint32_t kAbsurdPacketBytes = 0x10000000;
 // Reported in replies outside a play run; neither client reads it.
 constexpr uint32_t kPlayIncarnationIdle = 0xF0F0F0EF;
 constexpr uint32_t kOpenFileId = 1;
-// A stored file: libmms takes a file as live unless these attributes say
-// otherwise, and a live stream cannot report its length.
+// A stored file can seek and stride; a live one is a broadcast, which is
+// what libmms looks for in these attributes.
 constexpr uint32_t kFileCanSeekCanStride = 0x01800000;
+constexpr uint32_t kFileBroadcast = 0x02000000;
 
 const char kServerVersion[] = "9.0.0.0";
 const char kFunnelName[] = "Funnel Of The Gods";
@@ -63,8 +64,12 @@ void putDouble(std::string& out, double v) {
 
 class MmstSession {
  public:
-  MmstSession(Connection& conn, const AsfFile& file)
-      : conn_(conn), file_(file), started_(std::chrono::steady_clock::now()) {}
+  MmstSession(Connection& conn, const AsfFile& file, const ServerOptions& options)
+      : conn_(conn),
+        file_(file),
+        options_(options),
+        packets_(file, options.live),
+        started_(std::chrono::steady_clock::now()) {}
 
   void run();
 
@@ -96,6 +101,8 @@ class MmstSession {
 
   Connection& conn_;
   const AsfFile& file_;
+  const ServerOptions& options_;
+  PacketSource packets_;
   const std::chrono::steady_clock::time_point started_;
   uint32_t sequence_ = 0;
   bool connected_ = false;
@@ -238,20 +245,25 @@ MmstSession::Next MmstSession::onOpenFile(const Command&) {
   const uint32_t headerBytes =
       faults.absurdHeaderSize ? kAbsurdHeaderBytes : static_cast<uint32_t>(file_.header.size());
   const uint32_t packetBytes = faults.absurdPacketSize ? kAbsurdPacketBytes : file_.packetSize;
-  const double seconds = static_cast<double>(file_.playDuration100ns) / 1e7;
+  // As the header announces them: a broadcast has no duration and no count.
+  const double fileSeconds = static_cast<double>(file_.playDuration100ns) / 1e7;
+  const double seconds = options_.live ? 0 : fileSeconds;
+  const uint64_t packets = options_.declaredPackets >= 0
+                               ? static_cast<uint64_t>(options_.declaredPackets)
+                               : (options_.live ? 0 : file_.packets.size());
   const uint64_t dataBytes = static_cast<uint64_t>(file_.packets.size()) * file_.packetSize;
-  const uint32_t bitRate = seconds > 0 ? static_cast<uint32_t>(dataBytes * 8 / seconds) : 0;
+  const uint32_t bitRate = fileSeconds > 0 ? static_cast<uint32_t>(dataBytes * 8 / fileSeconds) : 0;
 
   std::string body = replyPrefix(kPlayIncarnationIdle);
   putLe32(body, kOpenFileId);
-  putLe32(body, 0);                      // padding
-  putLe32(body, 0);                      // file name (unused)
-  putLe32(body, kFileCanSeekCanStride);  // not live, not broadcast
+  putLe32(body, 0);  // padding
+  putLe32(body, 0);  // file name (unused)
+  putLe32(body, options_.live ? kFileBroadcast : kFileCanSeekCanStride);
   putDouble(body, seconds);
-  putLe32(body, static_cast<uint32_t>(file_.packets.size()));  // blocks
+  putLe32(body, static_cast<uint32_t>(packets));  // blocks
   body.append(16, '\0');
   putLe32(body, packetBytes);
-  putLe64(body, file_.packets.size());
+  putLe64(body, packets);
   putLe32(body, bitRate);
   putLe32(body, headerBytes);
   body.append(36, '\0');
@@ -376,8 +388,8 @@ MmstSession::Next MmstSession::onStartPlaying(const Command& cmd) {
 }
 
 bool MmstSession::sendNextPacket() {
-  if (nextPacket_ < file_.packets.size()) {
-    const std::string& payload = file_.packets[nextPacket_];
+  if (packets_.has(nextPacket_)) {
+    const std::string& payload = packets_.at(nextPacket_);
     std::string packet = mmst::makeDataPrefix(static_cast<uint32_t>(nextPacket_), mediaIncarnation_,
                                               0, payload.size());
     const size_t index = nextPacket_++;
@@ -399,6 +411,6 @@ MmstSession::Next MmstSession::onCloseFile(const Command&) {
 
 }  // namespace
 
-void serveMmstConnection(Connection& conn, const AsfFile& file) {
-  MmstSession(conn, file).run();
+void serveMmstConnection(Connection& conn, const AsfFile& file, const ServerOptions& options) {
+  MmstSession(conn, file, options).run();
 }

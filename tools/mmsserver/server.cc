@@ -47,6 +47,7 @@ struct MmsTestServer::Impl {
   Fd stopRead;
   Fd stopWrite;
   uint16_t port = 0;
+  int accepted = 0;
   std::atomic<int> served{0};
   std::thread thread;
 
@@ -55,7 +56,7 @@ struct MmsTestServer::Impl {
 };
 
 MmsTestServer::MmsTestServer(const AsfFile& file, const ServerOptions& options) : impl_(new Impl) {
-  impl_->file = file;
+  impl_->file = announcedFile(file, options);
   impl_->options = options;
 }
 
@@ -125,14 +126,16 @@ void MmsTestServer::Impl::run() {
 }
 
 void MmsTestServer::Impl::serveOne(int fd) {
-  if (options.faults.refuse) {
+  const int first = options.faults.firstConnections;
+  const Faults faults = first <= 0 || accepted++ < first ? options.faults : Faults();
+  if (faults.refuse) {
     close(fd);
     return;
   }
-  Connection conn(fd, options.faults, stopRead.get());
+  Connection conn(fd, faults, stopRead.get(), options.rate);
   if (options.transport == Transport::MMSH) {
-    serveMmshConnection(conn, file);
+    serveMmshConnection(conn, file, options);
   } else {
-    serveMmstConnection(conn, file);
+    serveMmstConnection(conn, file, options);
   }
 }

@@ -19,6 +19,10 @@ enum class Transport { MMSH, MMST };
 // What the server does wrong. Byte counts are of the bytes the server sends
 // on one connection, protocol bytes included.
 struct Faults {
+  // The faults below apply to the first `firstConnections` TCP connections
+  // the server accepts; later ones are served cleanly (0: every connection).
+  // An MMSH open takes two: describe, then play.
+  int firstConnections = 0;
   bool refuse = false;            // close each connection right after accept
   int64_t stallAfter = -1;        // stop sending (keep the socket open)
   int64_t resetAfter = -1;        // RST the connection after this many bytes
@@ -73,7 +77,22 @@ struct ServerOptions {
   std::string address = "127.0.0.1";
   uint16_t port = 0;  // 0: pick a free port
   Faults faults;
+  // What the stream is, on every connection whatever the faults:
+  // A broadcast: the header says so (no length, not seekable) and the
+  // packets go round in a loop for ever.
+  bool live = false;
+  // Bytes per second on each connection, protocol bytes included; 0: as
+  // fast as the client reads.
+  int64_t rate = 0;
+  // The header announces this many data packets (and the length they make)
+  // while the server sends the packets it has; -1: the packets it has.
+  int64_t declaredPackets = -1;
 };
+
+// The file as the server announces it under `options`: the header marked
+// as a broadcast and announcing the declared packets; the rest (packets,
+// the file's own duration) as they are.
+AsfFile announcedFile(const AsfFile& file, const ServerOptions& options);
 
 // Runs a server on its own thread until destroyed. Connections are served
 // one after another, so a client that holds its connection open (or a stall)

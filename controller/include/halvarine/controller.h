@@ -10,6 +10,7 @@
 //   connection.h     the listener and the accepted connection
 //   session.h        one worker run: listener, child process, connection
 //   pipeline.h       requests in flight, keep-alive, the READ loop
+//   diagnosis.h      why a CONNECT failed, from the worker's lines
 //   child_process.h  the child-process owner the session uses
 //   fd.h             the descriptor owner
 //
@@ -18,6 +19,7 @@
 
 #include <halvarine/child_process.h>
 #include <halvarine/connection.h>
+#include <halvarine/diagnosis.h>
 #include <halvarine/fd.h>
 #include <halvarine/pipeline.h>
 #include <halvarine/protocol.h>

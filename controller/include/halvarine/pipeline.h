@@ -134,7 +134,17 @@ class RequestPipeline {
 struct StreamFetchOptions {
   int count = maxReadCount();  // bytes asked for by each READ, 1..maxReadCount()
   int window = 4;              // READs in flight at once, at least 1
-  int64_t maxBytes = -1;       // stop after this many bytes; -1: the whole stream
+  // Stop after this many bytes received, skipped ones included; -1: the
+  // whole stream.
+  int64_t maxBytes = -1;
+  // Resuming: the first `skip` bytes received are dropped, so that a stream
+  // opened again (a new CONNECT) continues where an earlier fetch of it
+  // stopped.
+  uint64_t skip = 0;
+  // When not 0, bytes reach the output only in whole units of this many,
+  // counted from the first byte kept (an ASF stream's data packets,
+  // say), so that however the fetch ends the output ends at a unit's end.
+  uint32_t unit = 0;
 };
 
 // What the READ loop delivered.
@@ -144,10 +154,15 @@ struct StreamFetchResult {
   bool endOfStream = false;  // a READ was answered "EOF"
   uint64_t reads = 0;        // READ replies with data
   std::string error;         // why, when status is not DONE
+  // With a unit: the bytes received after the last whole unit, not
+  // written. At the end of the stream the caller decides whether they
+  // belong to the output.
+  std::string tail;
 };
 
 // Reads the open stream with READs until "EOF" or `maxBytes`, writing the
-// bytes to `outFd` in stream order (-1: count them only). Replies keep being
+// bytes to `outFd` in stream order (-1: count them only), less those
+// skipped and the tail of an incomplete unit. Replies keep being
 // received while the output is slow, so the worker is never left unable to
 // send; no new READ goes out while more than a window's worth of bytes waits
 // for the output. A pipe or terminal is written in pieces it takes without

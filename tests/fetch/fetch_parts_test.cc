@@ -1,0 +1,114 @@
+// halvarine-fetch's parts without processes: the command line, the URL as
+// the worker will take it, the documents against the exit statuses, and a
+// recording cut short made readable.
+
+#include <gtest/gtest.h>
+
+#include <iterator>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <tuple>
+
+#include "tests/support/support.h"
+#include "tools/fetch/options.h"
+#include "tools/fetch/output.h"
+#include "tools/fetch/url.h"
+
+namespace {
+
+TEST(FetchParts, CommandLine) {
+  // The arguments, the status (-1: go on), the fields that matter.
+  const std::vector<std::tuple<std::string, int, std::string>> rows = {
+      {"-qv -oF -- -u", -1, "-u F v2 max-1 dur0 retry5/1000"},
+      {"u --max-bytes 10k --duration=0.5 --retry-delay=2h", -1,
+       "u  v1 max10240 dur500 retry5/7200000"},
+      {"--max-bytes=1.5M --duration 1.5m u --retry 0", -1, "u  v1 max1572864 dur90000 retry0/1000"},
+      {"u --duration 5x", 2, ""},
+      {"u --keep-alive 60", 2, ""},
+      {"u -z", 2, ""},
+      {"", 2, ""},
+      {"a b", 2, ""}};
+  for (const auto& row : rows) {
+    std::istringstream words(std::get<0>(row));
+    std::vector<std::string> args = {"halvarine-fetch"};
+    args.insert(args.end(), std::istream_iterator<std::string>(words), {});
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(&a[0]);
+    fetch::Options o;
+    EXPECT_EQ(std::get<1>(row), fetch::parseOptions(static_cast<int>(argv.size()), argv.data(), o))
+        << std::get<0>(row);
+    if (std::get<1>(row) != -1) continue;
+    std::ostringstream parsed;
+    parsed << o.url << " " << o.outPath << " v" << o.verbosity << " max" << o.maxBytes << " dur"
+           << o.durationMs << " retry" << o.retries << "/" << o.retryDelayMs;
+    EXPECT_EQ(std::get<2>(row), parsed.str());
+  }
+}
+
+TEST(FetchParts, UrlAsTheWorkerTakesIt) {
+  // The URL, http_proxy, no_proxy; the status (-1: usable), what CONNECT sends.
+  const std::vector<std::tuple<const char*, const char*, const char*, int, const char*>> rows = {
+      {"MMSH://Host:8080/a", "", "", -1, "mmsh://Host:8080/a"},
+      {"ftp://h/x", "", "", 1, ""},
+      {"mms://[::1]:1755/x", "", "", 1, ""},
+      {"mms://h:65536/x", "", "", 3, ""},
+      {"h/x", "", "", 3, ""},
+      {"/mmsh://h/x", "", "", 3, ""},
+      {"http://p:3128/mmst://h/x", "", "", 1, ""},
+      {"mms://h/x", "p:3128", "", -1, "http://p:3128/mms://h/x"},
+      {"mmst://h/x", "p:3128", "", -1, "mmst://h/x"},
+      {"mms://a.example.com/x", "http://p:3128/", "x.org, .example.com", -1,
+       "mms://a.example.com/x"},
+      {"mms://example.com.evil/x", "p:3128", "example.com", -1,
+       "http://p:3128/mms://example.com.evil/x"},
+      {"mms://h/x", "https://p", "", 3, ""}};
+  for (const auto& row : rows) {
+    const fetch::PreparedUrl p =
+        fetch::prepareUrl(std::get<0>(row), std::get<1>(row), std::get<2>(row));
+    EXPECT_EQ(std::get<3>(row), p.status) << std::get<0>(row) << ": " << p.why;
+    EXPECT_EQ(std::get<4>(row), p.url) << std::get<0>(row);
+  }
+}
+
+// --help lists the statuses from their one table; the README and the
+// manual page must list the same numbers.
+TEST(FetchParts, DocumentsListEveryExitStatus) {
+  std::set<int> codes;
+  for (const fetch::ExitStatusLine& line : fetch::exitStatusLines()) codes.insert(line.code);
+  const std::string readme = support::readFile(HALVARINE_SOURCE_DIR "/README.md");
+  const std::string manual = support::readFile(HALVARINE_SOURCE_DIR "/man/halvarine-fetch.1");
+  const std::string section = readme.substr(readme.find("## halvarine-fetch"));
+  for (const auto& doc : {std::make_pair(section, std::regex("\n\\| ([0-9]+) \\|")),
+                          std::make_pair(manual.substr(manual.find(".SH EXIT STATUS")),
+                                         std::regex("\n\\.TP\n\\.B ([0-9]+)\n"))}) {
+    std::set<int> listed;
+    for (std::sregex_iterator m(doc.first.begin(), doc.first.end(), doc.second), end; m != end;
+         ++m) {
+      listed.insert(std::stoi((*m)[1]));
+    }
+    EXPECT_EQ(codes, listed);
+  }
+}
+
+TEST(FetchParts, RecordingCutShortKeepsWholePacketsAndSaysSo) {
+  const AsfFile& f = support::sampleAsf();
+  support::TempDir dir;
+  const volatile sig_atomic_t noStop = 0;
+  const std::string data = f.packets[0] + f.packets[1] + f.packets[2].substr(0, 1000);
+  {
+    fetch::Output out;
+    ASSERT_TRUE(out.open(dir.file("rec.asf")));
+    ASSERT_TRUE(out.write(f.header + data, &noStop));
+    ASSERT_TRUE(out.finishRecording(f.header, data.size(), f.packetSize)) << out.error();
+    ASSERT_TRUE(out.commit());
+  }
+  AsfFile cut;
+  std::string error;
+  ASSERT_TRUE(loadAsfFile(dir.file("rec.asf"), cut, error)) << error;
+  EXPECT_EQ((std::vector<std::string>{f.packets[0], f.packets[1]}), cut.packets);
+  EXPECT_EQ(f.header.size() + 2 * f.packetSize, cut.fileSize);
+  EXPECT_EQ(cut.fileSize, support::readFile(dir.file("rec.asf")).size());
+}
+
+}  // namespace
