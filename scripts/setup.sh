@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg dpkg-dev
+PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg dpkg-dev pkgconf
           tinyproxy vlc-bin vlc-plugin-base iproute2 nftables valgrind)
 
 . scripts/lib/packages.sh

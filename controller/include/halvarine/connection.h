@@ -10,7 +10,7 @@
 
 #include <halvarine/fd.h>
 #include <halvarine/protocol.h>
-#include <sys/types.h>
+#include <stdint.h>
 
 #include <string>
 
@@ -115,8 +115,11 @@ class ControllerListener {
 
   UniqueFd fd_;
   std::string path_;
-  dev_t dev_ = 0;
-  ino_t ino_ = 0;
+  // The socket file made here. Fixed widths: dev_t and ino_t change size
+  // with _FILE_OFFSET_BITS on 32-bit systems, and the class must have one
+  // layout whatever its user compiles with.
+  uint64_t dev_ = 0;
+  uint64_t ino_ = 0;
   std::string error_;
   Failure failure_ = Failure::NONE;
 };

@@ -3,8 +3,8 @@
 
 // The controller's side of the frame format: request frames built and reply
 // frames judged strictly, and the words both sides agree on. Pure code, no
-// I/O. The byte layout is the worker's own codec, compiled into this
-// library; nothing here restates it.
+// I/O. Frames are built and cut by the worker's own codec, compiled into
+// this library, so both sides agree byte for byte. The layout:
 //
 //   frame    0x16 0x16 0x02, 9-byte header, body, 0x03
 //   header   0x00, checksum (2), kind, echo byte, 0x00, body length (2), 0x00
