@@ -18,8 +18,8 @@ struct Option {
 };
 
 const Option kOptions[] = {
-#define HALVARINE_FAULT_OPTION(flag, field, type, init, max, help)                              \
-  {flag, !std::is_same<type, bool>::value, max, help,                                           \
+#define HALVARINE_FAULT_OPTION(flag, field, type, init, max, help) \
+  {flag, !std::is_same<type, bool>::value, max, help,              \
    [](Faults& f, int64_t v) { f.field = static_cast<type>(v); }},
 #include "tools/mmsserver/fault_table.inc"
 };
@@ -75,8 +75,8 @@ std::string faultUsage() {
 
 const std::vector<FaultCase>& faultCases() {
   static const std::vector<FaultCase> cases = {
-#define HALVARINE_FAULT_CASE(id, section, transport, outcome, arguments, fault, required, observed, \
-                             test)                                                                \
+#define HALVARINE_FAULT_CASE(id, section, transport, outcome, arguments, fault, required, \
+                             observed, test)                                              \
   {id, section, transport, outcome, arguments, fault, required, observed, test},
 #include "tools/mmsserver/fault_table.inc"
   };

@@ -74,10 +74,11 @@ Link::Link(Connection& conn, const Faults& faults, int64_t rate, int index)
     : conn_(conn), faults_(faults), rate_(rate) {
   if (faults_.mutateSeed > 0) {
     // One run of mutations per seed and connection, whatever the timing; a
-    // seed also picks how often they come, from every 4th send to every 32nd.
+    // seed also picks how often they come, from every 16th send to every
+    // 128th (a stream of the sample is about 140 sends).
     const uint64_t seed = static_cast<uint64_t>(faults_.mutateSeed);
     random_.seed(seed * 1000003 + static_cast<uint64_t>(index));
-    mutateOneIn_ = uint64_t{4} << (seed % 4);
+    mutateOneIn_ = uint64_t{16} << (seed % 4);
   }
 }
 
@@ -152,7 +153,8 @@ bool Link::deliver(const char* p, size_t n, const Delivery& how) {
       return false;
     }
     size_t piece = drip ? 1 : n - done;
-    if (done < how.dripUntil) piece = std::min(piece, std::min(how.dripPiece, how.dripUntil - done));
+    if (done < how.dripUntil)
+      piece = std::min(piece, std::min(how.dripPiece, how.dripUntil - done));
     if (limit >= 0) piece = std::min(piece, static_cast<size_t>(limit - sent_));
     if (how.resetAt >= 0) piece = std::min(piece, static_cast<size_t>(how.resetAt) - done);
     if (!pace(piece) || !conn_.write(p + done, piece)) return false;
