@@ -24,8 +24,9 @@ struct ServerOptions {
   uint16_t port = 0;  // 0: pick a free port
   Faults faults;
   // What the stream is, on every connection whatever the faults.
-  // A broadcast: the header says so (no length, not seekable) and the
-  // packets go round in a loop for ever.
+  // A broadcast: the header says so as live servers do (no length, not
+  // seekable; libmms 0.6.4 then reports the header and 50 packets as its
+  // length) and the packets go round for ever.
   bool live = false;
   // Bytes per second on each connection, protocol bytes included; 0: as
   // fast as the client reads.
