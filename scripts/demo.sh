@@ -25,7 +25,7 @@ cmake --build "$BUILD" -j"$(nproc)" --target halvarine halvarine-fetch halvarine
 
 SERVER=$BUILD/tools/mmsserver/halvarine-mms-server
 FETCH=$BUILD/halvarine-fetch
-REFERENCE=$BUILD/tools/mmsserver/libmms-fetch
+REFERENCE=$BUILD/tools/libmms-fetch/libmms-fetch
 OUT=${1:-$(mktemp -d "${TMPDIR:-/tmp}/halvarine-demo-XXXXXX")}
 mkdir -p "$OUT"
 

@@ -24,29 +24,28 @@ TEST_F(Soak, CyclesLeakNeitherMemoryNorDescriptors) {
   const int cycles = text != nullptr && atoi(text) > WARM_UP ? atoi(text) : 300;
   MmsTestServer* servers[] = {&startServer(Transport::MMST), &startServer(Transport::MMSH)};
   const pid_t pid = session.worker().pid();
-  const std::string head = asfStreamBytes(support::sampleAsf()).substr(0, 65511);
+  const std::string head =
+      asfStreamBytes(support::sampleAsf()).substr(0, halvarine::maxReadCount());
 
-  long baseRss = 0, peakRss = 0, baseFds = 0, peakFds = 0, lastFds = 0;
+  long baseRss = 0, peakRss = 0, baseFds = 0, peakFds = 0;
   const auto start = support::Clock::now();
   for (int i = 1; i <= cycles; ++i) {
     ASSERT_EQ("OK_", connect(servers[i % 2]->url()).status()) << "cycle " << i;
-    const halvarine::Reply r = read(65511);
+    const halvarine::Reply r = read(halvarine::maxReadCount());
     ASSERT_EQ("OK_", r.status()) << "cycle " << i;
     ASSERT_TRUE(r.values().at(1).bytes == head) << "cycle " << i;
     ASSERT_EQ("OK_", command("CLOSE").status()) << "cycle " << i;
     session.worker().output();  // about ten lines a cycle: a full pipe blocks the worker
     if (i == WARM_UP) {
       baseRss = peakRss = support::residentKb(pid);
-      baseFds = peakFds = lastFds = support::openFds(pid);
+      baseFds = peakFds = support::openFds(pid);
     } else if (i > WARM_UP && (i % 10 == 0 || i == cycles)) {
       peakRss = std::max(peakRss, support::residentKb(pid));
-      lastFds = support::openFds(pid);
-      peakFds = std::max(peakFds, lastFds);
+      peakFds = std::max(peakFds, support::openFds(pid));
     }
   }
   EXPECT_LE(peakRss - baseRss, RSS_MARGIN_KB) << "resident memory grows";
   EXPECT_EQ(baseFds, peakFds) << "descriptors leak";
-  EXPECT_EQ(baseFds, lastFds);
   std::cout << "[ observed ] Soak: " << cycles << " cycles in " << support::secondsSince(start)
             << " s; VmRSS " << baseRss << " kB after warm-up, peak " << peakRss
             << " kB; descriptors " << baseFds << ", peak " << peakFds << std::endl;

@@ -220,6 +220,30 @@ RunResult libmmsFetch(const std::string& url, const TempDir& dir, std::string& b
   return r;
 }
 
+// ---- The fault matrix
+
+std::vector<FaultRow> faultRows(const std::vector<std::string>& outcomes) {
+  std::vector<FaultRow> rows;
+  for (const FaultCase& c : faultCases()) {
+    if (std::find(outcomes.begin(), outcomes.end(), c.outcome) == outcomes.end()) continue;
+    FaultRow r;
+    r.row = c;
+    std::string error;
+    if (!parseFaults(c.arguments, r.faults, error)) ADD_FAILURE() << c.id << ": " << error;
+    const bool both = c.transport == "both";
+    if (both || c.transport == "mmst" || c.transport == "-") {
+      r.name = c.id + (c.transport == "-" ? "" : "Mmst");
+      rows.push_back(r);
+    }
+    if (both || c.transport == "mmsh") {
+      r.transport = Transport::MMSH;
+      r.name = c.id + "Mmsh";
+      rows.push_back(r);
+    }
+  }
+  return rows;
+}
+
 // ---- Sockets
 
 namespace {

@@ -99,6 +99,27 @@ bool libmmsStream(const std::string& url, std::string& out, uint32_t* length = n
 RunResult libmmsFetch(const std::string& url, const TempDir& dir, std::string& bytes,
                       int timeoutMs = 30000);
 
+// ---- The fault matrix (tools/mmsserver/faults.tsv)
+
+// A case row of the fault table as a test runs it: one per transport.
+struct FaultRow {
+  FaultCase row;
+  Transport transport = Transport::MMST;  // MMST too for a row without one
+  std::string name;                       // the id, with Mmst or Mmsh for a transport
+  Faults faults;                          // from the row's arguments
+};
+inline void PrintTo(const FaultRow& r, std::ostream* os) {
+  *os << r.name;
+}
+// The rows whose outcome kind is one of `outcomes`.
+std::vector<FaultRow> faultRows(const std::vector<std::string>& outcomes);
+// The name gtest shows for a FaultRow parameter.
+struct FaultRowName {
+  std::string operator()(const ::testing::TestParamInfo<FaultRow>& info) const {
+    return info.param.name;
+  }
+};
+
 // ---- Sockets
 
 // A Unix-domain socket bound to `path`, not listening; or connected to it.

@@ -10,14 +10,8 @@
 // headers (tinyproxy does), the play request arrives without "xPlayStrm=1";
 // isPlayRequest() then goes by the request counter in the first Pragma line.
 //
-// The header faults as this transport shows them: truncateHeader announces
-// the whole header, sends its first bytes and closes; absurdHeaderSize
-// announces a 0xFFFF-byte header chunk (the most 16 bits say), sends the
-// real header and closes; absurdPacketSize declares 1 GiB packets in the
-// File Properties Object and otherwise streams as usual.
-//
-// The hazard faults of this transport: a response head that never ends, and
-// an end chunk that announces another stream each time it is sent.
+// A live stream says "broadcast" where a stored file says "seekable", and
+// its packets never end.
 
 #include <ctype.h>
 #include <stdlib.h>
@@ -26,7 +20,7 @@
 
 #include <algorithm>
 
-#include "tools/mmsserver/connection.h"
+#include "tools/mmsserver/sessions.h"
 
 namespace {
 
@@ -37,9 +31,6 @@ constexpr uint16_t EXT_HEADER_LENGTH = 8;
 constexpr uint16_t END_REASON_LENGTH = 4;
 constexpr size_t MAX_CHUNK_BODY = 0xFFFF - EXT_HEADER_LENGTH;
 constexpr uint8_t HEADER_AF_FLAGS = 0x0C;  // first and last piece of the header
-// What absurdPacketSize declares: far past what either client buffers
-// (libmms takes up to 100 KiB, ffmpeg 64 KiB).
-constexpr uint32_t ABSURD_PACKET_SIZE = 0x40000000;
 
 // `declared` is what the length fields say; normally the body's own length.
 std::string chunkHead(uint16_t type, uint32_t sequence, uint8_t afFlags, uint16_t declared) {
@@ -60,19 +51,6 @@ std::string endChunk(bool another) {
   putLe16(chunk, END_REASON_LENGTH);
   putLe32(chunk, another ? 1 : 0);
   return chunk;
-}
-
-// A response head without end: the status line, then header lines (or one
-// line) for as long as the client takes them. Returns when it has left or
-// the server stops.
-void sendEndlessHead(Connection& conn) {
-  const Faults& faults = conn.faults();
-  if (!conn.send("HTTP/1.0 200 OK\r\n")) return;
-  if (faults.endlessHeadLine && !conn.send("X-Filler: ")) return;
-  std::string block;
-  while (block.size() < 4096) block += faults.endlessHeadLine ? "aaaaaaaa" : "X-Filler: a\r\n";
-  while (conn.send(block)) {
-  }
 }
 
 // Where `token` first occurs in `head`, ignoring case; npos when nowhere.
@@ -128,82 +106,44 @@ std::string responseHead(int status, const char* reason, const char* contentType
   return head;
 }
 
-// Sends the ASF header as header chunks, applying the header faults. False
-// when the session must end here.
-bool sendHeader(Connection& conn, const AsfFile& file) {
-  const Faults& faults = conn.faults();
-  std::string header = servedHeader(file, faults);
-  if (faults.absurdPacketSize) patchPacketSize(header, ABSURD_PACKET_SIZE);
-  if (faults.absurdHeaderSize) {
-    // The most a 16-bit chunk length can claim, with far fewer bytes behind it.
-    if (conn.send(chunkHead(CHUNK_ASF_HEADER, 0, HEADER_AF_FLAGS, 0xFFFF))) conn.send(header);
-    return false;
-  }
-  size_t limit = header.size();
-  if (faults.truncateHeader >= 0) {
-    limit = std::min(limit, static_cast<size_t>(faults.truncateHeader));
-  }
-  // A header too long for one chunk goes in several; libmms joins them.
-  for (size_t at = 0; at < header.size(); at += MAX_CHUNK_BODY) {
-    size_t body = std::min(MAX_CHUNK_BODY, header.size() - at);
-    auto declared = static_cast<uint16_t>(body + EXT_HEADER_LENGTH);
-    if (!conn.send(chunkHead(CHUNK_ASF_HEADER, 0, HEADER_AF_FLAGS, declared))) return false;
-    if (at + body > limit) {
-      conn.send(header.data() + at, limit > at ? limit - at : 0);
-      return false;
-    }
-    if (!conn.send(header.data() + at, body)) return false;
-  }
-  return true;
-}
+// The header goes in chunks of at most MAX_CHUNK_BODY bytes (libmms joins
+// them); an absurd size is the most one chunk can declare, with only the
+// real header behind it.
+const HeaderFraming kHeaderFraming = {
+    MAX_CHUNK_BODY, MAX_CHUNK_BODY, false, [](uint64_t, size_t n, uint64_t) {
+      return chunkHead(CHUNK_ASF_HEADER, 0, HEADER_AF_FLAGS,
+                       static_cast<uint16_t>(n + EXT_HEADER_LENGTH));
+    }};
 
 }  // namespace
 
-void serveMmshConnection(Connection& conn, const AsfFile& file, const ServerOptions& options) {
+void serveMmshConnection(Link& link, const AsfFile& file, const ServerOptions& options) {
   std::string request;
-  if (!conn.readHttpHead(request)) return;
+  if (!link.connection().readHttpHead(request)) return;
   if (request.compare(0, 4, "GET ") != 0) {
-    conn.send(responseHead(405, "Method Not Allowed", nullptr));
+    link.send(responseHead(405, "Method Not Allowed", nullptr));
     return;
   }
   if (file.packetSize > MAX_CHUNK_BODY) {
-    conn.send(responseHead(500, "Packets Too Large For Chunks", nullptr));
-    return;
-  }
-  if (conn.faults().endlessHeadLines || conn.faults().endlessHeadLine) {
-    sendEndlessHead(conn);
+    link.send(responseHead(500, "Packets Too Large For Chunks", nullptr));
     return;
   }
   const bool play = isPlayRequest(request);
-  if (play && conn.faults().closeBeforePlay) return;
-  if (!conn.send(responseHead(
+  if (play && !link.answersPlay()) return;
+  if (!link.sendResponseHead(responseHead(
           200, "OK", play ? "application/x-mms-framed" : "application/vnd.ms.wms-hdr.asfv1",
-          options.live ? "broadcast" : "seekable,stridx"))) {
+          options.live ? "broadcast" : "seekable,stridx")) ||
+      !link.sendHeader(link.header(file), kHeaderFraming) || !play) {
     return;
   }
-  if (!sendHeader(conn, file) || !play) return;
   auto declared = static_cast<uint16_t>(file.packetSize + EXT_HEADER_LENGTH);
   PacketSource packets(file, options.live);
   for (size_t i = 0; packets.has(i); ++i) {
-    if (!conn.send(chunkHead(CHUNK_DATA, static_cast<uint32_t>(i), 0, declared)) ||
-        !sendDataPacket(conn, packets.at(i), i)) {
+    if (!link.sendPacket(i, chunkHead(CHUNK_DATA, static_cast<uint32_t>(i), 0, declared),
+                         packets.at(i))) {
       return;
     }
   }
-  conn.send(endChunk(conn.faults().continueAtEnd));
-}
-
-bool sendDataPacket(Connection& conn, const std::string& packet, size_t index) {
-  const Faults& faults = conn.faults();
-  if (faults.slowPacket < 0 || index != static_cast<size_t>(faults.slowPacket)) {
-    return conn.send(packet);
-  }
-  const size_t slow = std::min(packet.size(), static_cast<size_t>(std::max(faults.slowBytes, 0)));
-  for (size_t b = 0; b < slow; ++b) {
-    if (!conn.send(packet.data() + b, 1)) return false;
-    // Waits out the gap unless the client speaks or leaves first; either
-    // way the next send tells.
-    conn.readable(faults.slowGapMs);
-  }
-  return conn.send(packet.data() + slow, packet.size() - slow);
+  link.send(endChunk(link.anotherStreamFollows()));
+  link.streamEnded();
 }

@@ -9,20 +9,20 @@
 #include <string.h>
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 
-#include "tools/mmsserver/connection.h"
+#include "base/clock.h"
 #include "tools/mmsserver/mmst_wire.h"
+#include "tools/mmsserver/sessions.h"
 
 namespace {
 
 using mmst::Command;
 
-// Declared instead of the real values by the header faults. Far beyond what
-// any client buffers, yet not so near 2^32 that a client's arithmetic wraps.
+// Declared by an absurd header size, zeros behind the real header. Far
+// beyond what any client buffers, yet not so near 2^32 that a client's
+// arithmetic wraps.
 constexpr uint32_t kAbsurdHeaderBytes = 0x10000000;
-constexpr uint32_t kAbsurdPacketBytes = 0x10000000;
 
 // Reported in replies outside a play run; neither client reads it.
 constexpr uint32_t kPlayIncarnationIdle = 0xF0F0F0EF;
@@ -64,12 +64,15 @@ void putDouble(std::string& out, double v) {
 
 class MmstSession {
  public:
-  MmstSession(Connection& conn, const AsfFile& file, const ServerOptions& options)
-      : conn_(conn),
+  MmstSession(Link& link, const AsfFile& file, const ServerOptions& options)
+      : link_(link),
+        conn_(link.connection()),
         file_(file),
         options_(options),
         packets_(file, options.live),
-        started_(std::chrono::steady_clock::now()) {}
+        header_(link.header(file)),
+        framing_(headerFraming(file.packetSize)),
+        startedMs_(nowMs()) {}
 
   void run();
 
@@ -86,7 +89,7 @@ class MmstSession {
   Next dispatch(const Command& cmd);
   bool reply(uint16_t id, const std::string& body);
   bool sendNextPacket();
-  bool sendHeader(uint8_t incarnation);
+  static HeaderFraming headerFraming(uint32_t packetSize);
   std::string replyPrefix(uint32_t playIncarnation) const;
 
   Next onConnect(const Command& cmd);
@@ -99,11 +102,14 @@ class MmstSession {
   Next onPong(const Command& cmd);
   Next onCloseFile(const Command& cmd);
 
+  Link& link_;
   Connection& conn_;
   const AsfFile& file_;
   const ServerOptions& options_;
   PacketSource packets_;
-  const std::chrono::steady_clock::time_point started_;
+  const std::string header_;  // as served
+  const HeaderFraming framing_;
+  const int64_t startedMs_;
   uint32_t sequence_ = 0;
   bool connected_ = false;
   bool opened_ = false;
@@ -168,10 +174,8 @@ MmstSession::Next MmstSession::dispatch(const Command& cmd) {
 }
 
 bool MmstSession::reply(uint16_t id, const std::string& body) {
-  const auto elapsed = std::chrono::steady_clock::now() - started_;
-  const uint64_t time100ns = static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count() / 100);
-  return conn_.send(mmst::makeCommand(mmst::kToClient, id, sequence_++, time100ns, body));
+  const uint64_t time100ns = static_cast<uint64_t>(msSince(startedMs_)) * 10000;
+  return link_.send(mmst::makeCommand(mmst::kToClient, id, sequence_++, time100ns, body));
 }
 
 // Every report starts with a result (0: success) and a play incarnation.
@@ -241,10 +245,9 @@ MmstSession::Next MmstSession::onOpenFile(const Command&) {
     return Next::kEnd;
   }
   opened_ = true;
-  const Faults& faults = conn_.faults();
-  const uint32_t headerBytes =
-      faults.absurdHeaderSize ? kAbsurdHeaderBytes : static_cast<uint32_t>(file_.header.size());
-  const uint32_t packetBytes = faults.absurdPacketSize ? kAbsurdPacketBytes : file_.packetSize;
+  const auto headerBytes =
+      static_cast<uint32_t>(link_.declaredHeaderSize(header_.size(), framing_));
+  const uint32_t packetBytes = link_.declaredPacketSize(file_.packetSize);
   // As the header announces them: a broadcast has no duration and no count.
   const double fileSeconds = static_cast<double>(file_.playDuration100ns) / 1e7;
   const double seconds = options_.live ? 0 : fileSeconds;
@@ -287,58 +290,26 @@ MmstSession::Next MmstSession::onReadBlock(const Command& cmd) {
   std::string body = replyPrefix(incarnation);
   putLe32(body, 0);  // play sequence
   if (!reply(mmst::sc::kReportReadBlock, body)) return Next::kEnd;
-  return sendHeader(static_cast<uint8_t>(incarnation)) ? Next::kGoOn : Next::kEnd;
+  HeaderFraming framing = framing_;
+  framing.prefix = [piece = framing.piece, incarnation](uint64_t at, size_t n, uint64_t total) {
+    const uint8_t flags = at == 0 && at + n == total ? mmst::kHeaderWhole
+                          : at + n == total          ? mmst::kHeaderLast
+                                                     : mmst::kHeaderMore;
+    return mmst::makeDataPrefix(static_cast<uint32_t>(at / piece),
+                                static_cast<uint8_t>(incarnation), flags, n);
+  };
+  return link_.sendHeader(header_, framing) ? Next::kGoOn : Next::kEnd;
 }
 
-// Sends the ASF header in packets of at most one ASF packet's size. False
-// when the session must end: a send failed or a header fault cut it short.
-bool MmstSession::sendHeader(uint8_t incarnation) {
-  const Faults& faults = conn_.faults();
-  std::string patched = servedHeader(file_, faults);
-  const std::string* header = &patched;
-  if (faults.absurdPacketSize) {
-    // Clients take the packet size from the File Properties Object, not
-    // from the open-file report, so the absurd size is written there too.
-    if (!patchPacketSize(patched, kAbsurdPacketBytes)) {
-      logLine("no File Properties Object to declare an absurd packet size in");
-    }
-  }
-  // With an absurd declared header size the server keeps its word: the real
-  // header is followed by zero filler up to the declared size.
-  const uint64_t total = faults.absurdHeaderSize ? kAbsurdHeaderBytes : header->size();
-  const uint64_t cut = faults.truncateHeader >= 0
-                           ? std::min<uint64_t>(total, static_cast<uint64_t>(faults.truncateHeader))
-                           : total;
-  size_t piece = file_.packetSize == 0 ? 4096 : file_.packetSize;
-  if (piece > mmst::kMaxDataPayload) piece = mmst::kMaxDataPayload;
-
-  std::string filler;
-  uint32_t location = 0;
-  for (uint64_t at = 0; at < total; at += piece, ++location) {
-    const size_t n = static_cast<size_t>(std::min<uint64_t>(piece, total - at));
-    const bool first = at == 0;
-    const bool last = at + n == total;
-    const uint8_t flags = first && last ? mmst::kHeaderWhole
-                          : last        ? mmst::kHeaderLast
-                                        : mmst::kHeaderMore;
-    std::string packet = mmst::makeDataPrefix(location, incarnation, flags, n);
-    if (at < header->size()) {
-      const size_t real = std::min<size_t>(n, header->size() - static_cast<size_t>(at));
-      packet.append(*header, static_cast<size_t>(at), real);
-      packet.append(n - real, '\0');
-    } else {
-      if (filler.size() != n) filler.assign(n, '\0');
-      packet += filler;
-    }
-    if (at + n > cut) {
-      // The packet declares its full length but the bytes stop at the cut.
-      packet.resize(mmst::kDataPrefixBytes + static_cast<size_t>(cut - at));
-      if (cut > at) conn_.send(packet);
-      return false;
-    }
-    if (!conn_.send(packet)) return false;
-  }
-  return faults.truncateHeader < 0;
+// The header goes in data packets of at most one ASF packet's size,
+// flagged first, middle or last; the incarnation is the one the client
+// named in its header request.
+HeaderFraming MmstSession::headerFraming(uint32_t packetSize) {
+  HeaderFraming framing;
+  framing.piece = packetSize == 0 ? 4096 : std::min<size_t>(packetSize, mmst::kMaxDataPayload);
+  framing.absurdBytes = kAbsurdHeaderBytes;
+  framing.fillAbsurd = true;
+  return framing;
 }
 
 MmstSession::Next MmstSession::onStreamSwitch(const Command& cmd) {
@@ -390,13 +361,15 @@ MmstSession::Next MmstSession::onStartPlaying(const Command& cmd) {
 bool MmstSession::sendNextPacket() {
   if (packets_.has(nextPacket_)) {
     const std::string& payload = packets_.at(nextPacket_);
-    std::string packet = mmst::makeDataPrefix(static_cast<uint32_t>(nextPacket_), mediaIncarnation_,
-                                              0, payload.size());
+    const std::string prefix = mmst::makeDataPrefix(static_cast<uint32_t>(nextPacket_),
+                                                    mediaIncarnation_, 0, payload.size());
     const size_t index = nextPacket_++;
-    return conn_.send(packet) && sendDataPacket(conn_, payload, index);
+    return link_.sendPacket(index, prefix, payload);
   }
   playing_ = false;
-  return reply(mmst::sc::kReportEndOfStream, replyPrefix(mediaIncarnation_));
+  const bool sent = reply(mmst::sc::kReportEndOfStream, replyPrefix(mediaIncarnation_));
+  link_.streamEnded();
+  return sent;
 }
 
 // A client sends 0x1B only to answer a ping. Answering it with another 0x1B
@@ -411,6 +384,6 @@ MmstSession::Next MmstSession::onCloseFile(const Command&) {
 
 }  // namespace
 
-void serveMmstConnection(Connection& conn, const AsfFile& file, const ServerOptions& options) {
-  MmstSession(conn, file, options).run();
+void serveMmstConnection(Link& link, const AsfFile& file, const ServerOptions& options) {
+  MmstSession(link, file, options).run();
 }

@@ -3,56 +3,32 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <halvarine/fd.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tools/mmsserver/connection.h"
+#include "base/wait.h"
+#include "tools/mmsserver/sessions.h"
 
-namespace {
-
-// A descriptor that closes itself.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() { reset(); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  int release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-  void reset(int fd = -1) {
-    if (fd_ >= 0) close(fd_);
-    fd_ = fd;
-  }
-
- private:
-  int fd_ = -1;
-};
-
-}  // namespace
+using halvarine::UniqueFd;
 
 struct MmsTestServer::Impl {
   AsfFile file;
   ServerOptions options;
-  Fd listener;
+  UniqueFd listener;
   // The stop pipe: its read end turns readable (and stays so) when the
   // server is being destroyed, which wakes accept and every session wait.
-  Fd stopRead;
-  Fd stopWrite;
+  UniqueFd stopRead;
+  UniqueFd stopWrite;
   uint16_t port = 0;
   int accepted = 0;
   std::atomic<int> served{0};
   std::thread thread;
 
   void run();
-  void serveOne(int fd);
+  void serveOne(UniqueFd fd);
 };
 
 MmsTestServer::MmsTestServer(const AsfFile& file, const ServerOptions& options) : impl_(new Impl) {
@@ -62,7 +38,7 @@ MmsTestServer::MmsTestServer(const AsfFile& file, const ServerOptions& options) 
 
 MmsTestServer::~MmsTestServer() {
   if (impl_->thread.joinable()) {
-    char stop = 's';
+    const char stop = 's';
     while (write(impl_->stopWrite.get(), &stop, 1) < 0 && errno == EINTR) {
     }
     impl_->thread.join();
@@ -77,9 +53,9 @@ bool MmsTestServer::start(std::string& error) {
     error = "not an IPv4 address: " + impl_->options.address;
     return false;
   }
-  Fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   int one = 1;
-  if (listener.get() < 0 ||
+  if (!listener.valid() ||
       setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
       bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       listen(listener.get(), 16) != 0) {
@@ -96,7 +72,7 @@ bool MmsTestServer::start(std::string& error) {
   }
   impl_->stopRead.reset(pipeFds[0]);
   impl_->stopWrite.reset(pipeFds[1]);
-  impl_->listener.reset(listener.release());
+  impl_->listener = std::move(listener);
   impl_->port = ntohs(addr.sin_port);
   impl_->thread = std::thread([this] { impl_->run(); });
   return true;
@@ -117,25 +93,22 @@ int MmsTestServer::connectionsServed() const {
 }
 
 void MmsTestServer::Impl::run() {
-  while (waitFor(listener.get(), POLLIN, stopRead.get(), -1) == WaitOutcome::READY) {
-    int fd = accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) continue;
-    serveOne(fd);
+  while (waitFdUntil(listener.get(), WAIT_READABLE, -1, stopRead.get()) == WAIT_READY) {
+    UniqueFd fd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!fd.valid()) continue;
+    serveOne(std::move(fd));
     ++served;
   }
 }
 
-void MmsTestServer::Impl::serveOne(int fd) {
-  const int first = options.faults.firstConnections;
-  const Faults faults = first <= 0 || accepted++ < first ? options.faults : Faults();
-  if (faults.refuse) {
-    close(fd);
-    return;
-  }
-  Connection conn(fd, faults, stopRead.get(), options.rate);
+void MmsTestServer::Impl::serveOne(UniqueFd fd) {
+  const int index = accepted++;
+  Connection conn(std::move(fd), stopRead.get());
+  Link link(conn, faultsForConnection(options.faults, index), options.rate, index);
+  if (link.refused()) return;
   if (options.transport == Transport::MMSH) {
-    serveMmshConnection(conn, file, options);
+    serveMmshConnection(link, file, options);
   } else {
-    serveMmstConnection(conn, file, options);
+    serveMmstConnection(link, file, options);
   }
 }

@@ -1,0 +1,84 @@
+#include "tools/mmsserver/fault_table.h"
+
+#include <errno.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <sstream>
+#include <type_traits>
+
+namespace {
+
+struct Option {
+  const char* flag;
+  bool takesValue;
+  int64_t max;
+  const char* help;
+  void (*set)(Faults& faults, int64_t value);
+};
+
+const Option kOptions[] = {
+#define HALVARINE_FAULT_OPTION(flag, field, type, init, max, help) \
+  {flag, !std::is_same<type, bool>::value, max, help,              \
+   [](Faults& f, int64_t v) { f.field = static_cast<type>(v); }},
+#include "tools/mmsserver/fault_table.inc"
+};
+
+}  // namespace
+
+FaultWord takeFaultOption(const std::vector<std::string>& words, size_t& i, Faults& faults,
+                          std::string& error) {
+  for (const Option& o : kOptions) {
+    if (words[i] != o.flag) continue;
+    if (!o.takesValue) {
+      o.set(faults, 1);
+      ++i;
+      return FaultWord::TAKEN;
+    }
+    const char* text = i + 1 < words.size() ? words[i + 1].c_str() : "";
+    char* end = nullptr;
+    errno = 0;
+    const long long value = strtoll(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || value < 0 || value > o.max) {
+      error = std::string(o.flag) + " needs a number from 0 to " + std::to_string(o.max) +
+              (*text ? std::string(", not ") + text : std::string());
+      return FaultWord::BAD;
+    }
+    o.set(faults, value);
+    i += 2;
+    return FaultWord::TAKEN;
+  }
+  return FaultWord::NOT_A_FAULT;
+}
+
+bool parseFaults(const std::string& arguments, Faults& faults, std::string& error) {
+  std::istringstream in(arguments);
+  std::vector<std::string> words;
+  for (std::string w; in >> w;) words.push_back(w);
+  for (size_t i = 0; i < words.size();) {
+    const FaultWord taken = takeFaultOption(words, i, faults, error);
+    if (taken == FaultWord::NOT_A_FAULT) error = "not a fault option: " + words[i];
+    if (taken != FaultWord::TAKEN) return false;
+  }
+  return true;
+}
+
+std::string faultUsage() {
+  std::string usage;
+  for (const Option& o : kOptions) {
+    std::string flag = std::string("  ") + o.flag + (o.takesValue ? " N" : "");
+    flag.resize(std::max<size_t>(flag.size() + 1, 28), ' ');
+    usage += flag + o.help + "\n";
+  }
+  return usage;
+}
+
+const std::vector<FaultCase>& faultCases() {
+  static const std::vector<FaultCase> cases = {
+#define HALVARINE_FAULT_CASE(id, section, transport, outcome, arguments, fault, required, \
+                             observed, test)                                              \
+  {id, section, transport, outcome, arguments, fault, required, observed, test},
+#include "tools/mmsserver/fault_table.inc"
+  };
+  return cases;
+}
