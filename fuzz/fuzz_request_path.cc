@@ -2,10 +2,9 @@
 // parsePacket and dispatchCommand, exactly as the command loop chains them,
 // with g_controlFd one end of a socket pair whose other end is read here.
 //
-// CONNECT runs for real through libmms, but loopback_only.cc (linked in)
-// turns every name into 127.0.0.1 and every TCP connect into one to a
-// loopback port that nobody listens on: no stream ever opens and nothing
-// leaves the machine.
+// CONNECT runs for real through libmms, in a network namespace of the
+// target's own with no interface up: a name lookup or a connect fails at
+// once, no stream ever opens and nothing leaves the process.
 //
 // Properties, for every frame cut from the input:
 //  - whatever the bytes, the process never holds an open stream;
@@ -17,6 +16,7 @@
 //    status that a process without a stream must give.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
@@ -113,6 +113,9 @@ void serve(const Packet& frame) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // As root a network namespace is had for the asking; otherwise inside a
+  // user namespace of our own.
+  FUZZ_CHECK(unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0);
   fuzzframe::silenceDiagnostics();
   openControlPair();
   return 0;
