@@ -539,11 +539,12 @@ void StreamTest::SetUp() {
 }
 
 MmsTestServer& StreamTest::startServer(Transport transport, const Faults& faults,
-                                       const std::string& address) {
+                                       const std::string& address, int64_t declaredPackets) {
   ServerOptions options;
   options.transport = transport;
   options.faults = faults;
   options.address = address;
+  options.declaredPackets = declaredPackets;
   servers.emplace_back(new MmsTestServer(sampleAsf(), options));
   std::string error;
   EXPECT_TRUE(servers.back()->start(error)) << error;

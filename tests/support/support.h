@@ -221,8 +221,10 @@ class StreamTest : public WorkerTest {
  protected:
   void SetUp() override;
 
+  // A server of the sample; `declaredPackets` as ServerOptions has it.
   MmsTestServer& startServer(Transport transport, const Faults& faults = Faults(),
-                             const std::string& address = "127.0.0.1");
+                             const std::string& address = "127.0.0.1",
+                             int64_t declaredPackets = -1);
   // What libmms reads from `url`: every byte the server cut from the file.
   std::string referenceFor(const std::string& url);
 
