@@ -12,47 +12,27 @@
 
 class StderrCapture {
  public:
-  StderrCapture() {
-    fflush(stderr);
-    std::cerr.flush();
-    file_ = tmpfile();
-    saved_ = dup(2);
-    dup2(fileno(file_), 2);
+  StderrCapture() : saved_(dup(2)) { dup2(fileno(file_), 2); }
+  ~StderrCapture() {
+    text();
+    dup2(saved_, 2);
+    close(saved_);
+    fclose(file_);
   }
-  ~StderrCapture() { restore(); }
   StderrCapture(const StderrCapture&) = delete;
   StderrCapture& operator=(const StderrCapture&) = delete;
 
   // Everything written so far.
   std::string text() {
-    fflush(stderr);
     std::cerr.flush();
-    std::string out;
-    char buf[4096];
-    const long end = ftell(file_);
-    (void)end;
-    const off_t size = lseek(fileno(file_), 0, SEEK_END);
-    for (off_t pos = 0; pos < size;) {
-      const ssize_t n = pread(fileno(file_), buf, sizeof buf, pos);
-      if (n <= 0) break;
-      out.append(buf, static_cast<size_t>(n));
-      pos += n;
-    }
-    return out;
+    fflush(stderr);
+    std::string out(static_cast<size_t>(lseek(fileno(file_), 0, SEEK_END)), '\0');
+    return pread(fileno(file_), &out[0], out.size(), 0) < 0 ? "" : out;
   }
 
  private:
-  void restore() {
-    if (saved_ < 0) return;
-    fflush(stderr);
-    std::cerr.flush();
-    dup2(saved_, 2);
-    close(saved_);
-    saved_ = -1;
-    fclose(file_);
-  }
-  FILE* file_ = nullptr;
-  int saved_ = -1;
+  FILE* file_ = tmpfile();
+  int saved_;
 };
 
 #endif
