@@ -145,6 +145,7 @@ class RefusingPort {
  public:
   RefusingPort();
   uint16_t port() const { return port_; }
+  int fd() const { return fd_.get(); }  // listen() on it, and it accepts
 
  private:
   halvarine::UniqueFd fd_;

@@ -21,20 +21,6 @@ namespace {
 const std::string ENTRY = "[WrapperMms::io_tcp_connect]\n";
 const std::string FAILED = "[WrapperMms::io_tcp_connect] connect failed.\n";
 
-// A listening loopback socket on an ephemeral port.
-struct Listener {
-  Listener() : port(support::freeTcpPort("127.0.0.1")) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd.get(), 4) != 0)
-      port = 0;
-  }
-  halvarine::UniqueFd fd{socket(AF_INET, SOCK_STREAM, 0)};
-  uint16_t port;
-};
-
 TEST(IoTcpConnect, ArgumentResolutionAndRefusal) {
   const std::string host = support::unresolvableHost();
   support::RefusingPort refusing;
@@ -51,13 +37,14 @@ TEST(IoTcpConnect, ArgumentResolutionAndRefusal) {
 }
 
 TEST(IoTcpConnect, ReturnsABlockingSocketAndTakesThePortsLow16Bits) {
-  Listener server;
+  support::RefusingPort server;
+  ASSERT_EQ(0, listen(server.fd(), 4));
   StderrCapture err;
   const halvarine::UniqueFd fd(
-      WrapperMms::io_tcp_connect(nullptr, "localhost", server.port + 0x10000));
+      WrapperMms::io_tcp_connect(nullptr, "localhost", server.port() + 0x10000));
   ASSERT_TRUE(fd.valid()) << err.text();
   EXPECT_EQ(0, fcntl(fd.get(), F_GETFL) & O_NONBLOCK);
-  EXPECT_TRUE(halvarine::UniqueFd(accept(server.fd.get(), nullptr, nullptr)).valid());
+  EXPECT_TRUE(halvarine::UniqueFd(accept(server.fd(), nullptr, nullptr)).valid());
   EXPECT_EQ(ENTRY, err.text());
 }
 
@@ -71,29 +58,20 @@ TEST(IoTcpConnect, AfterAnImmediateFailureTheNextAddressGetsABlockingSocket) {
   ASSERT_TRUE(support::writeFile(hosts, "192.0.2.1 twohost\n127.0.0.1 twohost\n"));
   EXPECT_EXIT(
       {
-        ifreq lo{};
-        strcpy(lo.ifr_name, "lo");
-        lo.ifr_flags = IFF_UP;
-        const int s = socket(AF_INET, SOCK_DGRAM, 0);
         if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 ||
             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0) {
-          fprintf(stderr, "no namespace\n");
           _exit(2);
         }
-        const int inNs = socket(AF_INET, SOCK_DGRAM, 0);
-        ioctl(inNs, SIOCSIFFLAGS, &lo);
-        close(s);
-        Listener server;
-        std::string log;
-        int fd;
-        {
-          StderrCapture err;
-          fd = WrapperMms::io_tcp_connect(nullptr, "twohost", server.port);
-          log = err.text();
-        }
+        ifreq lo{};
+        strcpy(lo.ifr_name, "lo");
+        lo.ifr_flags = IFF_UP;
+        ioctl(socket(AF_INET, SOCK_DGRAM, 0), SIOCSIFFLAGS, &lo);
+        support::RefusingPort server;
+        listen(server.fd(), 4);
+        const int fd = WrapperMms::io_tcp_connect(nullptr, "twohost", server.port());
         const bool blocking = fd >= 0 && (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
-        fprintf(stderr, "%s%s\n", log.c_str(), blocking ? "blocking" : "not blocking");
+        fprintf(stderr, blocking ? "blocking\n" : "not blocking\n");
         _exit(0);
       },
       ::testing::ExitedWithCode(0),
