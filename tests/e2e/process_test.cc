@@ -201,30 +201,13 @@ TEST_F(Process, FramesSurviveNoiseAndAnyCut) {
 
 // ---- The edges of the contract
 
-class Contract : public support::StreamTest {
- protected:
-  // An open stream and its reference bytes; `read` then continues it.
-  void open(Transport t) {
-    url = startServer(t).url();
-    reference = referenceFor(url);
-    ASSERT_EQ("OK_", connect(url).status());
-  }
-  // READ of `n`: must continue the reference where the last one stopped.
-  void expectNextBytes(int n) {
-    const Reply r = read(n);
-    ASSERT_EQ("OK_", r.status());
-    EXPECT_EQ(reference.substr(pos, n), r.values().at(1).bytes) << "at " << pos;
-    pos += static_cast<size_t>(n);
-  }
-  std::string url, reference;
-  size_t pos = 0;
-};
+class Contract : public support::StreamTest {};
 
 // A word so long that the reply would not fit a frame is refused before
 // anything is done; one byte shorter, the reply fills the frame exactly.
 TEST_F(Contract, RequestsWhoseReplyCouldNotFitAreRefusedBeforeActing) {
-  ASSERT_NO_FATAL_FAILURE(open(Transport::MMSH));
-  expectNextBytes(1000);
+  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  expectNext(1000);
   const size_t mark = session.worker().output().size();
   struct Refused {
     std::string word;
@@ -238,7 +221,7 @@ TEST_F(Contract, RequestsWhoseReplyCouldNotFitAreRefusedBeforeActing) {
   };
   for (const Refused& r : refused) ASSERT_TRUE(session.send(request(r.word, r.params)));
   expectOnlyCcheckReply(nextEcho());
-  expectNextBytes(1000);  // the stream is still open where it was
+  expectNext(1000);  // the stream is still open where it was
   // Only the loop's PEND line, never a handler's.
   EXPECT_EQ("[Halvarine] recv PEND command!\n", session.worker().output().substr(mark));
 
@@ -291,7 +274,7 @@ TEST_F(Contract, ReplyToAControllerThatHasGoneEndsTheWorkerBySigpipe) {
 // Thousands of requests in flight while the controller reads slowly: the
 // worker waits for room before each reply, and every reply arrives whole.
 TEST_F(Contract, PipelinedRequestsWithAReaderThatFallsBehind) {
-  ASSERT_NO_FATAL_FAILURE(open(Transport::MMST));
+  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMST));
   std::vector<Request> sent;
   for (int i = 0; i < 3000; ++i) {
     sent.push_back(i % 25 == 0 ? request("READ", {countDigits(1000)}) : request("CCHECK"));
@@ -315,7 +298,7 @@ TEST_F(Contract, PipelinedRequestsWithAReaderThatFallsBehind) {
 // write wait loses that reply whole: the next frame it reads is whole, and
 // its echo byte says which reply went missing.
 TEST_F(Contract, SlowReplyUnreadForLongerThanTheWriteWaitIsLostWhole) {
-  ASSERT_NO_FATAL_FAILURE(open(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
   std::vector<Request> sent;
   for (int i = 0; i < 12; ++i) sent.push_back(request("READ", {countDigits(65511)}));
   for (const Request& req : sent) ASSERT_TRUE(session.send(req));
@@ -345,7 +328,7 @@ TEST_F(Contract, SlowWritesNeverBlockPastTheirWaitOnASmallSendBuffer) {
   options.env = {std::string("LD_PRELOAD=") + SMALL_SEND_BUFFER_LIBRARY};
   if (!options.launcher.empty()) GTEST_SKIP() << "the preloaded library is built for this host";
   ASSERT_TRUE(session.start(options)) << session.error();
-  ASSERT_NO_FATAL_FAILURE(open(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
   ASSERT_TRUE(session.send(request("READ", {countDigits(65511)})));
   sleep(6);  // past the write wait: the worker is back in its read wait
   const auto start = support::Clock::now();

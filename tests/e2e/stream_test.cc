@@ -3,9 +3,6 @@
 // opens with its transport and proxy as the log shows, and a stream that
 // breaks mid-way is reported, not hidden.
 
-#include <fcntl.h>
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <map>
 #include <string>
@@ -21,7 +18,6 @@ using halvarine::Request;
 using support::countDigits;
 using support::expectedReadReply;
 using support::expectedReply;
-using support::REFUSED;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -29,7 +25,6 @@ namespace {
 const int MAX_READ = 65511;  // a body of n + 24 bytes in 16 bits
 const std::string C = "[WrapperMms::connect()] ";
 const std::string TCP = "[WrapperMms::io_tcp_connect]";
-const std::string TCP_FAILED = TCP + " connect failed.";
 const std::string READ_EOF = "[WrapperMms::io_read()] EOF";
 const std::string READ_TIMEOUT = "[WrapperMms::io_read()] select timeout!";
 const std::string CONNECT_OK = "[commandConnect()] MMS connect server!! : 0";
@@ -42,53 +37,13 @@ std::string closeLine(Transport t) {
   return "[WrapperMms::close()] close " + std::string(name(t)) + " stream! ";
 }
 
-class Stream : public support::StreamTest {
- protected:
-  // The server's connections are served one at a time: libmms reads its
-  // reference before the worker holds one open.
-  void open(Transport t, const Faults& faults = Faults()) {
-    std::string read;
-    ASSERT_TRUE(support::libmmsStream(startServer(t).url(), read));
-    url = startServer(t, faults).url();
-    ASSERT_TRUE(read == reference) << "libmms reads other bytes";
-    ASSERT_EQ("OK_", connect(url).status());
-    EXPECT_EQ(openLines(url, t), newLines());
-  }
-  // `word` with `countField`: the reply must carry the next stream bytes.
-  Reply expectNext(const std::string& countField, const std::string& word = "READ") {
-    const Request req = request(word, {countField});
-    const Reply r = call(req, 15);
-    const size_t n = std::min<size_t>(atoi(countField.c_str()), reference.size() - pos);
-    EXPECT_TRUE(r.frame == expectedReadReply(req.echo, word, reference.substr(pos, n)))
-        << word << " " << countField << " at " << pos << ": " << hex(r.frame.substr(0, 40));
-    pos += n;
-    return r;
-  }
-  Reply expectNext(int count) { return expectNext(countDigits(count)); }
-  void expectReply(const std::string& word, const std::vector<std::string>& params,
-                   const std::string& status) {
-    const Request req = request(word, params);
-    EXPECT_EQ(hex(expectedReply(req.echo, {word, status})), hex(call(req, 15).frame)) << word;
-  }
-  // READs until a status other than OK_; whatever came must continue the stream.
-  std::string readToTheEnd() {
-    for (;;) {
-      const Reply r = call(request("READ", {countDigits(MAX_READ)}), 15);
-      if (r.status() != "OK_") return r.status();
-      const std::string data = r.values().at(1).bytes;
-      EXPECT_EQ(0, reference.compare(pos, data.size(), data)) << "not the stream after " << pos;
-      pos += data.size();
-    }
-  }
-  std::string url, reference = asfStreamBytes(support::sampleAsf());
-  size_t pos = 0;
-};
+class Stream : public support::StreamTest {};
 
 class BothTransports : public Stream, public ::testing::WithParamInterface<Transport> {};
 
 TEST_P(BothTransports, WholeStreamIsWhatLibmmsReadsThenEofForGood) {
   expectReply("READ", {countDigits(1000)}, "ERR");  // no stream yet
-  ASSERT_NO_FATAL_FAILURE(open(GetParam()));
+  ASSERT_NO_FATAL_FAILURE(openStream(GetParam()));
   while (pos < 3000 && !HasFailure()) expectNext(1);
   for (int count : {1000, 32768}) expectNext(count);
   while (pos < reference.size() && !HasFailure()) expectNext(MAX_READ);
@@ -134,7 +89,7 @@ TEST_P(BothTransports, GsizeIsTheLibrarysLengthAndPendClosesTheStreamAfterItsRep
 TEST_P(BothTransports, ResetMidStreamEndsItAfterTheBytesBeforeIt) {
   Faults reset;
   reset.resetAfter = 100000;
-  ASSERT_NO_FATAL_FAILURE(open(GetParam(), reset));
+  ASSERT_NO_FATAL_FAILURE(openStream(GetParam(), reset));
   const auto start = support::Clock::now();
   EXPECT_EQ("EOF", readToTheEnd());
   EXPECT_LT(support::secondsSince(start), 3.0);
@@ -147,7 +102,7 @@ TEST_P(BothTransports, ResetMidStreamEndsItAfterTheBytesBeforeIt) {
 TEST_P(BothTransports, ServerClosingDuringAWaitEndsTheReadAtOnce) {
   Faults stall;
   stall.stallAfter = 100000;
-  ASSERT_NO_FATAL_FAILURE(open(GetParam(), stall));
+  ASSERT_NO_FATAL_FAILURE(openStream(GetParam(), stall));
   expectNext(MAX_READ);
   const Request req = request("READ", {countDigits(MAX_READ)});
   ASSERT_TRUE(session.send(req));
@@ -165,7 +120,7 @@ TEST_P(BothTransports, ServerClosingDuringAWaitEndsTheReadAtOnce) {
 TEST_P(BothTransports, SlowStallMidReadAnswersAfterSevenSeconds) {
   Faults stall;
   stall.stallAfter = 100000;
-  ASSERT_NO_FATAL_FAILURE(open(GetParam(), stall));
+  ASSERT_NO_FATAL_FAILURE(openStream(GetParam(), stall));
   expectNext(MAX_READ);
   const auto start = support::Clock::now();
   const Reply r = call(request("READ", {countDigits(MAX_READ)}), 15);
@@ -184,7 +139,7 @@ INSTANTIATE_TEST_SUITE_P(Transports, BothTransports,
 
 // The reply's layout is the same code whatever the transport: MMSH here.
 TEST_F(Stream, ReplyLayoutAndCountsNoReplyCanCarry) {
-  ASSERT_NO_FATAL_FAILURE(open(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
   expectReply("READ", {"abcdefgh"}, "EOF");  // no digits: count 0, no bytes
   expectNext("12ab5678");                    // the digits up to the first other byte
   const Reply r = expectNext(4660);          // 0x1234

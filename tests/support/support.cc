@@ -551,6 +551,43 @@ MmsTestServer& StreamTest::startServer(Transport transport, const Faults& faults
   return *servers.back();
 }
 
+void StreamTest::expectReply(const std::string& word, const std::vector<std::string>& params,
+                             const std::string& status) {
+  const Request req = request(word, params);
+  EXPECT_EQ(halvarine::hex(expectedReply(req.echo, {word, status})),
+            halvarine::hex(call(req, 15).frame))
+      << word;
+}
+
+void StreamTest::openStream(Transport transport, const Faults& faults) {
+  std::string read;
+  ASSERT_TRUE(libmmsStream(startServer(transport).url(), read));
+  ASSERT_TRUE(read == reference) << "libmms reads other bytes";
+  url = startServer(transport, faults).url();
+  ASSERT_EQ("OK_", connect(url).status());
+  EXPECT_EQ(openLines(url, transport), newLines());
+}
+
+Reply StreamTest::expectNext(const std::string& countField, const std::string& word) {
+  const Request req = request(word, {countField});
+  const Reply r = call(req, 15);
+  const size_t n = std::min<size_t>(atoi(countField.c_str()), reference.size() - pos);
+  EXPECT_TRUE(r.frame == expectedReadReply(req.echo, word, reference.substr(pos, n)))
+      << word << " " << countField << " at " << pos << ": " << halvarine::hex(r.frame.substr(0, 40));
+  pos += n;
+  return r;
+}
+
+std::string StreamTest::readToTheEnd() {
+  for (;;) {
+    const Reply r = call(request("READ", {countDigits(65511)}), 15);
+    if (r.status() != "OK_") return r.status();
+    const std::string data = r.values().at(1).bytes;
+    EXPECT_EQ(0, reference.compare(pos, data.size(), data)) << "not the stream after " << pos;
+    pos += data.size();
+  }
+}
+
 std::string StreamTest::referenceFor(const std::string& url) {
   std::string got;
   EXPECT_TRUE(libmmsStream(url, got)) << "libmms cannot open " << url;

@@ -237,6 +237,22 @@ class StreamTest : public WorkerTest {
   halvarine::Reply command(const std::string& word) { return call(request(word)); }
   // `word` answered with exactly `status`.
   void expectStatus(const std::string& word, const std::string& status);
+  void expectReply(const std::string& word, const std::vector<std::string>& params,
+                   const std::string& status);
+
+  // The sample over `transport` from a server with `faults` opened as `url`,
+  // after libmms has read it whole from a clean twin (connections are
+  // served one at a time: the reference comes before the worker holds one).
+  void openStream(Transport transport, const Faults& faults = Faults());
+  // `word` with `countField`: the reply carries the next bytes of the stream
+  // (`reference` from `pos`), byte for byte.
+  halvarine::Reply expectNext(const std::string& countField, const std::string& word = "READ");
+  halvarine::Reply expectNext(int count) { return expectNext(countDigits(count)); }
+  // READs until a status other than OK_, whatever came continuing the
+  // stream; that status.
+  std::string readToTheEnd();
+  std::string url, reference = asfStreamBytes(sampleAsf());
+  size_t pos = 0;
 
   // READs of `chunk` until a status other than OK_, `maxBytes` or
   // `maxSeconds`; the bytes, and the status that ended it.
