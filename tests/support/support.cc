@@ -573,7 +573,8 @@ Reply StreamTest::expectNext(const std::string& countField, const std::string& w
   const Reply r = call(req, 15);
   const size_t n = std::min<size_t>(atoi(countField.c_str()), reference.size() - pos);
   EXPECT_TRUE(r.frame == expectedReadReply(req.echo, word, reference.substr(pos, n)))
-      << word << " " << countField << " at " << pos << ": " << halvarine::hex(r.frame.substr(0, 40));
+      << word << " " << countField << " at " << pos << ": "
+      << halvarine::hex(r.frame.substr(0, 40));
   pos += n;
   return r;
 }
