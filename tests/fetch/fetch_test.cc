@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/support/support.h"
+#include "tools/asf/asf_file.h"
 
 namespace {
 
@@ -33,8 +34,10 @@ std::vector<Row> runs() {
     std::vector<std::string> c;
     std::istringstream cells(line);
     for (std::string cell; std::getline(cells, cell, '\t');) c.push_back(cell == "-" ? "" : cell);
-    if (c.size() < 7 || line[0] == '#') continue;
-    rows.push_back({c[0], c[1], c[2], c[3], c[4], std::stoi(c[5]), c[6], {c.begin() + 7, c.end()}});
+    if (line.empty() || line[0] == '#') continue;
+    const std::string output = c.at(6);  // a row short of a column stops the program here
+    rows.push_back(
+        {c[0], c[1], c[2], c[3], c[4], std::stoi(c[5]), output, {c.begin() + 7, c.end()}});
   }
   return rows;
 }
@@ -55,7 +58,7 @@ TEST_P(Fetch, EndsAsItsRowSays) {
   const Row& row = GetParam();
   ASSERT_TRUE(support::controllerPathFree(120)) << "another controller holds the socket";
   for (const char* name : {"http_proxy", "HTTP_PROXY", "no_proxy", "NO_PROXY"}) unsetenv(name);
-  halvarine::ControllerListener other;
+  halvarine::ControllerListener other;  // holds the socket, accepts nothing
   ASSERT_TRUE(row.status != 120 || other.listen()) << other.error();
   support::TempDir dir;
   const std::string out = dir.file("out.asf");
@@ -105,8 +108,8 @@ TEST_P(Fetch, EndsAsItsRowSays) {
       at = 0;
     }
   }
-  // On a terminal the status line fits the width; messages take the lines
-  // they need.
+  // A row with a terminal gives it 40 columns: each update of the status
+  // line fits them; messages take the lines they need.
   for (at = said.find("\r\x1b[K"); at != std::string::npos; at = said.find("\r\x1b[K", at + 1)) {
     const std::string update = said.substr(at + 4, said.find_first_of("\r\n", at + 4) - at - 4);
     EXPECT_TRUE(update.size() < 40 || has(update, "halvarine-fetch:")) << update;
