@@ -76,7 +76,14 @@ TEST(FetchParts, UrlAsTheWorkerTakesIt) {
 TEST(FetchParts, EveryListOfExitStatusesIsTheTable) {
   std::set<int> codes;
   for (const fetch::ExitStatusLine& line : fetch::exitStatusLines()) codes.insert(line.code);
-  const std::string help = support::run({support::fetchToolPath(), "--help"}, 10000).output;
+  // In this process, not the tool's binary: a cross-built test cannot start it.
+  testing::internal::CaptureStdout();
+  char program[] = "halvarine-fetch", flag[] = "--help";
+  char* argv[] = {program, flag, nullptr};
+  fetch::Options options;
+  EXPECT_EQ(0, fetch::parseOptions(2, argv, options));
+  fflush(stdout);
+  const std::string help = testing::internal::GetCapturedStdout();
   const std::string readme = support::readFile(HALVARINE_SOURCE_DIR "/README.md");
   const std::string manual = support::readFile(HALVARINE_SOURCE_DIR "/man/halvarine-fetch.1");
   for (const auto& list :
