@@ -6,7 +6,6 @@
 // every packet) against the same file read directly. What each fault does
 // is checked through the worker, in the fault matrix and the stream tests.
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <memory>
@@ -22,6 +21,9 @@ struct Row {
   uint64_t bytes;       // a generated file of about this size; 0: the sample
   uint32_t packetSize;  // of the generated file
 };
+void PrintTo(const Row& row, std::ostream* os) {
+  *os << row.name;
+}
 
 // The sample rows first. Then packets so small that the MMST header takes
 // three of them, flagged "more follows", then "last".
@@ -89,17 +91,16 @@ TEST_P(Live, BroadcastGoesRoundWithItsTimesMovingOn) {
   long last = -1;
   for (size_t at = ff.output.find("\n0,"); at != std::string::npos;
        at = ff.output.find("\n0,", at + 1)) {
-    const long dts = atol(ff.output.c_str() + at + 3);
+    const long dts = std::stol(ff.output.substr(at + 3));
     EXPECT_GT(dts, last) << "after " << last;
     last = dts;
   }
   EXPECT_GT(last, 14000) << "milliseconds";
 }
 
-std::string rowName(const ::testing::TestParamInfo<Row>& info) {
-  return info.param.name;
-}
-INSTANTIATE_TEST_SUITE_P(Rows, Served, ::testing::ValuesIn(ROWS), rowName);
-INSTANTIATE_TEST_SUITE_P(Rows, Live, ::testing::ValuesIn(ROWS, ROWS + 2), rowName);
+INSTANTIATE_TEST_SUITE_P(Rows, Served, ::testing::ValuesIn(ROWS),
+                         ::testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Rows, Live, ::testing::ValuesIn(ROWS, ROWS + 2),
+                         ::testing::PrintToStringParamName());
 
 }  // namespace
