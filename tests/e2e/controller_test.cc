@@ -9,6 +9,7 @@
 
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tests/support/support.h"
@@ -25,9 +26,8 @@ TEST(ReplyFrames, EveryDamagedOrMissingByteAndEveryBodyNotExactlyFieldsIsRejecte
   std::vector<std::string> bad = {support::expectedReply(0x08, {"CCHECK", "OK_"})};
   // The last with a counted field whose spare byte is not 0.
   for (const std::string& body : {"CCHECK\nOK_\n"s, "CCHECK\nOK_\n\nX\n\n"s, "CCHECK\n\nOK_\n\n"s,
-                                  "CCHECK\nOK_"s, ""s, "READ\nOK_\n\0\0\1\1a\n\n"s}) {
+                                  "CCHECK\nOK_"s, ""s, "READ\nOK_\n\0\0\1\1a\n\n"s})
     bad.push_back(support::frameAround(0x07, body, 'R'));
-  }
   for (const std::string& good :
        {CCHECK_REPLY, support::expectedReadReply(0x07, "READ", "abcde")}) {
     ASSERT_TRUE(halvarine::decodeReply(good, 0x07, r, nullptr)) << halvarine::hex(good);
@@ -36,9 +36,8 @@ TEST(ReplyFrames, EveryDamagedOrMissingByteAndEveryBodyNotExactlyFieldsIsRejecte
       bad.push_back(good.substr(0, i) + static_cast<char>(good[i] + 1) + good.substr(i + 1));
     }
   }
-  for (const std::string& frame : bad) {
+  for (const std::string& frame : bad)
     EXPECT_FALSE(halvarine::decodeReply(frame, 0x07, r, nullptr)) << halvarine::hex(frame);
-  }
 }
 
 // What a worker sends is judged as it comes; a worker that has gone is an
@@ -93,23 +92,25 @@ TEST(Cleanup, ChildrenAreReapedTheirStderrNeverBlocksAndAFailedStartLeavesNothin
   halvarine::ChildProcess loud, quiet;
   ASSERT_TRUE(loud.start({"/bin/sh", "-c", "head -c 300000 /dev/zero | tr '\\0' x >&2"}));
   halvarine::ExitStatus st;
-  ASSERT_TRUE(loud.waitExit(10000, st)) << loud.error();
-  EXPECT_EQ(300000u, loud.output().size());
+  EXPECT_TRUE(loud.waitExit(10000, st) && loud.output().size() == 300000u) << loud.error();
 
   ASSERT_TRUE(quiet.start({"sleep", "30"})) << quiet.error();
   const pid_t pid = quiet.pid();
   EXPECT_TRUE(halvarine::ChildProcess(std::move(quiet)).running());
   EXPECT_TRUE(kill(pid, 0) == -1 && errno == ESRCH) << "child " << pid << " left";
 
-  // A worker that never connects fails the start and leaves nothing.
-  halvarine::WorkerSession s;
-  halvarine::WorkerSession::Options o;
-  o.worker = "/bin/true";
-  o.launcher.clear();
-  o.socketPath = dir.file("w");
-  o.acceptTimeoutMs = 1000;
-  EXPECT_FALSE(s.start(o) || s.error().find("exit 0") == std::string::npos) << s.error();
-  EXPECT_FALSE(support::fileExists(o.socketPath) || s.worker().running());
+  // A worker that never connects, ended or running on, fails the start,
+  // which says why, and leaves nothing.
+  for (const auto& [worker, says] :
+       {std::pair("exec true", "exit 0"), std::pair("exec sleep 30", "nobody connected")}) {
+    halvarine::WorkerSession s;
+    halvarine::WorkerSession::Options o;
+    o.launcher = {"sh", "-c", worker};  // the worker's path becomes $0
+    o.socketPath = dir.file("w");
+    o.acceptTimeoutMs = 1000;
+    EXPECT_FALSE(s.start(o) || s.error().find(says) == std::string::npos) << s.error();
+    EXPECT_FALSE(support::fileExists(o.socketPath) || s.worker().running()) << worker;
+  }
 }
 
 }  // namespace
