@@ -71,11 +71,9 @@ class FaultMatrix : public support::StreamTest,
   // the full pipe blocks the worker), or one with a NUL inside, is answered.
   void oddUrl() {
     std::string to = startServer(GetParam().transport).url("");
-    halvarine::Request req = request("CONNECT");
-    req.fields.push_back(GetParam().row.outcome == "long-url"
-                             ? halvarine::Field::text(to.append(60000 - to.size(), 'a'))
-                             : halvarine::Field::countedField(to + "sam" + '\0' + "ple.asf"));
-    const std::string status = call(req, 15).status();
+    const std::string status = GetParam().row.outcome == "long-url"
+                                   ? connect(to.append(60000 - to.size(), 'a'), 15).status()
+                                   : connectCounted(to + "sam" + '\0' + "ple.asf").status();
     EXPECT_TRUE(status == "OK_" || status == "ERR") << status;
     observed = "CONNECT " + status;
   }

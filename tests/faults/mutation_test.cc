@@ -69,8 +69,8 @@ TEST_P(Mutation, RepliesStayWellFormedAndTheWorkerEndsAsAllowed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     ++ends[trial(GetParam(), seed)];
   }
-  std::cout << "[ observed ] " << GetParam().name << ": " << trials << " trials in "
-            << support::secondsSince(start) << " s, ends:";
+  std::cout << "[ observed ] " << GetParam().name << ": " << support::secondsSince(start)
+            << " s; how the workers ended, with counts:";
   for (const auto& e : ends) std::cout << " " << e.first << " " << e.second;
   std::cout << std::endl;
 }
