@@ -28,7 +28,6 @@ namespace support {
 
 // Paths the build passes in.
 std::string samplePath();
-std::string libmmsFetchPath();
 std::string mmsServerPath();
 std::string fetchToolPath();
 
@@ -80,11 +79,9 @@ bool writeFile(const std::string& path, const std::string& bytes);
 bool fileExists(const std::string& path);
 // Offset of the first difference, -1 when equal: readable for big strings.
 long long firstDifference(const std::string& a, const std::string& b);
-size_t occurrences(const std::string& text, const std::string& what);
 // `text` cut into lines without their 0x0A.
 std::vector<std::string> lines(const std::string& text);
 size_t countLines(const std::vector<std::string>& lines, const std::string& line);
-long findLine(const std::vector<std::string>& lines, const std::string& line);
 std::string findProgram(const std::string& name);  // on PATH; "" when absent
 
 // ffmpeg's per-packet digest (stream, timestamps, size, payload MD5) of a
@@ -235,8 +232,7 @@ class StreamTest : public WorkerTest {
   halvarine::Reply connectCounted(const std::string& url);  // the URL as a counted field
   halvarine::Reply read(int count) { return call(request("READ", {countDigits(count)})); }
   halvarine::Reply command(const std::string& word) { return call(request(word)); }
-  // `word` answered with exactly `status`.
-  void expectStatus(const std::string& word, const std::string& status);
+  // `word` with `params` answered with exactly `status`.
   void expectReply(const std::string& word, const std::vector<std::string>& params,
                    const std::string& status);
 
@@ -248,9 +244,6 @@ class StreamTest : public WorkerTest {
   // (`reference` from `pos`), byte for byte.
   halvarine::Reply expectNext(const std::string& countField, const std::string& word = "READ");
   halvarine::Reply expectNext(int count) { return expectNext(countDigits(count)); }
-  // READs until a status other than OK_, whatever came continuing the
-  // stream; that status.
-  std::string readToTheEnd();
   std::string url, reference = asfStreamBytes(sampleAsf());
   size_t pos = 0;
 
