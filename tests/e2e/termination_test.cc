@@ -30,7 +30,7 @@ class Termination : public support::StreamTest {
   // Returns what it wrote from `mark` (a length of its output) on.
   std::string terminate(size_t mark, const std::string& state) {
     halvarine::ChildProcess& worker = session.worker();
-    const auto start = support::Clock::now();
+    const auto start = nowMs();
     EXPECT_TRUE(worker.sendSignal(SIGTERM)) << worker.error();
     halvarine::ExitStatus how;
     EXPECT_TRUE(worker.waitExit(PROMPT_MS, how)) << state << ": still running";

@@ -11,13 +11,15 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include <chrono>
 #include <initializer_list>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
+#include "base/proc_status.h"
+#include "tools/libmms-fetch/libmms_stream.h"
 #include "tools/mmsserver/server.h"
 
 inline void PrintTo(Transport t, std::ostream* os) {
@@ -34,9 +36,9 @@ std::string fetchToolPath();
 // The committed sample as the servers cut it; loaded once.
 const AsfFile& sampleAsf();
 
-using Clock = std::chrono::steady_clock;
-inline double secondsSince(Clock::time_point t) {
-  return std::chrono::duration<double>(Clock::now() - t).count();
+// Seconds since `startMs`, a reading of nowMs().
+inline double secondsSince(int64_t startMs) {
+  return static_cast<double>(msSince(startMs)) / 1000;
 }
 
 // A child started at once; standard output and error go to one pipe,
@@ -88,14 +90,6 @@ std::string findProgram(const std::string& name);  // on PATH; "" when absent
 // URL or file, stream copied; "" when ffmpeg fails.
 std::string framemd5(const std::string& input, const TempDir& dir);
 
-// The whole stream at `url` as libmms gives it to a plain caller, in this
-// process, bandwidth 0 (http:// is read as mmsh://). False when it cannot
-// open; `length` gets what the library reports as the stream's length.
-bool libmmsStream(const std::string& url, std::string& out, uint32_t* length = nullptr);
-// libmms-fetch, the same library in its own process: exit status and bytes.
-RunResult libmmsFetch(const std::string& url, const TempDir& dir, std::string& bytes,
-                      int timeoutMs = 30000);
-
 // ---- The fault matrix (tools/mmsserver/faults.tsv)
 
 // A case row of the fault table as a test runs it: one per transport.
@@ -125,8 +119,7 @@ halvarine::UniqueFd connectedSocket(const std::string& path);
 // True once nobody accepts on the controller socket path (another run may
 // hold it for a while); the path is left free.
 bool controllerPathFree(int timeoutS);
-// From /proc: resident memory in kB, open descriptors; -1 when gone.
-long residentKb(pid_t pid);
+// Open descriptors from /proc; -1 when gone.
 long openFds(pid_t pid);
 // No process `pid` (0: none to check) and no controller socket file.
 void expectNothingLeft(pid_t pid);

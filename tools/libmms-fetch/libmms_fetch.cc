@@ -4,7 +4,6 @@
 //
 //   libmms-fetch URL OUT [--count N] [--bandwidth BPS] [--read-size N] [--stats]
 //
-// mms:// and mmst:// open MMS over TCP, mmsh:// and http:// MMS over HTTP.
 // --count stops after N bytes. --read-size asks libmms for N bytes per read
 // (default 65536), as a worker's READ count does. Prints what libmms
 // reported and how many bytes it delivered. --stats adds one line on
@@ -12,47 +11,38 @@
 // peak-rss KIB": the bytes delivered, the time from before the connect to
 // after the last read (monotonic clock) and the process's peak resident
 // size (VmHWM) at that moment. Exit status: 0 after reading (a short stream
-// included), 1 when libmms cannot open the stream, 2 on bad usage or a
-// failed write.
+// included), 1 when libmms cannot open the stream (or it is not an MMS
+// URL), 2 on bad usage or a failed write.
 
 #include <errno.h>
-#include <libmms/mms.h>
-#include <libmms/mmsh.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
+#include "base/proc_status.h"
+#include "tools/libmms-fetch/libmms_stream.h"
+
 namespace {
 
 struct FileCloser {
   void operator()(FILE* f) const { fclose(f); }
 };
-struct MmsCloser {
-  void operator()(mms_t* m) const { mms_close(m); }
-};
-struct MmshCloser {
-  void operator()(mmsh_t* m) const { mmsh_close(m); }
-};
-
-bool startsWith(const std::string& s, const char* prefix) {
-  return s.compare(0, strlen(prefix), prefix) == 0;
-}
 
 // Reads until libmms delivers nothing more or `count` bytes are in.
-template <typename ReadFn>
-bool copyStream(ReadFn read, FILE* out, long long count, int readSize, long long& total) {
+bool copyStream(LibmmsStream& stream, FILE* out, long long count, int readSize, long long& total) {
   std::vector<char> buf(static_cast<size_t>(readSize));
   total = 0;
   while (count < 0 || total < count) {
     long long want = static_cast<long long>(buf.size());
     if (count >= 0) want = std::min(want, count - total);
-    int got = read(buf.data(), static_cast<int>(want));
+    int got = stream.read(buf.data(), static_cast<int>(want));
     if (got <= 0) break;
     // Flushed at once: a fetch killed at a time-out still leaves its bytes.
     if (fwrite(buf.data(), 1, static_cast<size_t>(got), out) != static_cast<size_t>(got) ||
@@ -62,24 +52,6 @@ bool copyStream(ReadFn read, FILE* out, long long count, int readSize, long long
     total += got;
   }
   return true;
-}
-
-double monotonicSeconds() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-// VmHWM of this process in KiB, -1 when /proc does not say.
-long peakRssKiB() {
-  std::unique_ptr<FILE, FileCloser> status(fopen("/proc/self/status", "r"));
-  if (!status) return -1;
-  char line[256];
-  long kib = -1;
-  while (fgets(line, sizeof line, status.get()) != nullptr) {
-    if (sscanf(line, "VmHWM: %ld kB", &kib) == 1) break;
-  }
-  return kib;
 }
 
 }  // namespace
@@ -124,40 +96,21 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  long long total = 0;
-  bool written = false;
-  const double started = monotonicSeconds();
-  if (startsWith(url, "mms://") || startsWith(url, "mmst://")) {
-    std::unique_ptr<mms_t, MmsCloser> mms(mms_connect(nullptr, nullptr, url.c_str(), bandwidth));
-    if (!mms) {
-      fprintf(stderr, "libmms-fetch: mms_connect failed for %s\n", url.c_str());
-      return 1;
-    }
-    printf("length %u header %u packet %llu\n", mms_get_length(mms.get()),
-           mms_get_asf_header_len(mms.get()),
-           static_cast<unsigned long long>(mms_get_asf_packet_len(mms.get())));
-    written = copyStream([&](char* buf, int len) { return mms_read(nullptr, mms.get(), buf, len); },
-                         out.get(), count, readSize, total);
-  } else if (startsWith(url, "mmsh://") || startsWith(url, "http://")) {
-    std::unique_ptr<mmsh_t, MmshCloser> mmsh(
-        mmsh_connect(nullptr, nullptr, url.c_str(), bandwidth));
-    if (!mmsh) {
-      fprintf(stderr, "libmms-fetch: mmsh_connect failed for %s\n", url.c_str());
-      return 1;
-    }
-    printf("length %u header %u packet %u\n", mmsh_get_length(mmsh.get()),
-           mmsh_get_asf_header_len(mmsh.get()), mmsh_get_asf_packet_len(mmsh.get()));
-    written =
-        copyStream([&](char* buf, int len) { return mmsh_read(nullptr, mmsh.get(), buf, len); },
-                   out.get(), count, readSize, total);
-  } else {
-    fprintf(stderr, "libmms-fetch: not an MMS URL: %s\n", url.c_str());
-    return 2;
+  const int64_t started = nowMs();
+  LibmmsStream stream;
+  if (!stream.open(url, bandwidth)) {
+    fprintf(stderr, "libmms-fetch: libmms cannot open %s\n", url.c_str());
+    return 1;
   }
-  const double elapsed = monotonicSeconds() - started;
+  printf("length %u header %u packet %llu\n", stream.length(), stream.headerLength(),
+         static_cast<unsigned long long>(stream.packetLength()));
+  long long total = 0;
+  const bool written = copyStream(stream, out.get(), count, readSize, total);
+  const double elapsed = static_cast<double>(msSince(started)) / 1000;
   printf("read %lld\n", total);
   if (stats) {
-    fprintf(stderr, "stats bytes %lld elapsed %.6f peak-rss %ld\n", total, elapsed, peakRssKiB());
+    fprintf(stderr, "stats bytes %lld elapsed %.6f peak-rss %ld\n", total, elapsed,
+            procStatusKb(getpid(), "VmHWM"));
   }
   if (!written) {
     fprintf(stderr, "libmms-fetch: write to %s failed\n", argv[2]);
