@@ -164,35 +164,7 @@ TEST_F(Stream, ReplyLayoutAndCountsNoReplyCanCarry) {
 
 // ---- Opening: each form of URL, as the log and the reply show
 
-// The rows of url_forms.txt: a name, a URL and the lines after its url line.
-struct UrlForm {
-  std::string name, url;
-  Lines lines;
-};
-void PrintTo(const UrlForm& f, std::ostream* os) {
-  *os << f.url;
-}
-
-std::vector<UrlForm> urlForms() {
-  std::vector<UrlForm> forms;
-  for (const std::string& line : support::lines(support::readFile(URL_FORMS))) {
-    if (line.empty() || line[0] == '#') {
-      if (line.empty() && !forms.empty() && !forms.back().lines.empty()) forms.push_back({});
-      continue;
-    }
-    if (forms.empty()) forms.push_back({});
-    UrlForm& f = forms.back();
-    if (f.url.empty()) {
-      f.name = line.substr(0, line.find(' '));
-      f.url = line.substr(line.find(' ') + 1);
-    } else {
-      f.lines.push_back(line);
-    }
-  }
-  return forms;
-}
-
-class UrlForms : public Stream, public ::testing::WithParamInterface<UrlForm> {};
+class UrlForms : public Stream, public ::testing::WithParamInterface<support::UrlForm> {};
 
 TEST_P(UrlForms, OpenWithTheTransportAndProxyTheFormCallsFor) {
   support::RefusingPort refusing;
@@ -220,8 +192,8 @@ TEST_P(UrlForms, OpenWithTheTransportAndProxyTheFormCallsFor) {
   EXPECT_EQ(opens ? 2u : 0u, newLines().size()) << "only an open stream has lines to close";
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, UrlForms, ::testing::ValuesIn(urlForms()),
-                         [](const ::testing::TestParamInfo<UrlForm>& info) {
+INSTANTIATE_TEST_SUITE_P(Rows, UrlForms, ::testing::ValuesIn(support::urlForms()),
+                         [](const ::testing::TestParamInfo<support::UrlForm>& info) {
                            return info.param.name;
                          });
 

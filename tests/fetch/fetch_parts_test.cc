@@ -1,18 +1,16 @@
-// halvarine-fetch's parts without a worker: the command line, the URL as
-// the worker will take it, the exit statuses as people read them, and a
-// recording cut short made readable.
+// halvarine-fetch's parts without a worker: the command line and the URL as
+// the worker will take it. Recordings and exit statuses are checked end to
+// end (fetch_test.cc).
 
 #include <gtest/gtest.h>
 
 #include <iterator>
-#include <regex>
-#include <set>
 #include <sstream>
+#include <string>
 #include <tuple>
+#include <vector>
 
-#include "tests/support/support.h"
 #include "tools/fetch/options.h"
-#include "tools/fetch/output.h"
 #include "tools/fetch/url.h"
 
 namespace {
@@ -69,56 +67,6 @@ TEST(FetchParts, UrlAsTheWorkerTakesIt) {
     EXPECT_EQ(std::get<3>(row), p.status >= 0 ? std::to_string(p.status) : p.url)
         << std::get<0>(row) << ": " << p.why;
   }
-}
-
-// --help prints the exit statuses from their one table; the README and the
-// manual page must list the same ones.
-TEST(FetchParts, EveryListOfExitStatusesIsTheTable) {
-  std::set<int> codes;
-  for (const fetch::ExitStatusLine& line : fetch::exitStatusLines()) codes.insert(line.code);
-  // In this process, not the tool's binary: a cross-built test cannot start it.
-  testing::internal::CaptureStdout();
-  char program[] = "halvarine-fetch", flag[] = "--help";
-  char* argv[] = {program, flag, nullptr};
-  fetch::Options options;
-  EXPECT_EQ(0, fetch::parseOptions(2, argv, options));
-  fflush(stdout);
-  const std::string help = testing::internal::GetCapturedStdout();
-  const std::string readme = support::readFile(HALVARINE_SOURCE_DIR "/README.md");
-  const std::string manual = support::readFile(HALVARINE_SOURCE_DIR "/man/halvarine-fetch.1");
-  for (const auto& list :
-       {std::make_pair(help.substr(help.find("Exit status:")), std::regex("\n +([0-9]+)  ")),
-        std::make_pair(readme.substr(readme.find("## halvarine-fetch")),
-                       std::regex("\n\\| ([0-9]+) \\|")),
-        std::make_pair(manual.substr(manual.find(".SH EXIT STATUS")),
-                       std::regex("\n\\.TP\n\\.B ([0-9]+)\n"))}) {
-    std::set<int> listed;
-    for (std::sregex_iterator m(list.first.begin(), list.first.end(), list.second), end; m != end;
-         ++m) {
-      listed.insert(std::stoi((*m)[1]));
-    }
-    EXPECT_EQ(codes, listed);
-  }
-}
-
-TEST(FetchParts, RecordingCutShortKeepsWholePacketsAndSaysSo) {
-  const AsfFile& f = support::sampleAsf();
-  support::TempDir dir;
-  const volatile sig_atomic_t noStop = 0;
-  const std::string data = f.packets[0] + f.packets[1] + f.packets[2].substr(0, 1000);
-  {
-    fetch::Output out;
-    ASSERT_TRUE(out.open(dir.file("rec.asf")));
-    ASSERT_TRUE(out.write(f.header + data, &noStop));
-    ASSERT_TRUE(out.finishRecording(f.header, data.size(), f.packetSize)) << out.error();
-    ASSERT_TRUE(out.commit());
-  }
-  AsfFile cut;
-  std::string error;
-  ASSERT_TRUE(loadAsfFile(dir.file("rec.asf"), cut, error)) << error;
-  EXPECT_EQ((std::vector<std::string>{f.packets[0], f.packets[1]}), cut.packets);
-  EXPECT_EQ(f.header.size() + 2 * f.packetSize, cut.fileSize);
-  EXPECT_EQ(cut.fileSize, support::readFile(dir.file("rec.asf")).size());
 }
 
 }  // namespace

@@ -340,6 +340,27 @@ bool NetNamespace::exec(const std::vector<std::string>& argv, std::string& outpu
   return succeeds(full, output);
 }
 
+// ---- URL forms
+
+std::vector<UrlForm> urlForms() {
+  std::vector<UrlForm> forms;
+  for (const std::string& line : lines(readFile(HALVARINE_URL_FORMS))) {
+    if (line.empty() || line[0] == '#') {
+      if (line.empty() && !forms.empty() && !forms.back().lines.empty()) forms.push_back({});
+      continue;
+    }
+    if (forms.empty()) forms.push_back({});
+    UrlForm& f = forms.back();
+    if (f.url.empty()) {
+      f.name = line.substr(0, line.find(' '));
+      f.url = line.substr(line.find(' ') + 1);
+    } else {
+      f.lines.push_back(line);
+    }
+  }
+  return forms;
+}
+
 // ---- Frames
 
 std::string bytes(std::initializer_list<int> values) {
@@ -548,18 +569,10 @@ std::vector<std::string> StreamTest::openLines(const std::string& url, Transport
   std::vector<std::string> lines = {"[commandConnect()] command size : 7",
                                     "[WrapperMms::connect()] call! ",
                                     "[WrapperMms::connect()] url=" + url};
-  if (transport == Transport::MMST) {
-    lines.insert(lines.end(),
-                 {"[WrapperMms::connect()] open MMST stream!", "[WrapperMms::io_tcp_connect]",
-                  "[WrapperMms::connect()] open MMST stream success!"});
-  } else {
-    // Describe (answered with the header and the server's close), then play.
-    lines.insert(lines.end(),
-                 {"[WrapperMms::connect()] open MMSH stream!", "[WrapperMms::io_tcp_connect]",
-                  "[WrapperMms::io_read()] EOF", "[WrapperMms::io_tcp_connect]",
-                  "[WrapperMms::connect()] open MMSH stream success!"});
+  for (const UrlForm& f : urlForms()) {
+    if (f.name == (transport == Transport::MMST ? "mms" : "mmsh"))
+      lines.insert(lines.end(), f.lines.begin(), f.lines.end());
   }
-  lines.push_back("[commandConnect()] MMS connect server!! : 0");
   return lines;
 }
 

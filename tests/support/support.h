@@ -167,6 +167,19 @@ class NetNamespace {
   bool createdRoot_ = false;
 };
 
+// ---- Each form of URL a CONNECT may carry (tests/e2e/url_forms.txt)
+
+// A name, the URL (with the placeholders the file describes) and the lines
+// the worker writes after its url line.
+struct UrlForm {
+  std::string name, url;
+  std::vector<std::string> lines;
+};
+inline void PrintTo(const UrlForm& f, std::ostream* os) {
+  *os << f.url;
+}
+std::vector<UrlForm> urlForms();
+
 // ---- Frames written out by hand, independently of the worker's codec
 
 std::string bytes(std::initializer_list<int> values);
