@@ -27,9 +27,10 @@ const int PROMPT_MS = 1000;
 class Termination : public support::StreamTest {
  protected:
   // SIGTERM now; the worker must end with status 0 within PROMPT_MS.
-  // Returns what it wrote from `mark` (a length of its output) on.
-  std::string terminate(size_t mark, const std::string& state) {
+  // Returns what it wrote from then on.
+  std::string terminate(const std::string& state) {
     halvarine::ChildProcess& worker = session.worker();
+    const size_t mark = worker.output().size();
     const auto start = nowMs();
     EXPECT_TRUE(worker.sendSignal(SIGTERM)) << worker.error();
     halvarine::ExitStatus how;
@@ -89,8 +90,7 @@ class Termination : public support::StreamTest {
 
 TEST_F(Termination, WaitingForTheControllerReleasesTheStream) {
   ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
-  const size_t mark = session.worker().output().size();
-  EXPECT_EQ(NOTICE + CLOSE_MMSH, terminate(mark, "waiting for the controller"));
+  EXPECT_EQ(NOTICE + CLOSE_MMSH, terminate("waiting for the controller"));
   EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
 }
 
@@ -101,8 +101,7 @@ TEST_F(Termination, WaitingForTheServerReleasesTheStreamAndSendsNoReply) {
   ASSERT_EQ("OK_", read(65511).status());
   ASSERT_TRUE(session.send(request("READ", {countDigits(65511)})));
   usleep(300000);  // the READ waits for bytes that do not come
-  const size_t mark = session.worker().output().size();
-  EXPECT_EQ(NOTICE + CLOSE_MMST, terminate(mark, "waiting for the server"));
+  EXPECT_EQ(NOTICE + CLOSE_MMST, terminate("waiting for the server"));
   EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
 }
 
@@ -114,8 +113,7 @@ TEST_F(Termination, SpinningInsideTheLibrary) {
   ASSERT_TRUE(session.send(request("CONNECT", {startServer(Transport::MMST, zero).url()})));
   waitForLine("[WrapperMms::connect()] open MMST stream!");
   usleep(300000);
-  const size_t mark = session.worker().output().size();
-  EXPECT_EQ(NOTICE, terminate(mark, "spinning in the library"));
+  EXPECT_EQ(NOTICE, terminate("spinning in the library"));
   EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
 }
 
@@ -136,8 +134,7 @@ TEST_F(Termination, LookingUpAHostWhoseServerNeverAnswers) {
   ASSERT_TRUE(session.send(request("CONNECT", {"mms://stream.example/live"})));
   waitForLine("[WrapperMms::io_tcp_connect]");
   usleep(300000);
-  const size_t mark = session.worker().output().size();
-  EXPECT_EQ(NOTICE, terminate(mark, "looking up a host"));
+  EXPECT_EQ(NOTICE, terminate("looking up a host"));
   EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
 }
 
@@ -154,8 +151,7 @@ TEST_F(Termination, AtRandomMomentsOfAStreamAtFullSpeed) {
     ASSERT_EQ("OK_", connect(urls[i % 2]).status());
     for (int r = 0; r < 4; ++r) ASSERT_TRUE(session.send(request("READ", {countDigits(65511)})));
     usleep(std::uniform_int_distribution<int>(0, 3000)(random));
-    const size_t mark = session.worker().output().size();
-    const std::string after = terminate(mark, "at full speed");
+    const std::string after = terminate("at full speed");
     const size_t at = after.find(NOTICE);
     ASSERT_NE(std::string::npos, at) << after;
     const std::string tail = after.substr(at + NOTICE.size());

@@ -46,10 +46,9 @@ const AsfFile& sampleAsf() {
 
 // ---- Child processes
 
-Child::Child(const std::vector<std::string>& argv, int stderrFd) {
+Child::Child(const std::vector<std::string>& argv) {
   Options options;
   options.captureStdout = true;
-  options.stderrFd = stderrFd;
   start(argv, options);
 }
 

@@ -42,11 +42,10 @@ inline double secondsSince(int64_t startMs) {
 }
 
 // A child started at once; standard output and error go to one pipe,
-// collected in output(), unless `stderrFd` names where its standard error goes.
+// collected in output().
 class Child : public halvarine::ChildProcess {
  public:
-  explicit Child(const std::vector<std::string>& argv, int stderrFd = -1);
-  void signal(int sig) { sendSignal(sig); }
+  explicit Child(const std::vector<std::string>& argv);
   bool wait(int timeoutMs);  // true once ended
   int exitCode();            // -1 when it ended by a signal or still runs
 };
