@@ -46,7 +46,8 @@ cmake -S . -B build-armhf \
   -DCMAKE_BUILD_TYPE="$BUILD_TYPE" \
   -DHALVARINE_TESTS="$TESTS" \
   -DHALVARINE_WERROR="$WERROR" --no-warn-unused-cli >/dev/null
-cmake --build build-armhf -j"$(nproc)"
+# TARGETS (space-separated) builds those alone, the worker always among them.
+cmake --build build-armhf -j"$(nproc)" --target halvarine ${TARGETS:-all}
 
 $TRIPLE-strip -o build-armhf/halvarine.stripped build-armhf/halvarine
 full=$(stat -c %s build-armhf/halvarine)
