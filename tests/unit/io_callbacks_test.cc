@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <thread>
+#include <tuple>
 
 #include "mms/wrapper_mms.h"
 #include "stderr_capture.h"
@@ -95,13 +96,7 @@ TEST_F(IoTransfer, ArgumentsEndAndFailureInTurn) {
   const auto R = &WrapperMms::io_read, W = &WrapperMms::io_write;
   const std::string r = "[WrapperMms::io_read()] ", w = "[WrapperMms::io_write()] ";
   const int fd = ours.get();
-  const struct {
-    decltype(R) call;
-    int fd;
-    char* buf;
-    mms_off_t num, result;
-    std::string log;
-  } rows[] = {
+  const std::tuple<decltype(R), int, char*, mms_off_t, mms_off_t, std::string> rows[] = {
       {R, fd, nullptr, 4, -1, r + "invalid argument!\n"},
       {W, -1, nullptr, 4, -1, w + "invalid argument!\n"},
       {R, -1, buf, 4, -1, r + "invalid socket!\n"},
@@ -112,10 +107,10 @@ TEST_F(IoTransfer, ArgumentsEndAndFailureInTurn) {
       {R, fd, buf, 8, 0, r + "EOF\n"},
       {W, fd, buf, 8, 0, w + "write error! errno=32\n"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [call, sock, data, num, result, log] : rows) {
     StderrCapture err;
-    EXPECT_EQ(row.result, row.call(nullptr, row.fd, row.buf, row.num)) << row.log;
-    EXPECT_EQ(row.log, err.text());
+    EXPECT_EQ(result, call(nullptr, sock, data, num)) << log;
+    EXPECT_EQ(log, err.text());
   }
   EXPECT_EQ("abc", std::string(buf, 3));
 }
