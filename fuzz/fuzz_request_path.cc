@@ -15,7 +15,6 @@
 //    request's echo byte, end mark) whose body is the request's word and the
 //    status that a process without a stream must give.
 
-#include <fcntl.h>
 #include <sched.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -34,40 +33,22 @@ namespace {
 
 int g_peerFd = -1;  // the controller's end
 
-void openControlPair() {
-  int fds[2];
-  FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0);
-  // Room for the longest reply a fuzz input can cause, so a reply never
-  // waits for this harness to read.
-  const int room = 4 * FRAME_MAX_LEN;
-  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
-  setsockopt(fds[1], SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-  FUZZ_CHECK(fcntl(fds[1], F_SETFL, O_NONBLOCK) == 0);
-  g_controlFd = fds[0];
-  g_peerFd = fds[1];
-}
-
 std::string drainReplies() {
   std::string bytes;
   char chunk[4096];
-  for (;;) {
-    const ssize_t n = read(g_peerFd, chunk, sizeof chunk);
-    if (n <= 0) break;
+  ssize_t n;
+  while ((n = recv(g_peerFd, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
     bytes.append(chunk, static_cast<size_t>(n));
-  }
   return bytes;
 }
 
-struct Expected {
-  bool answered;       // the handler accepts the request
-  const char* status;  // the status of a process without a stream
-};
-
-// The command table's choice and each handler's acceptance rule, from the
-// outside: the first word the request's word begins with, enough elements,
-// for READ an 8-byte count, and a reply that fits a frame (the word, its
-// 0x0A and the largest tail: a status, or for GSIZE a status and a length).
-Expected expectedFor(const ParamList& request) {
+// The status a process without a stream answers `request` with, null for
+// none: the command table's choice and each handler's acceptance rule, from
+// the outside. The first word the request's word begins with, enough
+// elements, for READ an 8-byte count, and a reply that fits a frame (the
+// word, its 0x0A and the largest tail: a status, or for GSIZE a status and
+// a length).
+const char* expectedStatus(const ParamList& request) {
   static const struct {
     const char* word;
     size_t minElements;
@@ -75,38 +56,33 @@ Expected expectedFor(const ParamList& request) {
     size_t tail;
   } COMMANDS[] = {{"CONNECT", 3, "ERR", 5}, {"READ", 3, "ERR", 5}, {"GSIZE", 2, "ERR", 22},
                   {"CLOSE", 2, "OK_", 5},   {"PEND", 2, "OK_", 5}, {"CCHECK", 2, "OK_", 5}};
-  if (request.size() < 2) return {false, nullptr};
+  if (request.size() < 2) return nullptr;
   for (const auto& c : COMMANDS) {
     if (request[1].compare(0, strlen(c.word), c.word) != 0) continue;
-    bool accepted = request.size() >= c.minElements && request[1].size() + 1 + c.tail <= 0xFFFF;
-    if (accepted && strcmp(c.word, "READ") == 0) accepted = request[2].size() == 8;
-    return {accepted, c.status};
+    const bool accepted = request.size() >= c.minElements &&
+                          request[1].size() + 1 + c.tail <= 0xFFFF &&
+                          (strcmp(c.word, "READ") != 0 || request[2].size() == 8);
+    return accepted ? c.status : nullptr;
   }
-  return {false, nullptr};
-}
-
-void checkReply(const ParamList& request, const Expected& expected, const std::string& replies) {
-  if (!expected.answered) {
-    FUZZ_CHECK(replies.empty());
-    return;
-  }
-  fuzzframe::checkReplyFrame(replies);  // exactly one frame, nothing after
-  FUZZ_CHECK(replies[7] == request[0][HEADER_ECHO]);
-  const std::string body = request[1] + '\n' + expected.status + "\n\n";
-  FUZZ_CHECK(replies.compare(FRAME_BODY_OFFSET, std::string::npos, body + '\x03') == 0);
+  return nullptr;
 }
 
 void serve(const Packet& frame) {
   ParamList request;
   const bool parsed = parsePacket(frame, request) == RESULT_OK;
-  const Expected expected = parsed ? expectedFor(request) : Expected{false, nullptr};
-  if (parsed) {
-    const CommandOutcome outcome = dispatchCommand(request);
-    // A request its handler refuses counts as dropped: it was not served.
-    FUZZ_CHECK((outcome == COMMAND_DROPPED) == !expected.answered);
-    // COMMAND_END (PEND) would end the loop; the harness goes on.
+  const char* status = parsed ? expectedStatus(request) : nullptr;
+  // A request its handler refuses counts as dropped: it was not served.
+  // COMMAND_END (PEND) would end the loop; the harness goes on.
+  if (parsed) FUZZ_CHECK((dispatchCommand(request) == COMMAND_DROPPED) == (status == nullptr));
+  const std::string replies = drainReplies();
+  if (status == nullptr) {
+    FUZZ_CHECK(replies.empty());
+  } else {
+    fuzzframe::checkReplyFrame(replies);  // exactly one frame, nothing after
+    FUZZ_CHECK(replies[7] == request[0][HEADER_ECHO]);
+    const std::string body = request[1] + '\n' + status + "\n\n\x03";
+    FUZZ_CHECK(replies.compare(FRAME_BODY_OFFSET, std::string::npos, body) == 0);
   }
-  checkReply(request, expected, drainReplies());
   FUZZ_CHECK(!g_wrapperMms || !g_wrapperMms->isConnected());
 }
 
@@ -117,7 +93,15 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // user namespace of our own.
   FUZZ_CHECK(unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0);
   fuzzframe::silenceDiagnostics();
-  openControlPair();
+  int fds[2];
+  FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0);
+  // Room for the longest reply a fuzz input can cause, so a reply never
+  // waits for this harness to read.
+  const int room = 4 * FRAME_MAX_LEN;
+  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  setsockopt(fds[1], SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+  g_controlFd = fds[0];
+  g_peerFd = fds[1];
   return 0;
 }
 
