@@ -32,8 +32,8 @@ case "${HALVARINE_CLEAN_ROOT_STEP:-}" in
     ensure_packages mmdebstrap iproute2
     mapfile -t debs < <(find "$PACKAGES" -maxdepth 1 -name '*.deb' ! -name '*-dbgsym_*')
     ((${#debs[@]} == 3)) || fail "expected three packages in $PACKAGES, found: ${debs[*]}"
-    for program in halvarine-mms-server libmms-fetch; do
-      [ -x "$BUILD/tools/mmsserver/$program" ] || fail "no $program in $BUILD (bash scripts/setup.sh)"
+    for program in mmsserver/halvarine-mms-server libmms-fetch/libmms-fetch; do
+      [ -x "$BUILD/tools/$program" ] || fail "no $program in $BUILD/tools (bash scripts/setup.sh)"
     done
     mkdir -p "$ROOT"
     exec unshare --mount --propagation private \
@@ -73,7 +73,7 @@ case "${HALVARINE_CLEAN_ROOT_STEP:-}" in
     . scripts/lib/server.sh
     trap stop_servers EXIT
     start_server mmsh
-    "$BUILD/tools/mmsserver/libmms-fetch" "$URL" "$OUT/reference.asf" >/dev/null
+    "$BUILD/tools/libmms-fetch/libmms-fetch" "$URL" "$OUT/reference.asf" >/dev/null
     started=$SECONDS
     chroot "$ROOT" env -i PATH=/usr/bin:/bin HOME=/root LC_ALL=C.UTF-8 \
       bash "$CHECK/installed.sh" /usr "$URL" "$CHECK/reference.asf" \
