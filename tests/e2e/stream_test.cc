@@ -39,7 +39,17 @@ std::string closeLine(Transport t) {
 
 class Stream : public support::StreamTest {};
 
-class BothTransports : public Stream, public ::testing::WithParamInterface<Transport> {};
+class BothTransports : public Stream, public ::testing::WithParamInterface<Transport> {
+ protected:
+  // The stream from a server that goes silent after 100,000 bytes, read up
+  // to its first READ.
+  void openStalled() {
+    Faults stall;
+    stall.stallAfter = 100000;
+    ASSERT_NO_FATAL_FAILURE(openStream(GetParam(), stall));
+    expectNext(MAX_READ);
+  }
+};
 
 TEST_P(BothTransports, WholeStreamIsWhatLibmmsReadsThenEofForGood) {
   expectReply("READ", {countDigits(1000)}, "ERR");  // no stream yet
@@ -101,10 +111,7 @@ TEST_P(BothTransports, ResetMidStreamEndsItAfterTheBytesBeforeIt) {
 
 // A server that closes while the worker waits for its bytes: seen at once.
 TEST_P(BothTransports, ServerClosingDuringAWaitEndsTheReadAtOnce) {
-  Faults stall;
-  stall.stallAfter = 100000;
-  ASSERT_NO_FATAL_FAILURE(openStream(GetParam(), stall));
-  expectNext(MAX_READ);
+  ASSERT_NO_FATAL_FAILURE(openStalled());
   const Request req = request("READ", {countDigits(MAX_READ)});
   ASSERT_TRUE(session.send(req));
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -119,10 +126,7 @@ TEST_P(BothTransports, ServerClosingDuringAWaitEndsTheReadAtOnce) {
 // Silence mid-READ: after 7 s the callback gives up and the library makes
 // what it can of the bytes it has; the worker goes on serving.
 TEST_P(BothTransports, SlowStallMidReadAnswersAfterSevenSeconds) {
-  Faults stall;
-  stall.stallAfter = 100000;
-  ASSERT_NO_FATAL_FAILURE(openStream(GetParam(), stall));
-  expectNext(MAX_READ);
+  ASSERT_NO_FATAL_FAILURE(openStalled());
   const auto start = nowMs();
   const Reply r = call(request("READ", {countDigits(MAX_READ)}), 15);
   EXPECT_GE(support::secondsSince(start), 6.5);
