@@ -2,7 +2,9 @@
 #include <fcntl.h>
 #include <halvarine/child_process.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -247,14 +249,7 @@ const std::string& ChildProcess::output() {
 
 std::vector<std::string> ChildProcess::outputLines() {
   drain();
-  std::vector<std::string> lines;
-  for (size_t begin = 0; begin < output_.size();) {
-    size_t end = output_.find('\n', begin);
-    if (end == std::string::npos) end = output_.size();
-    lines.push_back(output_.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return lines;
+  return splitLines(output_);
 }
 
 void ChildProcess::kill() {
@@ -264,6 +259,50 @@ void ChildProcess::kill() {
   }
   drain();
   pipe_.reset();
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t begin = 0; begin < text.size();) {
+    size_t end = text.find('\n', begin);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return lines;
+}
+
+std::string findOnPath(const std::string& name) {
+  const char* path = getenv("PATH");
+  const std::string dirs = path != nullptr ? path : "";
+  for (size_t begin = 0; begin <= dirs.size();) {
+    size_t end = dirs.find(':', begin);
+    if (end == std::string::npos) end = dirs.size();
+    const std::string dir = end > begin ? dirs.substr(begin, end - begin) : ".";
+    const std::string candidate = dir + "/" + name;
+    struct stat st;
+    if (stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+        access(candidate.c_str(), X_OK) == 0) {
+      return candidate;
+    }
+    begin = end + 1;
+  }
+  return "";
+}
+
+ProgramRun runProgram(const std::vector<std::string>& argv, int timeoutMs) {
+  ChildProcess child;
+  ChildProcess::Options options;
+  options.captureStdout = true;
+  ProgramRun run;
+  if (!child.start(argv, options)) {
+    run.output = child.error();
+    return run;
+  }
+  run.ended = child.waitExit(timeoutMs, run.status);
+  child.kill();
+  run.output = child.output();
+  return run;
 }
 
 }  // namespace halvarine

@@ -13,4 +13,10 @@ inline int64_t msSince(int64_t startMs) {
   return nowMs() - startMs;
 }
 
+// The same in seconds, one millisecond at least: a rate never divides by 0.
+inline double secondsSince(int64_t startMs) {
+  const int64_t ms = msSince(startMs);
+  return static_cast<double>(ms > 0 ? ms : 1) / 1000;
+}
+
 #endif

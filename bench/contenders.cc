@@ -24,7 +24,6 @@
 
 namespace bench {
 
-using halvarine::ChildProcess;
 using halvarine::ExitStatus;
 using halvarine::FetchStatus;
 using halvarine::UniqueFd;
@@ -44,10 +43,6 @@ namespace {
 const int ACCEPT_TIMEOUT_MS = 60000;          // a worker under valgrind starts slowly
 const int CONTROLLER_TAKEN_WAIT_MS = 120000;  // another run holding the socket
 const int EXIT_TIMEOUT_MS = 600000;
-
-double secondsSince(int64_t startMs) {
-  return static_cast<double>(std::max<int64_t>(msSince(startMs), 1)) / 1e3;
-}
 
 // Starts a session, waiting while another controller holds the socket.
 bool startSession(WorkerSession& session, const std::string& worker,
@@ -89,20 +84,13 @@ bool endSession(WorkerSession& session, std::string& error) {
 
 bool runProgram(const std::vector<std::string>& argv, std::string& error, double* seconds,
                 std::vector<std::string>* lines) {
-  ChildProcess child;
-  ChildProcess::Options options;
-  options.captureStdout = true;
   const int64_t started = nowMs();
-  ExitStatus st;
-  if (!child.start(argv, options) || !child.waitExit(EXIT_TIMEOUT_MS, st)) {
-    error = argv[0] + ": " + child.error();
-    return false;
-  }
+  const halvarine::ProgramRun run = halvarine::runProgram(argv, EXIT_TIMEOUT_MS);
   if (seconds != nullptr) *seconds = secondsSince(started);
-  if (lines != nullptr) *lines = child.outputLines();
-  if (st.exited && st.code == 0) return true;
-  error = argv[0] + " ended with " + st.toString();
-  for (const std::string& l : child.outputLines()) error += "\n  " + l;
+  if (lines != nullptr) *lines = halvarine::splitLines(run.output);
+  if (run.succeeded()) return true;
+  error = argv[0] + (run.ended ? " ended with " + run.status.toString() : ": did not end");
+  for (const std::string& l : halvarine::splitLines(run.output)) error += "\n  " + l;
   return false;
 }
 

@@ -46,51 +46,47 @@ TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
   const std::string worker = support::workerPath();
   ASSERT_FALSE(worker.empty());
   ASSERT_TRUE(support::controllerPathFree(0));
+  std::vector<std::string> argv = halvarine::launcherFromEnvironment();
+  const bool launched = !argv.empty();
+  argv.push_back(worker);
   struct Case {
     const char* what;
-    const char* preload;  // run directly with this library preloaded
+    bool stale;           // a socket file bound but not listening: refused
+    std::string preload;  // run with this library preloaded
     std::string line;
   } const cases[] = {
-      {"no socket file", nullptr, "[Halvarine] connect fail! errno=" + std::to_string(ENOENT)},
-      {"socket without listener", nullptr,
+      {"no socket file", false, "", "[Halvarine] connect fail! errno=" + std::to_string(ENOENT)},
+      {"socket without listener", true, "",
        "[Halvarine] connect fail! errno=" + std::to_string(ECONNREFUSED)},
-      {"socket() fails", EXHAUST_DESCRIPTORS_LIBRARY,
+      {"socket() fails", false, EXHAUST_DESCRIPTORS_LIBRARY,
        "[Halvarine] create socket fail! errno=" + std::to_string(EMFILE)},
-      {"sigaction fails", FAIL_SIGACTION_LIBRARY, std::string("sigaction: ") + strerror(EINVAL)},
+      {"sigaction fails", false, FAIL_SIGACTION_LIBRARY,
+       std::string("sigaction: ") + strerror(EINVAL)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    const bool launched = !halvarine::launcherFromEnvironment().empty();
-    if (c.preload != nullptr && launched) continue;  // the library is built for this host
-    // A sanitizer runtime needs descriptors of its own to report anything.
-    if (c.line.find("create socket fail") != std::string::npos &&
-        getenv("HALVARINE_SANITIZED") != nullptr) {
+    // The libraries are built for this host; a sanitizer runtime needs
+    // descriptors of its own to report anything.
+    if ((!c.preload.empty() && launched) ||
+        (c.preload == EXHAUST_DESCRIPTORS_LIBRARY && getenv("HALVARINE_SANITIZED") != nullptr)) {
       continue;
     }
-    // Bound but not listening: the connect is refused.
     halvarine::UniqueFd stale;
-    if (c.line.find("errno=" + std::to_string(ECONNREFUSED)) != std::string::npos) {
-      stale = support::boundSocket(halvarine::CONTROLLER_SOCKET_PATH);
-      ASSERT_TRUE(stale.valid()) << strerror(errno);
+    if (c.stale) stale = support::boundSocket(halvarine::CONTROLLER_SOCKET_PATH);
+    ASSERT_EQ(c.stale, stale.valid()) << strerror(errno);
+    halvarine::ChildProcess::Options options;
+    if (!c.preload.empty()) {
+      // A sanitized worker must be told that its runtime need not be first.
+      const char* asan = getenv("ASAN_OPTIONS");
+      options.env = {"LD_PRELOAD=" + c.preload, std::string("ASAN_OPTIONS=") + (asan ? asan : "") +
+                                                    ":verify_asan_link_order=0"};
     }
     halvarine::ChildProcess p;
     const auto start = nowMs();
-    if (c.preload != nullptr) {
-      // A sanitized worker must be told that its runtime need not be first.
-      const char* asan = getenv("ASAN_OPTIONS");
-      const std::string asanOptions =
-          std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0";
-      halvarine::ChildProcess::Options preloaded;
-      preloaded.env = {std::string("LD_PRELOAD=") + c.preload, asanOptions};
-      ASSERT_TRUE(p.start({worker}, preloaded)) << p.error();
-    } else {
-      std::vector<std::string> argv = halvarine::launcherFromEnvironment();
-      argv.push_back(worker);
-      ASSERT_TRUE(p.start(argv)) << p.error();
-    }
+    ASSERT_TRUE(p.start(argv, options)) << p.error();
     ExitStatus st;
     ASSERT_TRUE(p.waitExit(5000, st)) << p.error();
-    EXPECT_LT(support::secondsSince(start), 2.0) << "no retry, no wait";
+    EXPECT_LT(secondsSince(start), 2.0) << "no retry, no wait";
     EXPECT_TRUE(st.exited && st.code == 1) << st.toString();
     EXPECT_EQ(std::vector<std::string>{c.line}, p.outputLines());
     unlink(halvarine::CONTROLLER_SOCKET_PATH);
@@ -121,7 +117,7 @@ TEST_F(Process, ControllerClosingInsideAFrameEndsTheWorker) {
 TEST_F(Process, SlowSilenceOf60SecondsEndsTheWorker) {
   const auto start = nowMs();
   expectExit(0, 75);
-  EXPECT_GE(support::secondsSince(start), 59.0);
+  EXPECT_GE(secondsSince(start), 59.0);
   EXPECT_EQ((std::vector<std::string>{"[readPacket()] select timeout!", FINISHED}), outputLines());
 }
 
@@ -336,7 +332,7 @@ TEST_F(Contract, SlowWritesNeverBlockPastTheirWaitOnASmallSendBuffer) {
   halvarine::ExitStatus how;
   ASSERT_TRUE(session.worker().waitExit(1000, how)) << "blocked in a write";
   EXPECT_TRUE(how.exited && how.code == 0) << how.toString();
-  EXPECT_LT(support::secondsSince(start), 1.0);
+  EXPECT_LT(secondsSince(start), 1.0);
 }
 
 }  // namespace

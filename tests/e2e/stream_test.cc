@@ -30,11 +30,8 @@ const std::string READ_TIMEOUT = "[WrapperMms::io_read()] select timeout!";
 const std::string CONNECT_OK = "[commandConnect()] MMS connect server!! : 0";
 const std::string CONNECT_FAILED = "[commandConnect()] MMS connect server!! : 2";
 
-const char* name(Transport t) {
-  return t == Transport::MMST ? "MMST" : "MMSH";
-}
 std::string closeLine(Transport t) {
-  return "[WrapperMms::close()] close " + std::string(name(t)) + " stream! ";
+  return "[WrapperMms::close()] close " + testing::PrintToString(t) + " stream! ";
 }
 
 class Stream : public support::StreamTest {};
@@ -83,7 +80,7 @@ TEST_P(BothTransports, GsizeIsTheLibrarysLengthAndPendClosesTheStreamAfterItsRep
   const Request req = request("GSIZE");
   EXPECT_EQ(hex(expectedReply(req.echo, {"GSIZE", "OK_", digits})), hex(call(req).frame));
   EXPECT_EQ((Lines{"[WrapperMms::getLength()] call! ",
-                   "[WrapperMms::getLength()] get " + std::string(name(GetParam())) +
+                   "[WrapperMms::getLength()] get " + testing::PrintToString(GetParam()) +
                        " length : " + std::to_string(length),
                    "[commandGsize()] MMS get size!! : 0"}),
             newLines());
@@ -103,7 +100,7 @@ TEST_P(BothTransports, ResetMidStreamEndsItAfterTheBytesBeforeIt) {
   const auto start = nowMs();
   const Fetched got = readStream(MAX_READ, reference.size(), 15);
   EXPECT_EQ("EOF", got.lastStatus);
-  EXPECT_LT(support::secondsSince(start), 3.0);
+  EXPECT_LT(secondsSince(start), 3.0);
   EXPECT_GT(got.bytes.size(), 60000u);
   EXPECT_EQ(0, reference.compare(0, got.bytes.size(), got.bytes)) << "not the stream's bytes";
   EXPECT_EQ(0u, support::countLines(newLines(), READ_TIMEOUT));
@@ -118,7 +115,7 @@ TEST_P(BothTransports, ServerClosingDuringAWaitEndsTheReadAtOnce) {
   const auto start = nowMs();
   servers.back().reset();
   const Reply r = receive(req.echo);
-  EXPECT_LT(support::secondsSince(start), 2.0);
+  EXPECT_LT(secondsSince(start), 2.0);
   EXPECT_TRUE(r.status() == "OK_" || r.status() == "EOF") << r.status();
   EXPECT_EQ(1u, support::countLines(newLines(), READ_EOF));
 }
@@ -129,8 +126,8 @@ TEST_P(BothTransports, SlowStallMidReadAnswersAfterSevenSeconds) {
   ASSERT_NO_FATAL_FAILURE(openStalled());
   const auto start = nowMs();
   const Reply r = call(request("READ", {countDigits(MAX_READ)}), 15);
-  EXPECT_GE(support::secondsSince(start), 6.5);
-  EXPECT_LT(support::secondsSince(start), 10.0);
+  EXPECT_GE(secondsSince(start), 6.5);
+  EXPECT_LT(secondsSince(start), 10.0);
   EXPECT_TRUE(r.status() == "OK_" || r.status() == "EOF") << r.status();
   EXPECT_EQ(Lines{READ_TIMEOUT}, newLines());
   expectOnlyCcheckReply(nextEcho());
@@ -138,9 +135,7 @@ TEST_P(BothTransports, SlowStallMidReadAnswersAfterSevenSeconds) {
 
 INSTANTIATE_TEST_SUITE_P(Transports, BothTransports,
                          ::testing::Values(Transport::MMST, Transport::MMSH),
-                         [](const ::testing::TestParamInfo<Transport>& info) {
-                           return std::string(name(info.param));
-                         });
+                         ::testing::PrintToStringParamName());
 
 // The reply's layout is the same code whatever the transport: MMSH here.
 TEST_F(Stream, ReplyLayoutAndCountsNoReplyCanCarry) {
@@ -188,7 +183,7 @@ TEST_P(UrlForms, OpenWithTheTransportAndProxyTheFormCallsFor) {
   const bool opens = GetParam().lines.back() == CONNECT_OK;
   const auto start = nowMs();
   expectReply("CONNECT", {url}, opens ? "OK_" : "ERR");
-  EXPECT_LT(support::secondsSince(start), 2.0) << "no form may wait for a time-out";
+  EXPECT_LT(secondsSince(start), 2.0) << "no form may wait for a time-out";
   Lines want = {"[commandConnect()] command size : 7", C + "call! ", C + "url=" + url};
   for (const std::string& line : GetParam().lines) want.push_back(fill(line));
   EXPECT_EQ(want, support::withRefusalsJoined(newLines()));
@@ -197,9 +192,7 @@ TEST_P(UrlForms, OpenWithTheTransportAndProxyTheFormCallsFor) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, UrlForms, ::testing::ValuesIn(support::urlForms()),
-                         [](const ::testing::TestParamInfo<support::UrlForm>& info) {
-                           return info.param.name;
-                         });
+                         ::testing::PrintToStringParamName());
 
 TEST_F(Stream, NewConnectClosesTheOldStreamFirstAndAFailedOneLeavesNothingOpen) {
   const std::string mmsh = startServer(Transport::MMSH).url(),
@@ -242,7 +235,7 @@ TEST_F(Stream, SlowMmsUrlFallsBackToMmshAfterTheMmstTimeout) {
   const std::string url = "mms://127.0.0.1:" + port + "/x";
   const auto start = nowMs();
   expectReply("CONNECT", {url}, "OK_");
-  EXPECT_GE(support::secondsSince(start), 6.5);
+  EXPECT_GE(secondsSince(start), 6.5);
   Lines expected = openLines(url, Transport::MMSH);
   expected.insert(expected.begin() + 3,
                   {C + "open MMST stream!", TCP, READ_TIMEOUT, C + "open MMST stream failed!"});
@@ -257,7 +250,7 @@ TEST_F(Stream, SlowStallBeforeTheHeaderFailsTheConnect) {
   url = startServer(Transport::MMSH, stall).url();
   const auto start = nowMs();
   expectReply("CONNECT", {url}, "ERR");
-  EXPECT_GE(support::secondsSince(start), 6.5);
+  EXPECT_GE(secondsSince(start), 6.5);
   EXPECT_EQ((Lines{"[commandConnect()] command size : 7", C + "call! ", C + "url=" + url,
                    C + "open MMSH stream!", TCP, READ_TIMEOUT,
                    C + "open MMSH stream failed! " + url, CONNECT_FAILED}),

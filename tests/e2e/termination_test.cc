@@ -35,7 +35,7 @@ class Termination : public support::StreamTest {
     EXPECT_TRUE(worker.sendSignal(SIGTERM)) << worker.error();
     halvarine::ExitStatus how;
     EXPECT_TRUE(worker.waitExit(PROMPT_MS, how)) << state << ": still running";
-    const double ms = support::secondsSince(start) * 1000;
+    const double ms = secondsSince(start) * 1000;
     EXPECT_TRUE(how.exited && how.code == 0) << state << ": " << how.toString();
     std::cout << "[ observed ] SIGTERM " << state << ": ended in " << ms << " ms" << std::endl;
     const std::string& text = worker.output();

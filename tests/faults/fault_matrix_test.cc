@@ -26,7 +26,7 @@ class FaultMatrix : public support::StreamTest,
 
   void openFails() {
     EXPECT_EQ("ERR", connect(url()).status());
-    EXPECT_LT(support::secondsSince(start), 3.0) << "the open waited for a time-out";
+    EXPECT_LT(secondsSince(start), 3.0) << "the open waited for a time-out";
     observed = "CONNECT ERR";
   }
 
@@ -36,7 +36,7 @@ class FaultMatrix : public support::StreamTest,
     const size_t count = sample.header.size() + 2 * sample.packetSize;
     ASSERT_EQ("OK_", connect(url()).status());
     const std::string got = readStream(static_cast<int>(count), 1, 15).bytes;  // one READ
-    EXPECT_GE(support::secondsSince(start), 7.0) << "the slow bytes were not waited for";
+    EXPECT_GE(secondsSince(start), 7.0) << "the slow bytes were not waited for";
     EXPECT_EQ(-1, support::firstDifference(got, asfStreamBytes(sample).substr(0, count)));
     observed = "READ of " + std::to_string(count) + " bytes answered whole";
   }
@@ -125,13 +125,13 @@ TEST_P(FaultMatrix, Outcome) {
   (this->*runners.at(c.outcome))();
   if (c.outcome.compare(0, 4, "dies") != 0) expectOnlyCcheckReply(nextEcho());  // serves on
   std::cout << "[ observed ] " << GetParam().name << ": " << observed << " after "
-            << support::secondsSince(start) << " s" << std::endl;
+            << secondsSince(start) << " s" << std::endl;
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, FaultMatrix,
                          ::testing::ValuesIn(support::faultRows(
                              {"open-fails", "waits-whole", "short-read", "garbage", "long-url",
                               "nul-in-url", "dies", "dies-sigprof", "continues"})),
-                         support::FaultRowName());
+                         ::testing::PrintToStringParamName());
 
 }  // namespace

@@ -69,13 +69,13 @@ TEST_P(Mutation, RepliesStayWellFormedAndTheWorkerEndsAsAllowed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     ++ends[trial(GetParam(), seed)];
   }
-  std::cout << "[ observed ] " << GetParam().name << ": " << support::secondsSince(start)
+  std::cout << "[ observed ] " << GetParam().name << ": " << secondsSince(start)
             << " s; how the workers ended, with counts:";
   for (const auto& e : ends) std::cout << " " << e.first << " " << e.second;
   std::cout << std::endl;
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, Mutation, ::testing::ValuesIn(support::faultRows({"mutated"})),
-                         support::FaultRowName());
+                         ::testing::PrintToStringParamName());
 
 }  // namespace

@@ -41,7 +41,7 @@ TEST_F(Soak, CyclesLeakNeitherMemoryNorDescriptors) {
   // Allocator noise, not one object per cycle (a cycle moves about 65 kB).
   EXPECT_LE(peakKb - baseKb, 256) << "resident memory grows";
   EXPECT_EQ(baseFds, peakFds) << "descriptors leak";
-  std::cout << "[ observed ] Soak: " << cycles << " cycles in " << support::secondsSince(start)
+  std::cout << "[ observed ] Soak: " << cycles << " cycles in " << secondsSince(start)
             << " s; VmRSS " << baseKb << " kB after warm-up, peak " << peakKb << " kB; descriptors "
             << baseFds << ", peak " << peakFds << std::endl;
 }

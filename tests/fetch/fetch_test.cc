@@ -8,7 +8,6 @@
 
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,11 +29,8 @@ void PrintTo(const Row& run, std::ostream* os) {
 
 std::vector<Row> runs() {
   std::vector<Row> rows;
-  for (const std::string& line : support::lines(support::readFile(HALVARINE_FETCH_RUNS))) {
-    std::vector<std::string> c;
-    std::istringstream cells(line);
-    for (std::string cell; std::getline(cells, cell, '\t');) c.push_back(cell == "-" ? "" : cell);
-    if (line.empty() || line[0] == '#') continue;
+  for (std::vector<std::string> c : support::tableRows(HALVARINE_FETCH_RUNS)) {
+    for (std::string& cell : c) cell = cell == "-" ? "" : cell;
     const std::string output = c.at(6);  // a row short of a column stops the program here
     rows.push_back(
         {c[0], c[1], c[2], c[3], c[4], std::stoi(c[5]), output, {c.begin() + 7, c.end()}});
@@ -63,15 +59,14 @@ TEST_P(Fetch, EndsAsItsRowSays) {
   support::TempDir dir;
   const std::string out = dir.file("out.asf");
   support::RefusingPort refusing;
-  std::map<std::string, std::string> values = {{"{tool}", support::fetchToolPath()},
+  std::map<std::string, std::string> values = {{"{tool}", HALVARINE_FETCH},
                                                {"{out}", out},
                                                {"{dir}", dir.path()},
                                                {"{refused}", std::to_string(refusing.port())},
                                                {"{bad}", support::unresolvableHost()}};
   std::unique_ptr<support::Child> server;
   if (!row.server.empty()) {
-    server.reset(
-        new support::Child({"bash", "-c", "exec $0 " + row.server, support::mmsServerPath()}));
+    server.reset(new support::Child({"bash", "-c", "exec $0 " + row.server, HALVARINE_MMS_SERVER}));
     ASSERT_TRUE(server->waitForOutput("\n", 10000)) << server->output();
     const std::string url = server->output().substr(0, server->output().find('\n'));
     values["{url}"] = url;
@@ -124,8 +119,9 @@ TEST_P(Fetch, EndsAsItsRowSays) {
     ASSERT_TRUE(LibmmsStream::readAll(values["{url}"], 0, expected));
     EXPECT_EQ(-1, support::firstDifference(expected, written));
   } else if (row.output == "playable") {
-    const support::RunResult probe = support::run({"ffprobe", "-v", "error", out}, 30000);
-    EXPECT_TRUE(probe.exitCode == 0 && probe.output.empty()) << probe.output;
+    const halvarine::ProgramRun probe =
+        halvarine::runProgram({"ffprobe", "-v", "error", out}, 30000);
+    EXPECT_TRUE(probe.succeeded() && probe.output.empty()) << probe.output;
     // Cut after a whole data packet, with a header that announces its size.
     AsfFile rec;
     std::string error;
@@ -137,6 +133,6 @@ TEST_P(Fetch, EndsAsItsRowSays) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, Fetch, ::testing::ValuesIn(runs()),
-                         [](const ::testing::TestParamInfo<Row>& info) { return info.param.name; });
+                         ::testing::PrintToStringParamName());
 
 }  // namespace

@@ -51,7 +51,7 @@ TEST_F(Peers, WholeStreamThroughTinyproxyInBothUrlFormsEqualsTheDirectRead) {
     port = support::freeTcpPort("127.0.0.1");
     ASSERT_TRUE(support::writeFile(dir.file("conf"), conf + std::to_string(port) + "\n"));
     proxy.reset(new support::Child({"tinyproxy", "-d", "-c", dir.file("conf")}));
-    if (!support::waitForListener("127.0.0.1", port, 5000, proxy.get())) proxy.reset();
+    if (!proxy->waitForOutput("Accepting connections", 5000)) proxy.reset();
   }
   ASSERT_NE(nullptr, proxy) << "tinyproxy did not come up";
   const std::string proxyUrl = "http://127.0.0.1:" + std::to_string(port);
@@ -69,7 +69,7 @@ TEST_F(Peers, WholeStreamThroughTinyproxyInBothUrlFormsEqualsTheDirectRead) {
   // two more were libmms's direct read.
   const std::string log = proxy->output();
   size_t established = 0;
-  for (const std::string& line : support::lines(log))
+  for (const std::string& line : halvarine::splitLines(log))
     established += line.find("Established connection to host \"127.0.0.2\"") != std::string::npos;
   EXPECT_EQ(4u, established) << log;
   for (int i = 0; i < 100 && server.connectionsServed() < 6; ++i) usleep(20000);
@@ -84,10 +84,10 @@ TEST_F(Peers, WholeStreamThroughTinyproxyInBothUrlFormsEqualsTheDirectRead) {
 // no header for a moment at each turn). It streams in real time, so the
 // worker reads a bounded amount: the whole header and data behind it.
 TEST_F(Peers, WorkerReadsVlcMmshOutputInBothUrlForms) {
-  if (support::findProgram("cvlc").empty()) GTEST_SKIP() << "cvlc (vlc-bin, vlc-plugin-base)";
+  if (halvarine::findOnPath("cvlc").empty()) GTEST_SKIP() << "cvlc (vlc-bin, vlc-plugin-base)";
   const support::TempDir home;  // nobody's, with a copy of the sample it can read
   chmod(home.path().c_str(), 0755);
-  ASSERT_TRUE(support::writeFile(home.file("s.asf"), support::readFile(support::samplePath())));
+  ASSERT_TRUE(support::writeFile(home.file("s.asf"), support::readFile(HALVARINE_SAMPLE_ASF)));
   const std::string headerGuid(reinterpret_cast<const char*>(kHeaderObject.bytes), kGuidSize);
   for (const char* scheme : {"mmsh://", "http://"}) {
     SCOPED_TRACE(scheme);
@@ -130,23 +130,23 @@ class TwoAddress : public support::StreamTest {
 };
 
 TEST_F(TwoAddress, SlowFirstAddressTimesOutThenTheSecondConnectsOnOneConnect) {
-  if (geteuid() != 0 || support::findProgram("ip").empty()) GTEST_SKIP() << "needs root and ip";
+  if (geteuid() != 0 || halvarine::findOnPath("ip").empty()) GTEST_SKIP() << "needs root and ip";
   unsetenv("http_proxy");
   support::NetNamespace ns;
   std::string out;
   if (!ns.create("127.0.5.1 twohost.test\n127.0.5.2 twohost.test\n", "", out)) GTEST_SKIP() << out;
   if (!ns.dropTo("127.0.5.1", out)) GTEST_SKIP() << "no packet filter: " << out;
   std::vector<std::string> argv = ns.prefix();
-  argv.insert(argv.end(), {support::mmsServerPath(), "--transport", "mmst", "--address",
-                           "127.0.5.2", "--port", "1755"});
+  argv.insert(argv.end(), {HALVARINE_MMS_SERVER, "--transport", "mmst", "--address", "127.0.5.2",
+                           "--port", "1755"});
   support::Child server(argv);
   ASSERT_TRUE(server.waitForOutput("\n", 10000)) << server.output();
 
   ASSERT_NO_FATAL_FAILURE(startWorker(ns.prefix()));
   const auto start = nowMs();
   EXPECT_EQ("OK_", connect("mms://twohost.test/sample.asf", 30).status());
-  EXPECT_GE(support::secondsSince(start), 6.9);
-  EXPECT_LT(support::secondsSince(start), 12.0);
+  EXPECT_GE(secondsSince(start), 6.9);
+  EXPECT_LT(secondsSince(start), 12.0);
   // Each once, in this order.
   const std::vector<std::string> want = {"[WrapperMms::io_tcp_connect]", "ERR - timeout",
                                          "[WrapperMms::io_tcp_connect] connect failed.",

@@ -24,21 +24,12 @@ using halvarine::UniqueFd;
 
 namespace support {
 
-std::string samplePath() {
-  return HALVARINE_SAMPLE_ASF;
-}
-std::string mmsServerPath() {
-  return HALVARINE_MMS_SERVER;
-}
-std::string fetchToolPath() {
-  return HALVARINE_FETCH;
-}
-
 const AsfFile& sampleAsf() {
   static const AsfFile file = [] {
     AsfFile f;
     std::string error;
-    if (!loadAsfFile(samplePath(), f, error)) ADD_FAILURE() << "cannot load the sample: " << error;
+    if (!loadAsfFile(HALVARINE_SAMPLE_ASF, f, error))
+      ADD_FAILURE() << "cannot load the sample: " << error;
     return f;
   }();
   return file;
@@ -66,15 +57,6 @@ std::string workerPath() {
   const char* w = getenv("HALVARINE_WORKER");
   if (w == nullptr || *w == '\0') w = getenv("HALVARINE_BUILT_WORKER");
   return w != nullptr ? w : "";
-}
-
-RunResult run(const std::vector<std::string>& argv, int timeoutMs) {
-  Child child(argv);
-  RunResult r;
-  r.timedOut = !child.wait(timeoutMs);
-  r.exitCode = child.exitCode();
-  r.output = child.output();
-  return r;
 }
 
 // ---- Files
@@ -108,6 +90,20 @@ bool fileExists(const std::string& path) {
   return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
 }
 
+std::vector<std::vector<std::string>> tableRows(const std::string& path) {
+  std::vector<std::vector<std::string>> rows;
+  for (const std::string& line : halvarine::splitLines(readFile(path))) {
+    if (line.empty() || line[0] == '#') continue;
+    rows.emplace_back();
+    for (size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
+      end = line.find('\t', begin);
+      rows.back().push_back(line.substr(begin, end == std::string::npos ? end : end - begin));
+    }
+  }
+  if (rows.empty()) ADD_FAILURE() << "no rows in " << path;
+  return rows;
+}
+
 long long firstDifference(const std::string& a, const std::string& b) {
   const size_t n = std::min(a.size(), b.size());
   for (size_t i = 0; i < n; ++i) {
@@ -116,35 +112,18 @@ long long firstDifference(const std::string& a, const std::string& b) {
   return a.size() == b.size() ? -1 : static_cast<long long>(n);
 }
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
-}
-
 size_t countLines(const std::vector<std::string>& lines, const std::string& line) {
   return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
-}
-
-std::string findProgram(const std::string& name) {
-  const char* path = getenv("PATH");
-  std::stringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
-  std::string dir;
-  while (std::getline(dirs, dir, ':')) {
-    const std::string candidate = (dir.empty() ? "." : dir) + "/" + name;
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return "";
 }
 
 std::string framemd5(const std::string& input, const TempDir& dir) {
   const std::string out = dir.file("framemd5.txt");
   unlink(out.c_str());
-  const RunResult r = run({findProgram("ffmpeg"), "-nostdin", "-hide_banner", "-loglevel", "error",
-                           "-y", "-i", input, "-map", "0", "-c", "copy", "-f", "framemd5", out},
-                          30000);
-  return r.timedOut || r.exitCode != 0 ? "" : readFile(out);
+  const halvarine::ProgramRun r =
+      halvarine::runProgram({"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y", "-i",
+                             input, "-map", "0", "-c", "copy", "-f", "framemd5", out},
+                            30000);
+  return r.succeeded() ? readFile(out) : "";
 }
 
 // ---- The fault matrix
@@ -252,18 +231,6 @@ uint16_t freeTcpPort(const std::string& address) {
   return port;
 }
 
-bool waitForListener(const std::string& address, uint16_t port, int timeoutMs, Child* child) {
-  const int64_t start = nowMs();
-  while (secondsSince(start) * 1000 < timeoutMs) {
-    if (child != nullptr && !child->running()) return false;
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr = inetAddress(address, port);
-    if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return true;
-    usleep(50 * 1000);
-  }
-  return false;
-}
-
 // In the body: port_'s own initializer would undo what boundToAnyPort wrote.
 RefusingPort::RefusingPort() {
   fd_ = boundToAnyPort("127.0.0.1", port_);
@@ -293,16 +260,16 @@ RawExchange rawExchange(uint16_t port, const std::string& request) {
 namespace {
 
 bool succeeds(const std::vector<std::string>& argv, std::string& output) {
-  const RunResult r = run(argv, 10000);
+  const halvarine::ProgramRun r = halvarine::runProgram(argv, 10000);
   output = r.output;
-  return !r.timedOut && r.exitCode == 0;
+  return r.succeeded();
 }
 
 }  // namespace
 
 NetNamespace::~NetNamespace() {
   if (name_.empty()) return;
-  run({"ip", "netns", "delete", name_}, 10000);
+  halvarine::runProgram({"ip", "netns", "delete", name_}, 10000);
   for (const char* f : {"/hosts", "/resolv.conf"}) unlink((dir_ + f).c_str());
   rmdir(dir_.c_str());
   if (createdRoot_) rmdir("/etc/netns");
@@ -343,7 +310,7 @@ bool NetNamespace::exec(const std::vector<std::string>& argv, std::string& outpu
 
 std::vector<UrlForm> urlForms() {
   std::vector<UrlForm> forms;
-  for (const std::string& line : lines(readFile(HALVARINE_URL_FORMS))) {
+  for (const std::string& line : halvarine::splitLines(readFile(HALVARINE_URL_FORMS))) {
     if (line.empty() || line[0] == '#') {
       if (line.empty() && !forms.empty() && !forms.back().lines.empty()) forms.push_back({});
       continue;
@@ -417,12 +384,6 @@ std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& line
       out.push_back(lines[i]);
     }
   }
-  return out;
-}
-
-std::string withRefusalsJoinedText(const std::string& text) {
-  std::string out;
-  for (const std::string& line : withRefusalsJoined(lines(text))) out += line + "\n";
   return out;
 }
 

@@ -28,18 +28,11 @@ inline void PrintTo(Transport t, std::ostream* os) {
 
 namespace support {
 
-// Paths the build passes in.
-std::string samplePath();
-std::string mmsServerPath();
-std::string fetchToolPath();
+// The build defines HALVARINE_SAMPLE_ASF, HALVARINE_MMS_SERVER and
+// HALVARINE_FETCH: the paths of the sample and of the programs under test.
 
 // The committed sample as the servers cut it; loaded once.
 const AsfFile& sampleAsf();
-
-// Seconds since `startMs`, a reading of nowMs().
-inline double secondsSince(int64_t startMs) {
-  return static_cast<double>(msSince(startMs)) / 1000;
-}
 
 // A child started at once; standard output and error go to one pipe,
 // collected in output().
@@ -53,13 +46,6 @@ class Child : public halvarine::ChildProcess {
 // The worker under test: HALVARINE_WORKER (a cross-built one, say), else
 // HALVARINE_BUILT_WORKER, which the build passes to its tests.
 std::string workerPath();
-
-struct RunResult {
-  bool timedOut = false;
-  int exitCode = -1;
-  std::string output;
-};
-RunResult run(const std::vector<std::string>& argv, int timeoutMs);
 
 // A private directory, removed with its files by the destructor.
 class TempDir {
@@ -78,12 +64,12 @@ class TempDir {
 std::string readFile(const std::string& path);
 bool writeFile(const std::string& path, const std::string& bytes);
 bool fileExists(const std::string& path);
+// The rows of a table file: each line that is neither empty nor a '#'
+// comment, cut at its tabs; a file without rows is a failure.
+std::vector<std::vector<std::string>> tableRows(const std::string& path);
 // Offset of the first difference, -1 when equal: readable for big strings.
 long long firstDifference(const std::string& a, const std::string& b);
-// `text` cut into lines without their 0x0A.
-std::vector<std::string> lines(const std::string& text);
 size_t countLines(const std::vector<std::string>& lines, const std::string& line);
-std::string findProgram(const std::string& name);  // on PATH; "" when absent
 
 // ffmpeg's per-packet digest (stream, timestamps, size, payload MD5) of a
 // URL or file, stream copied; "" when ffmpeg fails.
@@ -103,12 +89,6 @@ inline void PrintTo(const FaultRow& r, std::ostream* os) {
 }
 // The rows whose outcome kind is one of `outcomes`.
 std::vector<FaultRow> faultRows(const std::vector<std::string>& outcomes);
-// The name gtest shows for a FaultRow parameter.
-struct FaultRowName {
-  std::string operator()(const ::testing::TestParamInfo<FaultRow>& info) const {
-    return info.param.name;
-  }
-};
 
 // ---- Sockets
 
@@ -126,8 +106,6 @@ void expectNothingLeft(pid_t pid);
 // A first label longer than DNS allows: the lookup fails with no query.
 std::string unresolvableHost();
 uint16_t freeTcpPort(const std::string& address);
-bool waitForListener(const std::string& address, uint16_t port, int timeoutMs,
-                     Child* child = nullptr);
 
 // A loopback TCP port that refuses: bound, never listening, while it lives.
 class RefusingPort {
@@ -175,7 +153,7 @@ struct UrlForm {
   std::vector<std::string> lines;
 };
 inline void PrintTo(const UrlForm& f, std::ostream* os) {
-  *os << f.url;
+  *os << f.name;
 }
 std::vector<UrlForm> urlForms();
 
@@ -194,8 +172,6 @@ std::string countDigits(int count);  // %08d
 // wait: the kernel's choice) replaced by the one line REFUSED.
 extern const char REFUSED[];
 std::vector<std::string> withRefusalsJoined(const std::vector<std::string>& lines);
-// The same on text: every line ended by 0x0A.
-std::string withRefusalsJoinedText(const std::string& text);
 
 const int REPLY_TIMEOUT_S = 5;
 const int REPLY_TIMEOUT_MS = REPLY_TIMEOUT_S * 1000;

@@ -9,7 +9,6 @@
 
 #include "channel/packet.h"
 #include "channel/transport.h"
-#include "stderr_capture.h"
 #include "tests/support/support.h"
 
 using support::bytes;
@@ -26,13 +25,11 @@ Packet frameOf(const std::string& body) {
 TEST(MakePacket, RefusesShortListsAndOverlongBodiesLeavingOutAlone) {
   Packet out = "untouched";
   ParamList big{"header", "READ", std::string(FRAME_MAX_BODY - 6, 'x')};  // body 65,536
-  {
-    StderrCapture err;
-    EXPECT_EQ(0xFFFFu, makePacket(ParamList{"header"}, out));
-    EXPECT_EQ(6u, makePacket(big, out));
-    EXPECT_EQ("[makePacket()] parameter list is empty!\n[makePacket()] reply too long!\n",
-              err.text());
-  }
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(0xFFFFu, makePacket(ParamList{"header"}, out));
+  EXPECT_EQ(6u, makePacket(big, out));
+  EXPECT_EQ("[makePacket()] parameter list is empty!\n[makePacket()] reply too long!\n",
+            testing::internal::GetCapturedStderr());
   EXPECT_EQ("untouched", out);
   big.back().pop_back();  // exactly 65,535: fits
   ASSERT_EQ(0u, makePacket(big, out));
@@ -71,11 +68,11 @@ TEST(ParsePacket, FieldsOrFaultOfEachFrameShape) {
   };
   for (const auto& [frame, rc, fields, log] : cases) {
     ParamList parsed{"stale"}, want = fields;
-    StderrCapture err;
+    testing::internal::CaptureStderr();
     EXPECT_EQ(rc, parsePacket(frame, parsed)) << testing::PrintToString(frame);
     want.insert(want.begin(), log.empty() ? frame.substr(3, 9) : "stale");
     EXPECT_EQ(want, parsed) << testing::PrintToString(frame);
-    EXPECT_EQ(log, err.text());
+    EXPECT_EQ(log, testing::internal::GetCapturedStderr());
   }
 }
 
@@ -99,10 +96,10 @@ TEST(ExtractPacket, GarbageWithoutStartSequenceIsDroppedPastTheLimit) {
 TEST(Transport, WithoutControllerSocketBothDirectionsSayNotConnected) {
   g_controlFd = -1;
   Packet out = "kept";
-  StderrCapture err;
+  testing::internal::CaptureStderr();
   EXPECT_EQ(8u, readPacket(out));
   EXPECT_EQ(8u, writePacket("frame"));
-  EXPECT_EQ("[readPacket()] not connected!\n", err.text());
+  EXPECT_EQ("[readPacket()] not connected!\n", testing::internal::GetCapturedStderr());
   EXPECT_EQ("kept", out);
 }
 

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -89,13 +88,8 @@ bool runnable(const std::string& path) {
 std::string findWorker(const std::string& named) {
   if (!named.empty()) {
     if (named.find('/') != std::string::npos) return named;
-    const char* path = getenv("PATH");
-    std::stringstream dirs(path != nullptr ? path : "");
-    for (std::string dir; std::getline(dirs, dir, ':');) {
-      const std::string candidate = (dir.empty() ? "." : dir) + "/" + named;
-      if (runnable(candidate)) return candidate;
-    }
-    return named;
+    const std::string found = halvarine::findOnPath(named);
+    return found.empty() ? named : found;
   }
   const char* env = getenv("HALVARINE_WORKER");
   if (env != nullptr && *env != '\0') return env;
@@ -119,13 +113,6 @@ std::string workerProblem(const std::string& path) {
   if (!S_ISREG(st.st_mode)) return "worker binary " + path + " is not a file";
   if (access(path.c_str(), X_OK) != 0) return "worker binary " + path + " is not executable";
   return "";
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::stringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
 }
 
 class Fetch {
@@ -489,7 +476,7 @@ int Fetch::incomplete(int status) {
 int Fetch::connectFailure(size_t mark, std::string& why) {
   const std::string& text = session_.worker().output();
   const halvarine::ConnectDiagnosis d =
-      halvarine::diagnoseConnect(linesOf(text.substr(std::min(mark, text.size()))));
+      halvarine::diagnoseConnect(halvarine::splitLines(text.substr(std::min(mark, text.size()))));
   const std::string where = (d.viaProxy ? "the proxy " : "") + url_.endpoint;
   why = halvarine::connectFailureText(d.failure);
   switch (d.failure) {

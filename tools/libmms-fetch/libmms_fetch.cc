@@ -106,7 +106,7 @@ int main(int argc, char** argv) {
          static_cast<unsigned long long>(stream.packetLength()));
   long long total = 0;
   const bool written = copyStream(stream, out.get(), count, readSize, total);
-  const double elapsed = static_cast<double>(msSince(started)) / 1000;
+  const double elapsed = secondsSince(started);
   printf("read %lld\n", total);
   if (stats) {
     fprintf(stderr, "stats bytes %lld elapsed %.6f peak-rss %ld\n", total, elapsed,

@@ -87,6 +87,24 @@ class ChildProcess {
   std::string error_;
 };
 
+// `text` cut at each 0x0A into lines without it, a last line without one
+// included: what outputLines() gives.
+std::vector<std::string> splitLines(const std::string& text);
+
+// The first file named `name` in a directory of PATH that is a regular file
+// this process may run; "" when there is none.
+std::string findOnPath(const std::string& name);
+
+// A program run to its end.
+struct ProgramRun {
+  bool ended = false;  // within the time (false too when it could not start)
+  ExitStatus status;
+  std::string output;  // standard output and error; why it could not start
+  bool succeeded() const { return ended && status.exited && status.code == 0; }
+};
+// Runs argv with both outputs collected, killing it after `timeoutMs`.
+ProgramRun runProgram(const std::vector<std::string>& argv, int timeoutMs);
+
 }  // namespace halvarine
 
 #endif
