@@ -69,13 +69,13 @@ TEST(Connection, BytesOutsideAFrameAnEndInsideOneOrAGonePeerAreErrors) {
 // kept; only the socket file made here is removed, by its owner, moved or not.
 TEST(Listener, ClaimsAndReleasesOnlyWhatIsFree) {
   const std::string path = dir.file("l"), plain = dir.file("plain");
-  ASSERT_TRUE(support::boundSocket(path).valid() && support::writeFile(plain, "x"));
+  ASSERT_TRUE(support::unixSocket(path, false).valid() && support::writeFile(plain, "x"));
   {
     halvarine::ControllerListener first, second, third;
     ASSERT_TRUE(first.listen(path)) << first.error();
     EXPECT_FALSE(second.listen(path));
     const halvarine::ControllerListener moved(std::move(first));
-    EXPECT_TRUE(support::connectedSocket(path).valid()) << "the first one no longer accepts";
+    EXPECT_TRUE(support::unixSocket(path, true).valid()) << "the first one no longer accepts";
     EXPECT_FALSE(third.listen(plain));
   }
   EXPECT_TRUE(!support::fileExists(path) && support::fileExists(plain));
@@ -85,7 +85,8 @@ TEST(Listener, ClaimsAndReleasesOnlyWhatIsFree) {
   unlink(path.c_str());
   ASSERT_TRUE(b.listen(path)) << b.error();
   a.close();
-  EXPECT_TRUE(support::connectedSocket(path).valid()) << "a listener removed another's socket file";
+  EXPECT_TRUE(support::unixSocket(path, true).valid())
+      << "a listener removed another's socket file";
 }
 
 TEST(Cleanup, ChildrenAreReapedTheirStderrNeverBlocksAndAFailedStartLeavesNothing) {

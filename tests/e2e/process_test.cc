@@ -72,7 +72,7 @@ TEST(StartUp, FailuresEndWithTheirLineAndStatus1) {
       continue;
     }
     halvarine::UniqueFd stale;
-    if (c.stale) stale = support::boundSocket(halvarine::CONTROLLER_SOCKET_PATH);
+    if (c.stale) stale = support::unixSocket(halvarine::CONTROLLER_SOCKET_PATH, false);
     ASSERT_EQ(c.stale, stale.valid()) << strerror(errno);
     halvarine::ChildProcess::Options options;
     if (!c.preload.empty()) {
@@ -146,13 +146,9 @@ TEST_F(Process, SmallCommandsBeforeAnyStreamAnswerInOrderByteExact) {
 }
 
 // Frames the worker must drop, each with the lines it writes for them; the
-// next request is still served.
-TEST_F(Process, MalformedFramesAndUnusableRequestsGetNoReply) {
-  std::string words;  // unknown, lower case, proper beginnings, empty; no parameter
-  for (const char* w : {"HELLO", "ccheck", "pend", "CCHEC", "GSIZ", "CLOS", "PEN", "C", "",
-                        " CCHECK", "XCCHECK", "REA", "CONN", "CONNECT", "READ"}) {
-    words += frameOf(Request::command(w, 0x40));
-  }
+// next request is still served. (Which words get no reply: the request
+// path's fuzz target and its corpus.)
+TEST_F(Process, MalformedFramesGetNoReply) {
   std::string small = frameOf(Request::command("CCHECK", 0x01));
   small[10] = 0;  // a 13-byte frame ending in 'C'; the rest is noise up to the next
   std::string shorter = frameOf(Request::command("GSIZE", 0x02));
@@ -166,7 +162,7 @@ TEST_F(Process, MalformedFramesAndUnusableRequestsGetNoReply) {
       frameAround(0x04, counted + bytes({0x02, 0x00}) + "abc\n\n") +   // no 0x0A after
       frameAround(0x05, counted) + frameAround(0x06, "\nCCHECK\n\n");  // cut prefix; no word
   const std::vector<std::pair<std::string, std::vector<std::string>>> rows = {
-      {words, {}}, {small + shorter + noEnd, {NO_ETX, NO_ETX, NO_ETX}}, {bodies, {}}};
+      {small + shorter + noEnd, {NO_ETX, NO_ETX, NO_ETX}}, {bodies, {}}};
   size_t seen = 0;
   for (const auto& row : rows) {
     ASSERT_TRUE(session.sendRaw(row.first)) << session.error();

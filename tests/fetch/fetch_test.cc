@@ -63,7 +63,7 @@ TEST_P(Fetch, EndsAsItsRowSays) {
                                                {"{out}", out},
                                                {"{dir}", dir.path()},
                                                {"{refused}", std::to_string(refusing.port())},
-                                               {"{bad}", support::unresolvableHost()}};
+                                               {"{bad}", support::UNRESOLVABLE_HOST}};
   std::unique_ptr<support::Child> server;
   if (!row.server.empty()) {
     server.reset(new support::Child({"bash", "-c", "exec $0 " + row.server, HALVARINE_MMS_SERVER}));

@@ -100,7 +100,7 @@ TEST_F(Peers, WorkerReadsVlcMmshOutputInBothUrlForms) {
     bool serving = false;
     for (int i = 0; i < 300 && !serving && vlc.running(); ++i) {
       usleep(50000);
-      serving = support::rawExchange(port, "GET / HTTP/1.0\r\n\r\n").bytes.find(headerGuid) !=
+      serving = support::rawExchange(port, "GET / HTTP/1.0\r\n\r\n").find(headerGuid) !=
                 std::string::npos;
     }
     ASSERT_TRUE(serving) << "VLC did not serve: " << vlc.output();

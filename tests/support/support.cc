@@ -154,13 +154,6 @@ std::vector<FaultRow> faultRows(const std::vector<std::string>& outcomes) {
 
 namespace {
 
-sockaddr_un unixAddress(const std::string& path) {
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-  return addr;
-}
-
 sockaddr_in inetAddress(const std::string& address, uint16_t port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
@@ -184,17 +177,15 @@ UniqueFd boundToAnyPort(const std::string& address, uint16_t& port) {
 
 }  // namespace
 
-UniqueFd boundSocket(const std::string& path) {
+UniqueFd unixSocket(const std::string& path, bool connected) {
   UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
-  sockaddr_un addr = unixAddress(path);
-  if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) fd.reset();
-  return fd;
-}
-
-UniqueFd connectedSocket(const std::string& path) {
-  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
-  sockaddr_un addr = unixAddress(path);
-  if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) fd.reset();
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+  const sockaddr* a = reinterpret_cast<sockaddr*>(&addr);
+  if ((connected ? connect(fd.get(), a, sizeof addr) : bind(fd.get(), a, sizeof addr)) != 0) {
+    fd.reset();
+  }
   return fd;
 }
 
@@ -221,10 +212,6 @@ void expectNothingLeft(pid_t pid) {
   EXPECT_FALSE(fileExists(halvarine::CONTROLLER_SOCKET_PATH)) << "controller socket file left";
 }
 
-std::string unresolvableHost() {
-  return std::string(64, 'x') + ".invalid";
-}
-
 uint16_t freeTcpPort(const std::string& address) {
   uint16_t port = 0;
   boundToAnyPort(address, port);
@@ -236,23 +223,20 @@ RefusingPort::RefusingPort() {
   fd_ = boundToAnyPort("127.0.0.1", port_);
 }
 
-RawExchange rawExchange(uint16_t port, const std::string& request) {
-  RawExchange result;
+std::string rawExchange(uint16_t port, const std::string& request) {
+  std::string received;
   UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in addr = inetAddress("127.0.0.1", port);
   if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       write(fd.get(), request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
-    result.error = errno;
-    return result;
+    return received;
   }
   timeval tv{10, 0};
   setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   char buf[65536];
-  ssize_t n;
-  while ((n = read(fd.get(), buf, sizeof buf)) > 0)
-    result.bytes.append(buf, static_cast<size_t>(n));
-  if (n < 0) result.error = errno;
-  return result;
+  for (ssize_t n; (n = read(fd.get(), buf, sizeof buf)) > 0;)
+    received.append(buf, static_cast<size_t>(n));
+  return received;
 }
 
 // ---- Network namespaces
@@ -292,12 +276,11 @@ bool NetNamespace::create(const std::string& hosts, const std::string& resolvCon
 
 bool NetNamespace::dropTo(const std::string& address, std::string& error) {
   const std::string t = "halvarine_test";
-  return (exec({"nft", "add", "table", "ip", t}, error) &&
-          exec({"nft", "add", "chain", "ip", t, "input",
-                "{ type filter hook input priority 0 ; policy accept ; }"},
-               error) &&
-          exec({"nft", "add", "rule", "ip", t, "input", "ip", "daddr", address, "drop"}, error)) ||
-         exec({"iptables", "-A", "INPUT", "-d", address, "-j", "DROP"}, error);
+  return exec({"nft", "add", "table", "ip", t}, error) &&
+         exec({"nft", "add", "chain", "ip", t, "input",
+               "{ type filter hook input priority 0 ; policy accept ; }"},
+              error) &&
+         exec({"nft", "add", "rule", "ip", t, "input", "ip", "daddr", address, "drop"}, error);
 }
 
 bool NetNamespace::exec(const std::vector<std::string>& argv, std::string& output) {

@@ -93,8 +93,7 @@ std::vector<FaultRow> faultRows(const std::vector<std::string>& outcomes);
 // ---- Sockets
 
 // A Unix-domain socket bound to `path`, not listening; or connected to it.
-halvarine::UniqueFd boundSocket(const std::string& path);
-halvarine::UniqueFd connectedSocket(const std::string& path);
+halvarine::UniqueFd unixSocket(const std::string& path, bool connected);
 // True once nobody accepts on the controller socket path (another run may
 // hold it for a while); the path is left free.
 bool controllerPathFree(int timeoutS);
@@ -104,7 +103,7 @@ long openFds(pid_t pid);
 void expectNothingLeft(pid_t pid);
 
 // A first label longer than DNS allows: the lookup fails with no query.
-std::string unresolvableHost();
+const std::string UNRESOLVABLE_HOST = std::string(64, 'x') + ".invalid";
 uint16_t freeTcpPort(const std::string& address);
 
 // A loopback TCP port that refuses: bound, never listening, while it lives.
@@ -119,12 +118,8 @@ class RefusingPort {
   uint16_t port_ = 0;
 };
 
-struct RawExchange {
-  std::string bytes;
-  int error = 0;  // errno of what ended it; 0 for a clean end
-};
 // Sends `request` to 127.0.0.1:port and reads until the server closes.
-RawExchange rawExchange(uint16_t port, const std::string& request);
+std::string rawExchange(uint16_t port, const std::string& request);
 
 // A network namespace of the test's own, deleted with its files on
 // destruction: only loopback, up; /etc/hosts and (when not empty)
@@ -134,7 +129,7 @@ class NetNamespace {
   ~NetNamespace();
   bool create(const std::string& hosts, const std::string& resolvConf, std::string& error);
   // Every packet to `address` silently dropped on arrival, so that senders
-  // see no error and wait (nft, else iptables).
+  // see no error and wait (nft).
   bool dropTo(const std::string& address, std::string& error);
   bool exec(const std::vector<std::string>& argv, std::string& output);
   std::vector<std::string> prefix() const { return {"ip", "netns", "exec", name_}; }

@@ -1,7 +1,6 @@
 // The frame codec on plain byte strings, against frames written out by hand
-// (tests/support), and the transport without a controller socket. Frames
-// over a real socket, whole, pipelined and split at every byte, are checked
-// end to end against the worker.
+// (tests/support). Frames over a real socket, whole, pipelined and split at
+// every byte, are checked end to end against the worker.
 
 #include <gtest/gtest.h>
 
@@ -91,16 +90,6 @@ TEST(ExtractPacket, GarbageWithoutStartSequenceIsDroppedPastTheLimit) {
   buffer += frameOf("CCHECK\n\n").substr(2);
   ASSERT_EQ(0u, extractPacket(buffer, out));
   EXPECT_EQ(frameOf("CCHECK\n\n"), out);
-}
-
-TEST(Transport, WithoutControllerSocketBothDirectionsSayNotConnected) {
-  g_controlFd = -1;
-  Packet out = "kept";
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(8u, readPacket(out));
-  EXPECT_EQ(8u, writePacket("frame"));
-  EXPECT_EQ("[readPacket()] not connected!\n", testing::internal::GetCapturedStderr());
-  EXPECT_EQ("kept", out);
 }
 
 }  // namespace
