@@ -1,9 +1,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <halvarine/child_process.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,21 +62,97 @@ std::string errnoText(const std::string& what) {
   return what + ": " + strerror(errno);
 }
 
+// What the child reports when it cannot exec: the step that failed, and
+// its errno.
+enum ChildStep { STEP_EXEC, STEP_UNSHARE, STEP_ID_MAPS, STEP_PROPAGATION, STEP_MOUNT };
+struct ChildReport {
+  int step;
+  int error;
+};
+
+// Options::privateTmp as prepared before the fork, so that the child
+// allocates nothing.
+struct NamespacePlan {
+  const char* dir = nullptr;  // null: no namespace
+  bool root = false;
+  std::string uidMap, gidMap;
+};
+
+bool writeWhole(const char* path, const std::string& text) {
+  const int fd = open(path, O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  const int e = errno;
+  close(fd);
+  errno = e;
+  return ok;
+}
+
+// STEP_EXEC (0) when the child now sees `plan.dir` at /tmp, else the step
+// that failed, with errno set.
+int enterPrivateTmp(const NamespacePlan& plan) {
+  if (plan.root && unshare(CLONE_NEWNS) == 0) {
+    // The mount below must not reach the parent's namespace through a
+    // shared "/"; as a slave the child still sees what the host mounts.
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0) return STEP_PROPAGATION;
+  } else {
+    // In a mount namespace owned by a new user namespace the parent's
+    // shared mounts arrive as slaves already. The child keeps its ids;
+    // exec drops the capabilities the new namespace granted.
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return STEP_UNSHARE;
+    if (!writeWhole("/proc/self/setgroups", "deny") ||
+        !writeWhole("/proc/self/uid_map", plan.uidMap) ||
+        !writeWhole("/proc/self/gid_map", plan.gidMap)) {
+      return STEP_ID_MAPS;
+    }
+  }
+  return mount(plan.dir, "/tmp", nullptr, MS_BIND, nullptr) == 0 ? STEP_EXEC : STEP_MOUNT;
+}
+
+std::string childFailureText(const ChildReport& r, const std::string& program,
+                             const std::string& dir) {
+  std::string what;
+  switch (r.step) {
+    case STEP_EXEC:
+      return "exec \"" + program + "\": " + strerror(r.error);
+    case STEP_UNSHARE:
+      what = "cannot enter a new user and mount namespace";
+      break;
+    case STEP_ID_MAPS:
+      what = "cannot write the new user namespace's id maps";
+      break;
+    case STEP_PROPAGATION:
+      what = "cannot make the new mount namespace's mounts private";
+      break;
+    default:
+      what = "cannot mount " + dir + " over /tmp";
+      break;
+  }
+  what += std::string(": ") + strerror(r.error);
+  if (r.error == ENOSPC) what += " (a namespace limit in /proc/sys/user is reached)";
+  if (r.step == STEP_PROPAGATION && r.error == EINVAL)
+    what += " (\"/\" is no mount point: a chroot)";
+  return what;
+}
+
 // Between fork and exec only async-signal-safe calls; a failure goes to the
-// parent as errno through `report`.
-[[noreturn]] void execChild(char** argv, char** envp, int in, int out, int err, int report) {
+// parent as a ChildReport through `report`.
+[[noreturn]] void execChild(char** argv, char** envp, int in, int out, int err, int report,
+                            const NamespacePlan& plan) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   signal(SIGPIPE, SIG_DFL);
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
-  if (dup2(in, STDIN_FILENO) >= 0 && (out < 0 || dup2(out, STDOUT_FILENO) >= 0) &&
-      dup2(err, STDERR_FILENO) >= 0) {
+  ChildReport r{STEP_EXEC, 0};
+  if (plan.dir != nullptr) r.step = enterPrivateTmp(plan);
+  if (r.step == STEP_EXEC && dup2(in, STDIN_FILENO) >= 0 &&
+      (out < 0 || dup2(out, STDOUT_FILENO) >= 0) && dup2(err, STDERR_FILENO) >= 0) {
     execvpe(argv[0], argv, envp);
   }
-  const int e = errno;
-  ssize_t ignored = write(report, &e, sizeof e);
+  r.error = errno;
+  ssize_t ignored = write(report, &r, sizeof r);
   (void)ignored;
   _exit(127);
 }
@@ -97,7 +175,8 @@ ChildProcess::ChildProcess(ChildProcess&& other) noexcept
       status_(other.status_),
       pipe_(std::move(other.pipe_)),
       output_(std::move(other.output_)),
-      error_(std::move(other.error_)) {}
+      error_(std::move(other.error_)),
+      startFailure_(other.startFailure_) {}
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
   if (this != &other) {
@@ -108,6 +187,7 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
     pipe_ = std::move(other.pipe_);
     output_ = std::move(other.output_);
     error_ = std::move(other.error_);
+    startFailure_ = other.startFailure_;
   }
   return *this;
 }
@@ -118,9 +198,17 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const Options& op
   reaped_ = false;
   status_ = ExitStatus();
   output_.clear();
+  startFailure_ = StartFailure::SYSTEM;
   if (argv.empty()) {
     error_ = "start: no program";
     return false;
+  }
+  NamespacePlan plan;
+  if (!options.privateTmp.empty()) {
+    plan.dir = options.privateTmp.c_str();
+    plan.root = geteuid() == 0;
+    plan.uidMap = std::to_string(geteuid()) + " " + std::to_string(geteuid()) + " 1";
+    plan.gidMap = std::to_string(getegid()) + " " + std::to_string(getegid()) + " 1";
   }
   std::vector<std::string> argvStrings = argv;
   std::vector<std::string> envStrings = childEnvironment(options.env);
@@ -139,24 +227,26 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const Options& op
   if (pid < 0) return error_ = errnoText("fork"), false;
   if (pid == 0) {
     execChild(argvp.data(), envp.data(), devNull.get(), options.captureStdout ? outWrite.get() : -1,
-              options.stderrFd >= 0 ? options.stderrFd : outWrite.get(), reportWrite.get());
+              options.stderrFd >= 0 ? options.stderrFd : outWrite.get(), reportWrite.get(), plan);
   }
   pid_ = pid;
   outWrite.reset();
   reportWrite.reset();
 
-  // The report pipe closes at exec (close-on-exec) or carries exec's errno.
-  int childErrno = 0;
+  // The report pipe closes at exec (close-on-exec) or carries what failed.
+  ChildReport report{STEP_EXEC, 0};
   ssize_t n;
   do {
-    n = read(reportRead.get(), &childErrno, sizeof childErrno);
+    n = read(reportRead.get(), &report, sizeof report);
   } while (n < 0 && errno == EINTR);
   if (n > 0) {
     reap(true);
     pid_ = -1;
-    error_ = "exec \"" + argv[0] + "\": " + strerror(childErrno);
+    error_ = childFailureText(report, argv[0], options.privateTmp);
+    startFailure_ = report.step == STEP_EXEC ? StartFailure::EXEC : StartFailure::NAMESPACE;
     return false;
   }
+  startFailure_ = StartFailure::NONE;
   fcntl(outRead.get(), F_SETFL, fcntl(outRead.get(), F_GETFL) | O_NONBLOCK);
   pipe_ = std::move(outRead);
   return true;

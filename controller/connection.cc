@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <halvarine/connection.h>
+#include <pwd.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -31,6 +32,23 @@ bool socketAddress(const std::string& path, sockaddr_un& addr) {
   if (path.empty() || path.size() >= sizeof addr.sun_path) return false;
   memcpy(addr.sun_path, path.c_str(), path.size() + 1);
   return true;
+}
+
+// "name (uid 1000)", or "uid 1000" for a user without a name here.
+std::string ownerText(uid_t uid) {
+  passwd pw, *found = nullptr;
+  char buffer[1024];
+  const std::string id = "uid " + std::to_string(uid);
+  if (getpwuid_r(uid, &pw, buffer, sizeof buffer, &found) != 0 || found == nullptr) return id;
+  return std::string(found->pw_name) + " (" + id + ")";
+}
+
+const char* fileKind(mode_t mode) {
+  return S_ISREG(mode)    ? "regular file"
+         : S_ISDIR(mode)  ? "directory"
+         : S_ISLNK(mode)  ? "symbolic link"
+         : S_ISFIFO(mode) ? "FIFO"
+                          : "special file";
 }
 
 }  // namespace
@@ -192,22 +210,38 @@ bool ControllerListener::listen(const std::string& path) {
 
   // Someone listening there already? Then this run must not steal the path.
   // The probe does not block: a listener whose queue is full (it accepts
-  // nothing) makes a blocking connect wait for ever.
+  // nothing) makes a blocking connect wait for ever. Whatever is in the way
+  // and belongs to another user stays: only a socket file of this user's
+  // with nobody behind it (an earlier run that was killed) is replaced.
   struct stat st;
   if (lstat(path.c_str(), &st) == 0) {
+    const std::string quoted = "\"" + path + "\"";
+    const std::string owner = ownerText(st.st_uid);
     if (!S_ISSOCK(st.st_mode)) {
-      return fail(Failure::UNUSABLE, "\"" + path + "\" exists and is not a socket");
+      return fail(Failure::UNUSABLE, quoted + " is in the way: a " + fileKind(st.st_mode) + " of " +
+                                         owner + ", not a socket (left as it is)");
     }
     UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!probe.valid()) return fail(Failure::SYSTEM, errnoText("socket"));
     if (connect(probe.get(), sa, sizeof addr) == 0 || errno == EAGAIN) {
-      return fail(Failure::TAKEN, "another controller is already listening on \"" + path + "\"");
+      return fail(Failure::TAKEN, "another controller is running: it listens on " + quoted);
+    }
+    if (errno == EACCES || errno == EPERM) {
+      return fail(Failure::UNUSABLE, quoted + " is a socket of " + owner +
+                                         " that this user may not connect to, so whether a "
+                                         "controller runs there cannot be told (left as it is)");
     }
     if (errno != ECONNREFUSED) {
-      return fail(Failure::SYSTEM, errnoText("probing \"" + path + "\""));
+      return fail(Failure::SYSTEM, errnoText("probing " + quoted));
+    }
+    if (st.st_uid != geteuid()) {
+      return fail(Failure::UNUSABLE, quoted + " is a stale socket of " + owner +
+                                         " with nobody listening; it is not this user's to "
+                                         "remove (left as it is)");
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-      return fail(Failure::SYSTEM, errnoText("removing the stale socket \"" + path + "\""));
+      return fail(Failure::UNUSABLE, errnoText(quoted + " is a stale socket of " + owner +
+                                               " with nobody listening, and it cannot be removed"));
     }
   }
 
@@ -216,7 +250,7 @@ bool ControllerListener::listen(const std::string& path) {
   if (bind(fd.get(), sa, sizeof addr) != 0) {
     // Another controller won the path between the probe and here.
     if (errno == EADDRINUSE) {
-      return fail(Failure::TAKEN, "another controller is already listening on \"" + path + "\"");
+      return fail(Failure::TAKEN, "another controller is running: it listens on \"" + path + "\"");
     }
     return fail(Failure::SYSTEM, errnoText("bind \"" + path + "\""));
   }

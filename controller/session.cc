@@ -1,8 +1,13 @@
 // One worker run, set up as a list of steps.
 
+#include <dirent.h>
+#include <errno.h>
 #include <halvarine/session.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <sstream>
@@ -16,7 +21,73 @@ namespace {
 // How often a receive looks at the worker's standard error meanwhile.
 const int STDERR_SLICE_MS = 100;
 
+// What the kernel answered the first time a namespace was refused: it will
+// answer the same for the rest of the process.
+std::string& namespacesRefused() {
+  static std::string why;
+  return why;
+}
+
+// A directory of this user's that only it may enter: where a private
+// socket may be made.
+bool ownDirectory(const char* path) {
+  struct stat st;
+  return path != nullptr && path[0] == '/' && stat(path, &st) == 0 && S_ISDIR(st.st_mode) &&
+         st.st_uid == geteuid() && access(path, W_OK | X_OK) == 0;
+}
+
+// Why `argv` cannot run with a private /tmp, which hides whatever lies
+// under /tmp; empty when it can.
+std::string hiddenByPrivateTmp(const std::vector<std::string>& argv) {
+  for (const std::string& word : argv) {
+    if (word.compare(0, 5, "/tmp/") == 0) {
+      return word + " lies under /tmp, which the worker's private /tmp would hide";
+    }
+  }
+  return "";
+}
+
 }  // namespace
+
+PrivateDirectory& PrivateDirectory::operator=(PrivateDirectory&& other) noexcept {
+  if (this != &other) {
+    remove();
+    path_ = std::move(other.path_);
+    other.path_.clear();
+  }
+  return *this;
+}
+
+bool PrivateDirectory::make(std::string& error) {
+  remove();
+  const char* runtime = getenv("XDG_RUNTIME_DIR");
+  const char* tmp = getenv("TMPDIR");
+  const std::string base = ownDirectory(runtime)                             ? runtime
+                           : tmp != nullptr && tmp[0] == '/' && *tmp != '\0' ? tmp
+                                                                             : "/tmp";
+  std::string templ = base + "/halvarine-XXXXXX";
+  if (mkdtemp(&templ[0]) == nullptr) {
+    error = "cannot make a private directory in " + base + ": " + strerror(errno);
+    return false;
+  }
+  path_ = templ;
+  return true;
+}
+
+void PrivateDirectory::remove() {
+  if (path_.empty()) return;
+  // Only what the session and its worker left: the socket, perhaps a
+  // launcher's temporary files.
+  if (DIR* d = opendir(path_.c_str())) {
+    while (const dirent* e = readdir(d)) {
+      const std::string name = e->d_name;
+      if (name != "." && name != "..") unlink((path_ + "/" + name).c_str());
+    }
+    closedir(d);
+  }
+  rmdir(path_.c_str());
+  path_.clear();
+}
 
 std::string defaultWorkerPath() {
   const char* named = getenv("HALVARINE_WORKER");
@@ -41,27 +112,80 @@ bool WorkerSession::failStart(StartFailure kind, const std::string& what) {
   startFailure_ = kind;
   worker_.kill();
   listener_.close();
+  directory_.remove();
+  private_ = false;
   return fail(what);
 }
 
 bool WorkerSession::start(const Options& options) {
   worker_.kill();
   connection_.close();
+  listener_.close();
+  directory_.remove();
   startFailure_ = StartFailure::NONE;
+  private_ = false;
+  fallback_.clear();
+  std::vector<std::string> argv = options.launcher;
+  argv.push_back(options.worker.empty() ? defaultWorkerPath() : options.worker);
+  if (options.socket != SocketMode::SHARED) {
+    std::string why;
+    if (startPrivate(options, argv, why)) return acceptWorker(options);
+    if (startFailure_ != StartFailure::NONE) return false;
+    if (options.socket == SocketMode::PRIVATE) {
+      return failStart(StartFailure::NO_PRIVATE_SOCKET, "no private socket: " + why);
+    }
+    fallback_ = why;
+  }
+  return startShared(options, argv) && acceptWorker(options);
+}
+
+bool WorkerSession::startPrivate(const Options& options, const std::vector<std::string>& argv,
+                                 std::string& why) {
+  why = namespacesRefused();
+  if (why.empty()) why = hiddenByPrivateTmp(argv);
+  if (!why.empty() || !directory_.make(why)) return false;
+  // The name the worker dials, in the directory it will see as /tmp.
+  const std::string fixed = CONTROLLER_SOCKET_PATH;
+  if (!listener_.listen(directory_.path() + fixed.substr(fixed.rfind('/')))) {
+    why = listener_.error();
+    directory_.remove();
+    return false;
+  }
+  ChildProcess::Options childOptions;
+  childOptions.env = options.env;
+  childOptions.stderrFd = options.stderrFd;
+  childOptions.privateTmp = directory_.path();
+  if (worker_.start(argv, childOptions)) {
+    private_ = true;
+    return true;
+  }
+  why = worker_.error();
+  listener_.close();
+  directory_.remove();
+  if (worker_.startFailure() != ChildProcess::StartFailure::NAMESPACE) {
+    return failStart(StartFailure::NOT_STARTED, why);
+  }
+  namespacesRefused() = why;
+  return false;
+}
+
+bool WorkerSession::startShared(const Options& options, const std::vector<std::string>& argv) {
   if (!listener_.listen(options.socketPath)) {
     return failStart(listener_.failure() == ControllerListener::Failure::TAKEN
                          ? StartFailure::SOCKET_TAKEN
                          : StartFailure::SOCKET_UNUSABLE,
                      listener_.error());
   }
-  std::vector<std::string> argv = options.launcher;
-  argv.push_back(options.worker.empty() ? defaultWorkerPath() : options.worker);
   ChildProcess::Options childOptions;
   childOptions.env = options.env;
   childOptions.stderrFd = options.stderrFd;
   if (!worker_.start(argv, childOptions)) {
     return failStart(StartFailure::NOT_STARTED, worker_.error());
   }
+  return true;
+}
+
+bool WorkerSession::acceptWorker(const Options& options) {
   if (!listener_.accept(options.acceptTimeoutMs, connection_)) {
     // A worker that could not connect says why on its standard error.
     std::string why = listener_.error();
@@ -115,6 +239,7 @@ ExitStatus WorkerSession::stop(int graceMs) {
   }
   connection_.close();
   listener_.close();
+  directory_.remove();
   return ended;
 }
 

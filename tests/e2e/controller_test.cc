@@ -1,12 +1,16 @@
 // The controller library's own faults that the worker tests would not
 // reveal: strict judging of replies, the listener's claim on its path, and
-// clean-up on every path. Private socket paths, no worker.
+// clean-up on every path. Private socket paths; workers only where two
+// sessions run at once.
 
 #include <errno.h>
 #include <signal.h>
+#include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -112,6 +116,97 @@ TEST(Cleanup, ChildrenAreReapedTheirStderrNeverBlocksAndAFailedStartLeavesNothin
     EXPECT_FALSE(s.start(o) || s.error().find(says) == std::string::npos) << s.error();
     EXPECT_FALSE(support::fileExists(o.socketPath) || s.worker().running()) << worker;
   }
+}
+
+// Whatever is in the way is named with its owner and left as it is; only
+// this user's own stale socket is replaced.
+TEST(Listener, SaysWhatIsInTheWayAndWhoseAndLeavesIt) {
+  using Failure = halvarine::ControllerListener::Failure;
+  const bool root = geteuid() == 0;
+  const std::string me = root ? "root (uid 0)" : "(uid " + std::to_string(geteuid()) + ")";
+  halvarine::ControllerListener live;
+  ASSERT_TRUE(live.listen(dir.file("live"))) << live.error();
+  const struct Row {
+    std::string name;  // made in its own directory
+    char kind;         // f file, d directory, s stale socket, l the live listener's
+    bool foreign;      // owned by nobody (root only)
+    bool locked;       // its directory read-only (not root)
+    Failure failure;
+    std::string says;
+  } rows[] = {
+      {"file", 'f', false, false, Failure::UNUSABLE, "is in the way: a regular file of "},
+      {"dir", 'd', false, false, Failure::UNUSABLE, "is in the way: a directory of "},
+      {"live", 'l', false, false, Failure::TAKEN, "another controller is running: it listens on"},
+      {"stale", 's', false, false, Failure::NONE, ""},
+      {"foreign", 's', true, false, Failure::UNUSABLE,
+       "is a stale socket of nobody (uid 65534) with nobody listening; it is not this user's"},
+      {"locked", 's', false, true, Failure::UNUSABLE,
+       "with nobody listening, and it cannot be removed: Permission denied"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    if ((row.foreign && !root) || (row.locked && root)) continue;
+    const std::string sub = dir.file("in-" + row.name);
+    ASSERT_EQ(0, mkdir(sub.c_str(), 0755));
+    const std::string path = row.kind == 'l' ? dir.file("live") : sub + "/" + row.name;
+    const bool made = row.kind == 'f'   ? support::writeFile(path, "x")
+                      : row.kind == 'd' ? mkdir(path.c_str(), 0755) == 0
+                      : row.kind == 's' ? support::unixSocket(path, false).valid()
+                                        : true;
+    ASSERT_TRUE(made && (!row.foreign || chown(path.c_str(), 65534, 65534) == 0) &&
+                (!row.locked || chmod(sub.c_str(), 0555) == 0))
+        << strerror(errno);
+    halvarine::ControllerListener l;
+    EXPECT_EQ(row.failure == Failure::NONE, l.listen(path)) << l.error();
+    EXPECT_EQ(row.failure, l.failure());
+    EXPECT_NE(std::string::npos, l.error().find(row.says)) << l.error();
+    if (row.failure == Failure::UNUSABLE) {
+      EXPECT_NE(std::string::npos, l.error().find(row.foreign ? "nobody" : me)) << l.error();
+    }
+    EXPECT_TRUE(support::fileExists(path)) << "removed";
+    chmod(sub.c_str(), 0755);
+  }
+}
+
+// Two workers at once, each on a socket of its own in a directory that
+// goes with its session.
+TEST(Session, PrivateSocketsSideBySideLeaveNothing) {
+  if (!support::privateTmpRefused().empty()) {
+    GTEST_SKIP() << "no private sockets here: " << support::privateTmpRefused();
+  }
+  const support::TempDir runtime;
+  setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
+  halvarine::WorkerSession::Options o;
+  o.worker = support::workerPath();
+  o.socket = halvarine::SocketMode::PRIVATE;
+  {
+    halvarine::WorkerSession a, b;
+    ASSERT_TRUE(a.start(o)) << a.error();
+    ASSERT_TRUE(b.start(o)) << b.error();
+    EXPECT_TRUE(a.privateSocket() && b.privateSocket() && a.fallbackReason().empty());
+    EXPECT_NE(a.listener().path(), b.listener().path());
+    EXPECT_EQ(0, a.listener().path().rfind(runtime.path() + "/halvarine-", 0));
+    for (halvarine::WorkerSession* s : {&b, &a}) {
+      halvarine::Reply r;
+      ASSERT_TRUE(s->call(halvarine::Request::command("CCHECK", 0x07), 5000, r)) << s->error();
+      EXPECT_EQ(halvarine::hex(CCHECK_REPLY), halvarine::hex(r.frame));
+    }
+    a.stop(1000);
+    EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(runtime.path()),
+                               std::filesystem::directory_iterator()));
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(runtime.path()));
+
+  // What a private /tmp would hide is refused, with the reason, and leaves
+  // nothing either.
+  halvarine::WorkerSession hidden;
+  o.launcher = {"/tmp/launcher"};
+  EXPECT_FALSE(hidden.start(o));
+  EXPECT_EQ(halvarine::WorkerSession::StartFailure::NO_PRIVATE_SOCKET, hidden.startFailure());
+  EXPECT_NE(std::string::npos, hidden.error().find("/tmp/launcher lies under /tmp"))
+      << hidden.error();
+  EXPECT_TRUE(std::filesystem::is_empty(runtime.path()));
+  unsetenv("XDG_RUNTIME_DIR");
 }
 
 }  // namespace

@@ -199,6 +199,19 @@ bool controllerPathFree(int timeoutS) {
   return false;
 }
 
+const std::string& privateTmpRefused() {
+  static const std::string why = [] {
+    const TempDir tmp;
+    halvarine::ChildProcess::Options options;
+    options.privateTmp = tmp.path();
+    halvarine::ChildProcess child;
+    halvarine::ExitStatus st;
+    if (!child.start({"true"}, options)) return child.error();
+    return child.waitExit(5000, st) && st.exited && st.code == 0 ? "" : st.toString();
+  }();
+  return why;
+}
+
 long openFds(pid_t pid) {
   std::error_code gone;
   const std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd", gone);

@@ -97,6 +97,9 @@ halvarine::UniqueFd unixSocket(const std::string& path, bool connected);
 // True once nobody accepts on the controller socket path (another run may
 // hold it for a while); the path is left free.
 bool controllerPathFree(int timeoutS);
+// Whether a child can be given a /tmp of its own here
+// (ChildProcess::Options::privateTmp); "" when it can, else why not.
+const std::string& privateTmpRefused();
 // Open descriptors from /proc; -1 when gone.
 long openFds(pid_t pid);
 // No process `pid` (0: none to check) and no controller socket file.

@@ -206,11 +206,18 @@ int Fetch::startWorker() {
   display_.setPhase("starting the worker");
   halvarine::WorkerSession::Options so;
   so.worker = worker;
-  if (!session_.start(so)) {
+  const bool started = session_.start(so);
+  const std::string& fallback = session_.fallbackReason();
+  if (!fallback.empty()) {
+    display_.detail("no private socket (" + fallback + "): the shared " +
+                    halvarine::CONTROLLER_SOCKET_PATH);
+  }
+  if (!started) {
     switch (session_.startFailure()) {
       case halvarine::WorkerSession::StartFailure::SOCKET_TAKEN:
+      case halvarine::WorkerSession::StartFailure::SOCKET_UNUSABLE:
         display_.error("cannot take the controller socket: " + session_.error() +
-                       "; only one controller can run at a time");
+                       (fallback.empty() ? "" : " (no private socket here: " + fallback + ")"));
         return EXIT_CONTROLLER_TAKEN;
       case halvarine::WorkerSession::StartFailure::NOT_STARTED:
         display_.error("cannot start the worker: " + session_.error());
@@ -222,7 +229,7 @@ int Fetch::startWorker() {
   }
   display_.setWorker(&session_.worker());
   display_.detail("started worker " + worker + " (pid " + std::to_string(session_.worker().pid()) +
-                  ")");
+                  ") on a " + (session_.privateSocket() ? "private" : "shared") + " socket");
   if (url_.viaProxy) display_.detail("through the proxy at " + url_.endpoint + ": " + url_.url);
 
   halvarine::PipelineOptions po;

@@ -146,7 +146,7 @@ const std::vector<ExitStatusLine>& exitStatusLines() {
       {EXIT_WRITE, "the output cannot be written"},
       {EXIT_TIMED_OUT, "timed out: connecting, waiting for an answer, --reply-timeout, --timeout"},
       {EXIT_RECEIVE, "the worker failed to receive the stream's data"},
-      {EXIT_CONTROLLER_TAKEN, "another controller holds the controller socket"},
+      {EXIT_CONTROLLER_TAKEN, "no private socket, and the shared one is taken or blocked"},
       {EXIT_NO_WORKER, "the worker is missing or cannot be run"},
       {EXIT_WORKER_FAILED, "the worker died, did not connect, or broke the protocol"},
       {EXIT_SIGNALED + 1, "stopped by SIGHUP; what was received is kept"},

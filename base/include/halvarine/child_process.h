@@ -38,6 +38,24 @@ class ChildProcess {
     bool captureStdout = false;
     // Standard error goes here (a terminal, say) instead of being collected.
     int stderrFd = -1;
+    // When set, the child runs in a mount namespace of its own in which
+    // this directory is mounted over /tmp; the rest of its view of the
+    // files is the parent's. As root a mount namespace alone serves (and
+    // host mounts still reach the child); otherwise, or where that is
+    // refused, the namespace is entered through a new user namespace in
+    // which the child keeps its user and group ids and, from exec on, no
+    // privileges. start() fails with NAMESPACE when the kernel refuses
+    // (no unprivileged user namespaces, seccomp, a chroot whose root is no
+    // mount point).
+    std::string privateTmp;
+  };
+
+  // Why start() failed.
+  enum class StartFailure {
+    NONE,
+    SYSTEM,     // pipes, fork
+    NAMESPACE,  // privateTmp could not be set up; error() says which step
+    EXEC,       // the program could not be run
   };
 
   ChildProcess() = default;
@@ -56,6 +74,7 @@ class ChildProcess {
   pid_t pid() const { return pid_; }
   bool running();
   const std::string& error() const { return error_; }
+  StartFailure startFailure() const { return startFailure_; }
   bool sendSignal(int sig);
 
   // Waits up to `timeoutMs` for the end, collecting the output meanwhile, and
@@ -85,6 +104,7 @@ class ChildProcess {
   UniqueFd pipe_;
   std::string output_;
   std::string error_;
+  StartFailure startFailure_ = StartFailure::NONE;
 };
 
 // `text` cut at each 0x0A into lines without it, a last line without one

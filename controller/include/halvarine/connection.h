@@ -94,10 +94,14 @@ class ControllerListener {
     SYSTEM,    // a system call failed
   };
 
-  // Listens on `path`. Another process that listens there keeps it (TAKEN),
-  // found out at once, even when it accepts nothing. A socket file with
-  // nobody behind it is removed and replaced. The file is removed again on
-  // destruction, if it is still the one made here.
+  // Listens on `path`. Another process that listens there keeps it (TAKEN,
+  // "another controller is running"), found out at once, even when it
+  // accepts nothing. A socket file of this user's with nobody behind it is
+  // removed and replaced; anything else in the way is left as it is and
+  // named in error(), with its owner (UNUSABLE): a file that is not a
+  // socket, another user's stale socket, a socket this user may not
+  // connect to, a stale socket that cannot be removed. The file is removed
+  // again on destruction, if it is still the one made here.
   bool listen(const std::string& path = CONTROLLER_SOCKET_PATH);
 
   // Accepts one connection, waiting up to `timeoutMs`.

@@ -9,6 +9,34 @@
 // so does every call of worker().output()): a worker whose standard-error
 // pipe is full stops at its next line and answers nothing.
 //
+// A private socket per worker. The worker always dials the fixed path
+// /tmp/zalProcess_Halvarine, where on the board its one controller listens.
+// On a machine with many users and many runs that shared path allows one
+// worker at a time, and anybody who can write /tmp can block it or listen
+// there first. So by default a session listens in a directory of its own
+// (mode 0700, made under $XDG_RUNTIME_DIR when that is this user's, else
+// under $TMPDIR or /tmp) and starts the worker in a mount namespace of its
+// own in which that directory is mounted over /tmp: for the worker alone
+// the fixed path is the session's socket. The worker is unchanged; a
+// launcher (HALVARINE_WORKER_LAUNCHER: qemu, valgrind) runs in the same
+// namespace and sees the same /tmp, which holds nothing but the socket.
+//
+// Requirements: as root, a mount namespace whose "/" may be made a slave
+// mount; otherwise the kernel must allow unprivileged user namespaces
+// (Linux 3.8 on, not turned off by kernel.unprivileged_userns_clone,
+// user.max_user_namespaces or a seccomp filter). Inside a chroot user
+// namespaces are refused and "/" is no mount point, and many containers
+// filter unshare(); there, and when the worker or the launcher lies under
+// /tmp (which the namespace hides), the session falls back to the shared
+// path as before and fallbackReason() says why. The fallback is decided
+// once per process: after the kernel has refused a namespace, later
+// sessions go straight to the shared path.
+//
+// Cost: entering the namespaces adds one unshare() and one mount() to the
+// worker's start. Measured on a 2-core x86-64 virtual machine (Linux 6.18),
+// start() until the worker's connection is accepted, median of 200:
+// MEASUREMENT_PLACEHOLDER
+//
 // Times are milliseconds. Single-threaded use.
 
 #include <halvarine/child_process.h>
@@ -30,10 +58,46 @@ std::string defaultWorkerPath();
 // HALVARINE_WORKER_LAUNCHER; empty when unset.
 std::vector<std::string> launcherFromEnvironment();
 
+// A directory made for one session's socket (mode 0700), removed with
+// what is left in it when released. Moves, never copies.
+class PrivateDirectory {
+ public:
+  PrivateDirectory() = default;
+  ~PrivateDirectory() { remove(); }
+  PrivateDirectory(PrivateDirectory&& other) noexcept : path_(std::move(other.path_)) {
+    other.path_.clear();
+  }
+  PrivateDirectory& operator=(PrivateDirectory&& other) noexcept;
+  PrivateDirectory(const PrivateDirectory&) = delete;
+  PrivateDirectory& operator=(const PrivateDirectory&) = delete;
+
+  // Makes a fresh "halvarine-XXXXXX" under $XDG_RUNTIME_DIR when that is a
+  // directory of this user's, else under $TMPDIR or /tmp. False with
+  // `error` set when it cannot.
+  bool make(std::string& error);
+  const std::string& path() const { return path_; }
+  // Removes the files in it and the directory; nothing when none is made.
+  void remove();
+
+ private:
+  std::string path_;
+};
+
+// How a session's worker reaches its listener.
+enum class SocketMode {
+  PRIVATE_ELSE_SHARED,  // a private socket where the system allows one, else
+                        // the shared path
+  PRIVATE,              // a private socket, or start() fails (NO_PRIVATE_SOCKET)
+  SHARED,               // the shared path only, as a controller on the board
+};
+
 class WorkerSession {
  public:
   struct Options {
     std::string worker;  // the worker binary; empty: defaultWorkerPath()
+    SocketMode socket = SocketMode::PRIVATE_ELSE_SHARED;
+    // Where the shared path's listener listens. The worker dials
+    // CONTROLLER_SOCKET_PATH whatever this says.
     std::string socketPath = CONTROLLER_SOCKET_PATH;
     std::vector<std::string> env;  // extra "NAME=value" for the worker
     std::vector<std::string> launcher = launcherFromEnvironment();
@@ -45,11 +109,13 @@ class WorkerSession {
   // Which step of start() failed.
   enum class StartFailure {
     NONE,
-    SOCKET_TAKEN,     // another controller listens on the socket path
-    SOCKET_UNUSABLE,  // the path cannot be listened on
-    NOT_STARTED,      // the worker binary could not be run
-    NOT_CONNECTED,    // it ran, but did not connect in time (it says why on
-                      // its standard error, which error() quotes)
+    SOCKET_TAKEN,       // another controller listens on the shared path
+    SOCKET_UNUSABLE,    // the shared path cannot be listened on (something of
+                        // another user's, or not a socket, is in the way)
+    NO_PRIVATE_SOCKET,  // SocketMode::PRIVATE, and no private socket here
+    NOT_STARTED,        // the worker binary could not be run
+    NOT_CONNECTED,      // it ran, but did not connect in time (it says why on
+                        // its standard error, which error() quotes)
   };
 
   // Listens, starts the worker and accepts its connection. False, with
@@ -58,6 +124,11 @@ class WorkerSession {
   bool start(const Options& options);
   StartFailure startFailure() const { return startFailure_; }
   const std::string& error() const { return error_; }
+  // The running worker dials a socket of this session's alone.
+  bool privateSocket() const { return private_; }
+  // Why the last start() fell back to the shared path; empty when it did
+  // not (a private socket, or SocketMode::SHARED).
+  const std::string& fallbackReason() const { return fallback_; }
 
   // The connection's operations; false leaves the reason in error().
   bool send(const Request& req);
@@ -79,13 +150,22 @@ class WorkerSession {
  private:
   bool fail(const std::string& what);
   bool failStart(StartFailure kind, const std::string& what);
+  // Starts the worker with its socket in directory_; false with `why`
+  // set when the system allows no private socket (nothing else failed).
+  bool startPrivate(const Options& options, const std::vector<std::string>& argv, std::string& why);
+  bool startShared(const Options& options, const std::vector<std::string>& argv);
+  bool acceptWorker(const Options& options);
 
-  // Declared so that the child is killed before the sockets close.
+  // Declared so that the child is killed before the sockets close, and the
+  // socket file is removed before its directory.
+  PrivateDirectory directory_;
   ControllerListener listener_;
   ControllerConnection connection_;
   ChildProcess worker_;
   StartFailure startFailure_ = StartFailure::NONE;
   std::string error_;
+  bool private_ = false;
+  std::string fallback_;
 };
 
 }  // namespace halvarine
