@@ -102,7 +102,8 @@ bool controllerPathFree(int timeoutS);
 const std::string& privateTmpRefused();
 // Open descriptors from /proc; -1 when gone.
 long openFds(pid_t pid);
-// No process `pid` (0: none to check) and no controller socket file.
+// No process `pid` (0: none to check), and, where workers share the fixed
+// path, no controller socket file.
 void expectNothingLeft(pid_t pid);
 
 // A first label longer than DNS allows: the lookup fails with no query.
