@@ -27,6 +27,12 @@ std::string parsedCommandLine(const std::string& words) {
   if (status != -1) return std::to_string(status);
   parsed << o.url << " " << o.outPath << " v" << o.verbosity << " max" << o.maxBytes << " dur"
          << o.durationMs << " retry" << o.retries << "/" << o.retryDelayMs;
+  // Several URLs: each one's file, how many at once, and what each run gets.
+  if (o.urls.size() > 1) {
+    for (const std::string& path : o.outPaths) parsed << " >" << path;
+    parsed << " par" << o.parallel;
+    for (const std::string& arg : o.streamArgs) parsed << " " << arg;
+  }
   return parsed.str();
 }
 

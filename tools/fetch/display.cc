@@ -40,7 +40,8 @@ std::string clock(int64_t ms) {
   return buf;
 }
 
-// The terminal's width: the window size, else COLUMNS, else 80.
+}  // namespace
+
 size_t terminalColumns() {
   winsize ws;
   if (ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
@@ -48,6 +49,8 @@ size_t terminalColumns() {
   const int n = columns != nullptr ? atoi(columns) : 0;
   return n > 0 ? static_cast<size_t>(n) : 80;
 }
+
+namespace {
 
 // A request or reply in one line: its fields, data replaced by its size.
 std::string summary(const std::vector<halvarine::Field>& fields, unsigned char echo) {

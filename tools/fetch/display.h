@@ -18,6 +18,9 @@ namespace fetch {
 
 // Bytes in a person's units: "512 B", "216.4 KiB", "47.7 MiB".
 std::string humanBytes(double bytes);
+// The width of the terminal on standard error: the window size, else
+// COLUMNS, else 80.
+size_t terminalColumns();
 
 class Display : public halvarine::FetchObserver {
  public:

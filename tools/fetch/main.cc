@@ -22,6 +22,7 @@
 #include "tools/asf/asf_file.h"
 #include "tools/asf/asf_stream.h"
 #include "tools/fetch/display.h"
+#include "tools/fetch/many.h"
 #include "tools/fetch/options.h"
 #include "tools/fetch/output.h"
 #include "tools/fetch/url.h"
@@ -616,6 +617,7 @@ int main(int argc, char** argv) {
   fetch::Options options;
   const int parsed = fetch::parseOptions(argc, argv, options);
   if (parsed >= 0) return parsed;
+  if (options.urls.size() > 1) return fetch::fetchMany(options);
   keepReplyBuffersResident();
   return fetch::Fetch(options).run();
 }

@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <iostream>
 
 namespace fetch {
@@ -14,13 +15,19 @@ namespace {
 
 const char USAGE[] =
     "usage: halvarine-fetch [options] URL\n"
+    "       halvarine-fetch [options] -O [--output-dir DIR] URL...\n"
     "\n"
-    "Fetches or records an MMS stream (mms://, mmst://, mmsh://, http://) through\n"
-    "the halvarine worker, acting as its controller.\n"
+    "Fetches or records MMS streams (mms://, mmst://, mmsh://, http://) through\n"
+    "the halvarine worker, acting as its controller: one worker per stream.\n"
     "\n"
     "  -o, --output FILE       write the stream to FILE (default: standard output,\n"
     "                          which must not be a terminal); the bytes go to\n"
-    "                          FILE.partial until the fetch ends\n"
+    "                          FILE.partial until the fetch ends; one URL only\n"
+    "  -O, --remote-name       write each stream to the file its URL names (the\n"
+    "                          last path segment); needed with several URLs\n"
+    "      --output-dir DIR    put the files of -O and a relative -o in DIR\n"
+    "      --parallel N        with several URLs, fetch N at once, 1..64\n"
+    "                          (default 4); the rest wait their turn\n"
     "      --duration TIME     record for TIME, then stop and keep the file\n"
     "      --max-bytes SIZE    stop after SIZE bytes, rounded down to a whole data\n"
     "                          packet (the header is always written)\n"
@@ -55,6 +62,10 @@ const char USAGE[] =
     "made to agree with it. http_proxy (or HTTP_PROXY) and no_proxy are honoured\n"
     "for mms://, mmsh:// and http:// streams.\n"
     "\n"
+    "With several URLs each stream has its own line, and a summary names every\n"
+    "stream that failed; the exit status is that of the first URL, in the order\n"
+    "given, that failed (0 when none did).\n"
+    "\n"
     "Exit status:\n";
 
 const char EXAMPLES[] =
@@ -62,7 +73,8 @@ const char EXAMPLES[] =
     "Examples:\n"
     "  halvarine-fetch mms://media.example/radio -o radio.asf --duration 1h\n"
     "  halvarine-fetch mmsh://127.0.0.1:8080/sample.asf -o sample.asf -v\n"
-    "  halvarine-fetch mms://127.0.0.1:1755/sample.asf | ffprobe -\n";
+    "  halvarine-fetch mms://127.0.0.1:1755/sample.asf | ffprobe -\n"
+    "  halvarine-fetch -O --output-dir radio mms://a.example/one mms://b.example/two\n";
 
 int usageError(const std::string& what) {
   std::cerr << "halvarine-fetch: " << what << "\n"
@@ -108,10 +120,15 @@ enum LongOnly {
   OPT_COUNT,
   OPT_WINDOW,
   OPT_WORKER,
+  OPT_OUTPUT_DIR,
+  OPT_PARALLEL,
 };
 
 const option LONG_OPTIONS[] = {
     {"output", required_argument, nullptr, 'o'},
+    {"remote-name", no_argument, nullptr, 'O'},
+    {"output-dir", required_argument, nullptr, OPT_OUTPUT_DIR},
+    {"parallel", required_argument, nullptr, OPT_PARALLEL},
     {"duration", required_argument, nullptr, OPT_DURATION},
     {"max-bytes", required_argument, nullptr, OPT_MAX_BYTES},
     {"retry", required_argument, nullptr, OPT_RETRY},
@@ -171,13 +188,71 @@ bool parseTime(const std::string& text, int64_t& ms) {
   return true;
 }
 
+namespace {
+
+// Where each URL goes: -o FILE for one, -O's names for any number, in
+// --output-dir when given.
+int chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
+  const bool several = out.urls.size() > 1;
+  if (remoteName && !out.outPath.empty()) return usageError("-o and -O exclude each other");
+  if (several && !out.outPath.empty()) {
+    return usageError("-o names one file, for one URL; with several URLs use -O");
+  }
+  if (several && !remoteName) {
+    return usageError("several URLs (\"" + out.urls[0] + "\", \"" + out.urls[1] +
+                      "\", ...) need -O, which writes each to the file its URL names");
+  }
+  if (!outputDir.empty() && !remoteName && out.outPath.empty()) {
+    return usageError("--output-dir needs -O or -o");
+  }
+  const std::string dir = outputDir.empty() ? "" : outputDir + (outputDir.back() == '/' ? "" : "/");
+  if (!remoteName) {
+    if (!out.outPath.empty() && out.outPath != "-" && out.outPath[0] != '/') {
+      out.outPath = dir + out.outPath;
+    }
+    out.outPaths = {out.outPath};
+    return -1;
+  }
+  for (const std::string& url : out.urls) {
+    std::string why;
+    const std::string name = remoteFileName(url, why);
+    if (name.empty()) return usageError("-O: " + why);
+    const std::string path = dir + name;
+    if (std::find(out.outPaths.begin(), out.outPaths.end(), path) != out.outPaths.end()) {
+      return usageError("-O: two URLs would write " + path);
+    }
+    out.outPaths.push_back(path);
+  }
+  out.outPath = out.outPaths[0];
+  return -1;
+}
+
+}  // namespace
+
+std::string remoteFileName(const std::string& url, std::string& why) {
+  const size_t scheme = url.find("://");
+  std::string path = url.substr(0, url.find_first_of("?#"));
+  const size_t hostEnd = path.find('/', scheme == std::string::npos ? 0 : scheme + 3);
+  path = hostEnd == std::string::npos ? "" : path.substr(hostEnd);
+  const std::string name = path.substr(path.rfind('/') + 1);
+  if (name.empty() || name == "." || name == "..") {
+    why =
+        "\"" + url + "\" names no file" +
+        (name.empty() ? " (nothing after its last /)" : " (its last segment is \"" + name + "\")");
+    return "";
+  }
+  return name;
+}
+
 int parseOptions(int argc, char** argv, Options& out) {
+  bool remoteName = false;
+  std::string outputDir;
   const int maxCount = halvarine::maxReadCount();
   optind = 0;  // starts afresh, whoever parsed before
   opterr = 0;
   for (;;) {
     int longIndex = -1;
-    const int c = getopt_long(argc, argv, ":o:qvhV", LONG_OPTIONS, &longIndex);
+    const int c = getopt_long(argc, argv, ":o:OqvhV", LONG_OPTIONS, &longIndex);
     if (c == -1) break;
     // The option as the user wrote it: "--max-bytes", or "-o" out of "-qoFILE".
     std::string name = argv[optind - 1];
@@ -215,6 +290,17 @@ int parseOptions(int argc, char** argv, Options& out) {
       case 'o':
         bad = need(!value.empty(), "a file name");
         out.outPath = value;
+        break;
+      case 'O':
+        remoteName = true;
+        break;
+      case OPT_OUTPUT_DIR:
+        bad = need(!value.empty(), "a directory");
+        outputDir = value;
+        break;
+      case OPT_PARALLEL:
+        bad = need(parseCount(value, 1, 64, n), "a number from 1 to 64");
+        out.parallel = static_cast<int>(n);
         break;
       case OPT_WORKER:
         bad = need(!value.empty(), "a path");
@@ -266,16 +352,18 @@ int parseOptions(int argc, char** argv, Options& out) {
                           (optopt > 0 ? std::string("-") + static_cast<char>(optopt) : name));
     }
     if (bad >= 0) return bad;
+    // What each stream's own run is given: all but the choice of files.
+    if (c != 'o' && c != 'O' && c != OPT_OUTPUT_DIR && c != OPT_PARALLEL) {
+      out.streamArgs.push_back(name);
+      if (optarg != nullptr) out.streamArgs.push_back(value);
+    }
   }
   if (optind >= argc) {
     return usageError("which stream? Give its URL (mms://, mmst://, mmsh://, http://)");
   }
-  if (argc - optind > 1) {
-    return usageError("only one URL, please (got \"" + std::string(argv[optind]) + "\" and \"" +
-                      argv[optind + 1] + "\")");
-  }
-  out.url = argv[optind];
-  return -1;
+  out.urls.assign(argv + optind, argv + argc);
+  out.url = out.urls[0];
+  return chooseOutputs(remoteName, outputDir, out);
 }
 
 }  // namespace fetch

@@ -39,11 +39,22 @@ struct ExitStatusLine {
 };
 const std::vector<ExitStatusLine>& exitStatusLines();
 
+// Streams fetched at once by default with several URLs: each holds a
+// worker, a private socket and a connection; four keep a small machine
+// responsive and the status display readable.
+const int DEFAULT_PARALLEL = 4;
+
 struct Options {
-  std::string url;
+  std::string url;      // the first URL
   std::string outPath;  // empty or "-": standard output
-  std::string worker;   // empty: looked up (see findWorker)
-  int count = 0;        // 0: chosen for the stream
+  // With several URLs: each URL, and the file it goes to (-O), in order.
+  std::vector<std::string> urls, outPaths;
+  int parallel = DEFAULT_PARALLEL;
+  // The options given that concern each stream, in a canonical spelling
+  // ("--max-bytes", "10k"): what each stream's own run is given.
+  std::vector<std::string> streamArgs;
+  std::string worker;  // empty: looked up (see findWorker)
+  int count = 0;       // 0: chosen for the stream
   int window = 4;
   int64_t maxBytes = -1;   // -1: no limit
   int64_t durationMs = 0;  // record this long; 0: no limit
@@ -60,6 +71,10 @@ struct Options {
 // exit with at once (after --help or --version, or a usage error, which it
 // has reported).
 int parseOptions(int argc, char** argv, Options& out);
+
+// The file name -O takes from `url`: its last path segment, without a
+// query or fragment. Empty, with `why` set, when that is empty, "." or "..".
+std::string remoteFileName(const std::string& url, std::string& why);
 
 // "10k", "1.5M", "2G" (factors of 1024) or plain bytes. False when malformed.
 bool parseSize(const std::string& text, int64_t& bytes);
