@@ -62,9 +62,9 @@ bool PrivateDirectory::make(std::string& error) {
   remove();
   const char* runtime = getenv("XDG_RUNTIME_DIR");
   const char* tmp = getenv("TMPDIR");
-  const std::string base = ownDirectory(runtime)                             ? runtime
-                           : tmp != nullptr && tmp[0] == '/' && *tmp != '\0' ? tmp
-                                                                             : "/tmp";
+  const std::string base = ownDirectory(runtime)             ? runtime
+                           : tmp != nullptr && tmp[0] == '/' ? tmp
+                                                             : "/tmp";
   std::string templ = base + "/halvarine-XXXXXX";
   if (mkdtemp(&templ[0]) == nullptr) {
     error = "cannot make a private directory in " + base + ": " + strerror(errno);
