@@ -66,6 +66,10 @@ const char USAGE[] =
     "stream that failed; the exit status is that of the first URL, in the order\n"
     "given, that failed (0 when none did).\n"
     "\n"
+    "Each worker gets a controller socket of its own where the system allows user\n"
+    "namespaces (or as root); -v says when the shared /tmp/zalProcess_Halvarine is\n"
+    "used instead, and why.\n"
+    "\n"
     "Exit status:\n";
 
 const char EXAMPLES[] =
