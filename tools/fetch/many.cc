@@ -147,16 +147,21 @@ void Many::poll(Stream& s) {
   halvarine::ExitStatus ended;
   const bool done = s.run.waitExit(0, ended);
   const std::string& text = s.run.output();
-  for (size_t end; (end = text.find('\n', s.shown)) != std::string::npos; s.shown = end + 1) {
-    std::string line = text.substr(s.shown, end - s.shown);
+  auto relay = [&](std::string line) {
     if (line.compare(0, strlen(PREFIX), PREFIX) == 0) {
       line.erase(0, strlen(PREFIX));
       // Quiet, a run says nothing but what went wrong.
       if (s.reason.empty() && options_.verbosity < 2) s.reason = line;
     }
     say(std::string(PREFIX) + "[" + s.name + "] " + line);
+  };
+  for (size_t end; (end = text.find('\n', s.shown)) != std::string::npos; s.shown = end + 1) {
+    relay(text.substr(s.shown, end - s.shown));
   }
   if (!done) return;
+  // A run that has ended says no more: its last line may lack its end.
+  if (s.shown < text.size()) relay(text.substr(s.shown));
+  s.shown = text.size();
   s.state = Stream::ENDED;
   s.status = ended.exited ? ended.code : EXIT_SIGNALED + ended.signal;
   if (!terminal_ && options_.verbosity > 0 && s.status == EXIT_OK) {
