@@ -77,6 +77,20 @@ const char* signalName(int sig) {
   return sig == SIGHUP ? "SIGHUP" : sig == SIGTERM ? "SIGTERM" : "SIGINT";
 }
 
+// Once the output is closed, a stop by signal ends the tool by that signal
+// (its default action), as the shell expects of a program that was
+// interrupted: a loop of fetches then stops at Ctrl-C instead of going on.
+void endByStopSignal() {
+  const int sig = g_stopSignal;
+  if (sig == 0) return;
+  signal(sig, SIG_DFL);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, sig);
+  sigprocmask(SIG_UNBLOCK, &set, nullptr);
+  raise(sig);
+}
+
 bool runnable(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
@@ -149,6 +163,8 @@ class Fetch {
   // Cuts and patches the output's ASF header to what was written.
   bool finishRecording();
   void reportOutput(int status);
+  // "N bytes (size, K data packets)": what a finished recording holds.
+  std::string keptAmount() const;
   bool resumable() const { return isAsf_ && !asf_.broadcast && length_ > 0; }
 
   const Options& options_;
@@ -421,7 +437,8 @@ int Fetch::pause(int64_t ms, const std::string& what) {
 int Fetch::completed() {
   display_.endTransfer();
   endWorker(true, PEND_GRACE_MS);
-  if (output_.toFile() && !output_.commit()) {
+  // A broadcast that ended is a recording like one stopped.
+  if ((isAsf_ && asf_.broadcast && !finishRecording()) || (output_.toFile() && !output_.commit())) {
     display_.error(output_.error());
     return EXIT_WRITE;
   }
@@ -449,15 +466,7 @@ int Fetch::stopped() {
     return EXIT_WRITE;
   }
   kept_ = true;
-  uint64_t kept = header_.size() + dataWritten_;
-  std::string packets;
-  if (isAsf_) {
-    kept -= dataWritten_ % asf_.packetSize;
-    const uint64_t n = dataWritten_ / asf_.packetSize;
-    packets = ", " + std::to_string(n) + (n == 1 ? " data packet" : " data packets");
-  }
-  display_.note(why + ": kept " + std::to_string(kept) + " bytes (" +
-                humanBytes(static_cast<double>(kept)) + packets + ") in " +
+  display_.note(why + ": kept " + keptAmount() + " in " +
                 (output_.toFile() ? output_.path() : "standard output"));
   return sig != 0 ? EXIT_SIGNALED + sig : EXIT_OK;
 }
@@ -583,22 +592,37 @@ bool Fetch::finishRecording() {
   return !isAsf_ || output_.finishRecording(header_, dataWritten_, asf_.packetSize);
 }
 
-void Fetch::reportOutput(int status) {
-  if (kept_ || (status == EXIT_OK && !output_.toFile())) return;
-  const std::string amount = std::to_string(header_.size() + dataWritten_) + " bytes";
-  if (!output_.toFile()) {
-    if (!header_.empty())
-      display_.error("the output on standard output is partial (" + amount + ")");
-  } else if (header_.empty() && !options_.keepPartial) {
-    // Nothing had been written: nothing partial to speak of.
-  } else if (options_.keepPartial) {
-    output_.keep();
-    finishRecording();
-    display_.error("kept the partial output in " + output_.partialPath() + " (" + amount + ")");
-  } else {
-    display_.error("removed the partial output " + output_.partialPath() + " (" + amount +
-                   "); --keep-partial keeps it");
+std::string Fetch::keptAmount() const {
+  uint64_t kept = header_.size() + dataWritten_;
+  std::string packets;
+  if (isAsf_) {
+    kept -= dataWritten_ % asf_.packetSize;
+    const uint64_t n = dataWritten_ / asf_.packetSize;
+    packets = ", " + std::to_string(n) + (n == 1 ? " data packet" : " data packets");
   }
+  return std::to_string(kept) + " bytes (" + humanBytes(static_cast<double>(kept)) + packets + ")";
+}
+
+void Fetch::reportOutput(int status) {
+  if (kept_ || status == EXIT_OK) return;
+  const bool partialFile = !output_.partialPath().empty();
+  if (header_.empty()) {
+    // Nothing had been written: an empty FILE.partial goes with the tool.
+    return;
+  }
+  if (partialFile && !options_.keepOnFailure) {
+    display_.error("removed the partial output " + output_.partialPath() + " (" +
+                   std::to_string(header_.size() + dataWritten_) + " bytes) as --no-keep asks");
+    return;
+  }
+  // What was received stays, finished as a stopped recording would be.
+  output_.keep();
+  if (!finishRecording()) display_.error(output_.error());
+  display_.error("kept what was received, " + keptAmount() + ", in " +
+                 (partialFile        ? output_.partialPath()
+                  : output_.toFile() ? output_.path() + " (written in place)"
+                                     : std::string("standard output")) +
+                 "; the fetch failed");
 }
 
 }  // namespace
@@ -610,5 +634,7 @@ int main(int argc, char** argv) {
   const int parsed = fetch::parseOptions(argc, argv, options);
   if (parsed >= 0) return parsed;
   keepReplyBuffersResident();
-  return fetch::Fetch(options).run();
+  const int status = fetch::Fetch(options).run();
+  fetch::endByStopSignal();
+  return status;
 }
