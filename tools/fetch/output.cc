@@ -111,6 +111,7 @@ bool Output::openStdout() {
     error_ = "not writing a binary stream to a terminal; give -o FILE or redirect";
     return false;
   }
+  stdout_ = true;
   return true;
 }
 

@@ -33,7 +33,8 @@ class Output {
   // Standard output, which must not be a terminal.
   bool openStdout();
 
-  int fd() const { return fd_.valid() ? fd_.get() : STDOUT_FILENO; }
+  // -1 once committed.
+  int fd() const { return stdout_ ? STDOUT_FILENO : fd_.get(); }
   // Named by -o (as given), either way it is written.
   bool toFile() const { return !path_.empty(); }
   const std::string& path() const { return path_; }
@@ -63,6 +64,7 @@ class Output {
   std::string path_;     // as given
   std::string target_;   // where the links lead: FILE.partial is renamed to it
   std::string partial_;  // target_ + ".partial"; empty when written in place
+  bool stdout_ = false;
   bool committed_ = false;
   bool keep_ = false;
   std::string error_;
