@@ -116,7 +116,10 @@ TEST(Output, WritesWhereTheLinksLeadAndReplacesNoLink) {
   const std::vector<Layout> layouts = {
       {"a new name", [](const support::TempDir&) {}, "f", true, "f", {}},
       {"an older file",
-       [](const support::TempDir& d) { support::writeFile(d.file("f"), "old"); },
+       [](const support::TempDir& d) {
+         support::writeFile(d.file("f"), "old");
+         chmod(d.file("f").c_str(), 0600);
+       },
        "f",
        true,
        "f",
@@ -179,13 +182,23 @@ TEST(Output, WritesWhereTheLinksLeadAndReplacesNoLink) {
       fetch::Output out;
       ASSERT_EQ(l.opens, out.open(dir.file(l.arg))) << l.name << ": " << out.error();
       if (l.opens) {
-        EXPECT_EQ(dir.file(l.target) + ".partial", out.partialPath()) << l.name;
+        // Named as given when no link was followed.
+        EXPECT_EQ((l.links.empty() ? dir.file(l.arg) : dir.file(l.target)) + ".partial",
+                  out.partialPath())
+            << l.name;
         ASSERT_TRUE(out.write(stream, &NO_STOP)) << l.name;
         ASSERT_TRUE(out.commit()) << l.name << ": " << out.error();
       }
     }
     if (l.opens) {
       EXPECT_EQ(stream, support::readFile(dir.file(l.target))) << l.name;
+      struct stat st;
+      ASSERT_EQ(0, stat(dir.file(l.target).c_str(), &st));
+      // A new file as the umask has it; a replaced one as it was.
+      const mode_t mask = umask(0);
+      umask(mask);
+      EXPECT_EQ(l.name == std::string("an older file") ? 0600u : 0644u & ~mask, st.st_mode & 0777u)
+          << l.name;
       EXPECT_FALSE(support::fileExists(dir.file(l.target) + ".partial")) << l.name;
     }
     for (const std::string& name : l.links) EXPECT_TRUE(isLink(dir.file(name))) << l.name;

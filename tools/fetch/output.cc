@@ -16,10 +16,10 @@ namespace fetch {
 namespace {
 
 // As open() would follow `path`: the name its links end at, in a real
-// directory. `descriptor` when the way leads through /proc (/dev/stdout,
-// /dev/fd/1, /proc/self/fd/1): such a name stands for a descriptor the
-// caller holds, not for a file of its own. False with `error` when a
-// directory on the way does not exist or the links go round.
+// directory (`path` itself when it is no link). `descriptor` when the way leads through /proc
+// (/dev/stdout, /dev/fd/1, /proc/self/fd/1): such a name stands for a descriptor the caller holds,
+// not for a file of its own. False with `error` when a directory on the way does not exist or the
+// links go round.
 bool followLinks(const std::string& path, std::string& target, bool& descriptor,
                  std::string& error) {
   std::string name = path;
@@ -40,7 +40,11 @@ bool followLinks(const std::string& path, std::string& target, bool& descriptor,
     }
     target = (directory == "/" ? "" : directory) + "/" + base;
     struct stat st;
-    if (base.empty() || lstat(target.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return true;
+    if (base.empty() || lstat(target.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+      // No link on the way: the name as given, as the user will look for it.
+      if (hops == 0) target = path;
+      return true;
+    }
     char link[PATH_MAX];
     const ssize_t n = readlink(target.c_str(), link, sizeof link - 1);
     if (n <= 0) {
@@ -92,7 +96,8 @@ bool Output::open(const std::string& path) {
     return false;
   }
   const std::string partial = target_ + ".partial";
-  if (lstat(partial.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+  struct stat old;
+  if (lstat(partial.c_str(), &old) == 0 && !S_ISREG(old.st_mode)) {
     error_ = partial + " exists and is not a regular file; not touching it";
     return false;
   }
@@ -101,6 +106,8 @@ bool Output::open(const std::string& path) {
     error_ = "cannot write " + partial + ": " + strerror(errno);
     return false;
   }
+  // The file that FILE.partial will replace keeps its permissions.
+  if (exists) fchmod(fd_.get(), st.st_mode & 07777);
   path_ = path;
   partial_ = partial;
   return true;
