@@ -44,6 +44,7 @@ constexpr size_t kFpFileSize = 40;
 constexpr size_t kFpPacketCount = 56;
 constexpr size_t kFpPlayDuration = 64;
 constexpr size_t kFpSendDuration = 72;
+constexpr size_t kFpPreroll = 80;
 constexpr size_t kFpFlags = 88;
 constexpr size_t kFpMinPacketSize = 92;
 constexpr size_t kFpMaxPacketSize = 96;
@@ -52,6 +53,7 @@ constexpr size_t kDoSize = 16;
 constexpr size_t kDoTotalPackets = 40;
 
 constexpr uint32_t kFlagBroadcast = 0x01;
+constexpr uint32_t kFlagSeekable = 0x02;
 
 // Finds the File Properties Object among the Header Object's children.
 // Returns its offset, or 0 when absent or when a child's size is broken.
@@ -218,6 +220,21 @@ bool declarePackets(std::string& header, uint64_t packets, uint32_t packetSize) 
   setLe64(header, fp + kFpPacketCount, packets);
   setLe64(header, data + kDoSize, dataSize);
   setLe64(header, data + kDoTotalPackets, packets);
+  return true;
+}
+
+bool declareRecording(std::string& header, uint64_t packets, uint32_t packetSize, uint64_t spanMs) {
+  size_t fp = 0, data = 0;
+  if (!declarePackets(header, packets, packetSize) || !locateObjects(header, fp, data)) {
+    return false;
+  }
+  // Both durations are in 100 ns; the preroll, in ms, is the time players
+  // hold back before the first packet plays, and the play duration counts it.
+  const uint64_t prerollMs = getLe64(header, fp + kFpPreroll);
+  setLe64(header, fp + kFpSendDuration, spanMs * 10000);
+  setLe64(header, fp + kFpPlayDuration, (spanMs + prerollMs) * 10000);
+  const uint32_t flags = getLe32(header, fp + kFpFlags);
+  setLe32(header, fp + kFpFlags, (flags & ~kFlagBroadcast) | kFlagSeekable);
   return true;
 }
 

@@ -49,6 +49,15 @@ bool patchPacketSize(std::string& header, uint32_t packetSize);
 // header has no File Properties Object or no Data Object start.
 bool declarePackets(std::string& header, uint64_t packets, uint32_t packetSize);
 
+// Rewrites `header` to describe a recording of `packets` whole data packets
+// of `packetSize` bytes whose send times cover `spanMs` milliseconds (from
+// the first packet's send time to the end of the last one's duration): the
+// sizes and packet counts as declarePackets does, the send duration as the
+// span and the play duration as the span plus the preroll, the broadcast
+// flag cleared and the seekable one set, so that players read it as an
+// ordinary file of that length. False as for declarePackets.
+bool declareRecording(std::string& header, uint64_t packets, uint32_t packetSize, uint64_t spanMs);
+
 // Marks `header` as a broadcast, the way live servers announce one: the
 // broadcast flag set and seekable cleared, the fields a broadcast cannot
 // know (file size, packet counts, play and send duration) zero, and the Data

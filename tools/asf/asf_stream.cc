@@ -1,6 +1,7 @@
 #include "tools/asf/asf_stream.h"
 
 #include "tools/asf/asf_file.h"
+#include "tools/asf/asf_packet.h"
 
 uint64_t asfStreamHeaderLength(const std::string& start) {
   if (start.size() < kHeaderObjectFixedSize || !guidAt(start, 0, kHeaderObject)) return 0;
@@ -19,4 +20,18 @@ bool readAsfStreamHeader(const std::string& header, AsfStreamHeader& out, std::s
   out.packetSize = file.packetSize;
   out.broadcast = file.broadcast;
   return true;
+}
+
+bool finishRecordingHeader(std::string& header, uint64_t packets, const std::string& first,
+                           const std::string& last) {
+  AsfStreamHeader h;
+  std::string error;
+  if (!readAsfStreamHeader(header, h, error)) return false;
+  PacketTimes from, to;
+  uint64_t spanMs = 0;
+  if (packets > 0 && findPacketTimes(first, from) && findPacketTimes(last, to)) {
+    const uint64_t end = uint64_t{to.sendMs} + to.durationMs;
+    spanMs = end > from.sendMs ? end - from.sendMs : 0;
+  }
+  return declareRecording(header, packets, h.packetSize, spanMs);
 }

@@ -27,4 +27,14 @@ struct AsfStreamHeader {
 // well-formed ASF header with packets of one size.
 bool readAsfStreamHeader(const std::string& header, AsfStreamHeader& out, std::string& error);
 
+// Rewrites a stream `header` to announce the recording made of it: `packets`
+// whole data packets of the header's packet size, the first and the last of
+// which are `first` and `last` (the same one when there is one; unused when
+// there is none). Its length is the time from the first packet's send time
+// to the end of the last one's (see declareRecording). A packet whose times
+// do not parse counts for no time. False when the header cannot be
+// rewritten.
+bool finishRecordingHeader(std::string& header, uint64_t packets, const std::string& first,
+                           const std::string& last);
+
 #endif

@@ -25,6 +25,7 @@
 #include "tools/fetch/many.h"
 #include "tools/fetch/options.h"
 #include "tools/fetch/output.h"
+#include "tools/fetch/stop.h"
 #include "tools/fetch/url.h"
 
 using halvarine::FetchStatus;
@@ -48,35 +49,6 @@ const int64_t MAX_RETRY_DELAY_MS = 60000;
 const uint64_t LIVE_READ_PACKETS = 4;
 // A stream header longer than this is not one (libmms keeps 16 KiB of it).
 const uint64_t MAX_HEADER = 1 << 20;
-
-volatile sig_atomic_t g_stopSignal = 0;
-
-void onStopSignal(int sig) {
-  g_stopSignal = sig;
-}
-
-// The stop signals only set the flag; the waits come back at least ten
-// times a second to look at it, so the worker is ended, the recording kept
-// and the socket file removed on the way out as on any other path. SIGHUP
-// (the terminal closed) is a stop like the others.
-bool installSignalHandlers() {
-  struct sigaction action;
-  memset(&action, 0, sizeof action);
-  action.sa_handler = onStopSignal;
-  sigemptyset(&action.sa_mask);
-  struct sigaction ignore;
-  memset(&ignore, 0, sizeof ignore);
-  ignore.sa_handler = SIG_IGN;
-  sigemptyset(&ignore.sa_mask);
-  for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
-    if (sigaction(sig, &action, nullptr) != 0) return false;
-  }
-  return sigaction(SIGPIPE, &ignore, nullptr) == 0;
-}
-
-const char* signalName(int sig) {
-  return sig == SIGHUP ? "SIGHUP" : sig == SIGTERM ? "SIGTERM" : "SIGINT";
-}
 
 bool runnable(const std::string& path) {
   struct stat st;
@@ -150,6 +122,8 @@ class Fetch {
   // Cuts and patches the output's ASF header to what was written.
   bool finishRecording();
   void reportOutput(int status);
+  // "N bytes (size, K data packets)": what a finished recording holds.
+  std::string keptAmount() const;
   bool resumable() const { return isAsf_ && !asf_.broadcast && length_ > 0; }
 
   const Options& options_;
@@ -172,7 +146,7 @@ class Fetch {
 };
 
 int Fetch::run() {
-  if (!installSignalHandlers()) {
+  if (!installStopHandlers()) {
     display_.error(std::string("cannot install signal handlers: ") + strerror(errno));
     return EXIT_USAGE;
   }
@@ -429,7 +403,8 @@ int Fetch::pause(int64_t ms, const std::string& what) {
 int Fetch::completed() {
   display_.endTransfer();
   endWorker(true, PEND_GRACE_MS);
-  if (output_.toFile() && !output_.commit()) {
+  // A broadcast that ended is a recording like one stopped.
+  if ((isAsf_ && asf_.broadcast && !finishRecording()) || (output_.toFile() && !output_.commit())) {
     display_.error(output_.error());
     return EXIT_WRITE;
   }
@@ -445,7 +420,7 @@ int Fetch::stopped() {
   // READs in flight on a slow stream would hold PEND up; their bytes are
   // not wanted any more.
   endWorker(pipeline_->inFlight() == 0, INTERRUPT_GRACE_MS);
-  const std::string why = sig != 0 ? std::string("stopped by ") + signalName(sig)
+  const std::string why = sig != 0 ? std::string("stopped by ") + stopSignalName(sig)
                           : display_.durationReached() ? "recorded for --duration"
                                                        : "reached --max-bytes";
   if (header_.empty()) {
@@ -457,15 +432,7 @@ int Fetch::stopped() {
     return EXIT_WRITE;
   }
   kept_ = true;
-  uint64_t kept = header_.size() + dataWritten_;
-  std::string packets;
-  if (isAsf_) {
-    kept -= dataWritten_ % asf_.packetSize;
-    const uint64_t n = dataWritten_ / asf_.packetSize;
-    packets = ", " + std::to_string(n) + (n == 1 ? " data packet" : " data packets");
-  }
-  display_.note(why + ": kept " + std::to_string(kept) + " bytes (" +
-                humanBytes(static_cast<double>(kept)) + packets + ") in " +
+  display_.note(why + ": kept " + keptAmount() + " in " +
                 (output_.toFile() ? output_.path() : "standard output"));
   return sig != 0 ? EXIT_SIGNALED + sig : EXIT_OK;
 }
@@ -591,22 +558,37 @@ bool Fetch::finishRecording() {
   return !isAsf_ || output_.finishRecording(header_, dataWritten_, asf_.packetSize);
 }
 
-void Fetch::reportOutput(int status) {
-  if (kept_ || (status == EXIT_OK && !output_.toFile())) return;
-  const std::string amount = std::to_string(header_.size() + dataWritten_) + " bytes";
-  if (!output_.toFile()) {
-    if (!header_.empty())
-      display_.error("the output on standard output is partial (" + amount + ")");
-  } else if (header_.empty() && !options_.keepPartial) {
-    // Nothing had been written: nothing partial to speak of.
-  } else if (options_.keepPartial) {
-    output_.keep();
-    finishRecording();
-    display_.error("kept the partial output in " + output_.partialPath() + " (" + amount + ")");
-  } else {
-    display_.error("removed the partial output " + output_.partialPath() + " (" + amount +
-                   "); --keep-partial keeps it");
+std::string Fetch::keptAmount() const {
+  uint64_t kept = header_.size() + dataWritten_;
+  std::string packets;
+  if (isAsf_) {
+    kept -= dataWritten_ % asf_.packetSize;
+    const uint64_t n = dataWritten_ / asf_.packetSize;
+    packets = ", " + std::to_string(n) + (n == 1 ? " data packet" : " data packets");
   }
+  return std::to_string(kept) + " bytes (" + humanBytes(static_cast<double>(kept)) + packets + ")";
+}
+
+void Fetch::reportOutput(int status) {
+  if (kept_ || status == EXIT_OK) return;
+  const bool partialFile = !output_.partialPath().empty();
+  if (header_.empty()) {
+    // Nothing had been written: an empty FILE.partial goes with the tool.
+    return;
+  }
+  if (partialFile && !options_.keepOnFailure) {
+    display_.error("removed the partial output " + output_.partialPath() + " (" +
+                   std::to_string(header_.size() + dataWritten_) + " bytes) as --no-keep asks");
+    return;
+  }
+  // What was received stays, finished as a stopped recording would be.
+  output_.keep();
+  if (!finishRecording()) display_.error(output_.error());
+  display_.error("kept what was received, " + keptAmount() + ", in " +
+                 (partialFile        ? output_.partialPath()
+                  : output_.toFile() ? output_.path() + " (written in place)"
+                                     : std::string("standard output")) +
+                 "; the fetch failed");
 }
 
 }  // namespace
@@ -617,7 +599,13 @@ int main(int argc, char** argv) {
   fetch::Options options;
   const int parsed = fetch::parseOptions(argc, argv, options);
   if (parsed >= 0) return parsed;
-  if (options.urls.size() > 1) return fetch::fetchMany(options);
-  keepReplyBuffersResident();
-  return fetch::Fetch(options).run();
+  int status;
+  if (options.urls.size() > 1) {
+    status = fetch::fetchMany(options);
+  } else {
+    keepReplyBuffersResident();
+    status = fetch::Fetch(options).run();
+  }
+  fetch::endByStopSignal();
+  return status;
 }

@@ -15,6 +15,7 @@
 
 #include "base/wait.h"
 #include "tools/fetch/display.h"
+#include "tools/fetch/stop.h"
 
 namespace fetch {
 
@@ -23,12 +24,6 @@ namespace {
 const char PREFIX[] = "halvarine-fetch: ";
 // How often the streams are looked at, and their lines redrawn.
 const int TICK_MS = 200;
-
-volatile sig_atomic_t g_stop = 0;
-
-void onStop(int sig) {
-  g_stop = sig;
-}
 
 struct Stream {
   std::string url, path, name;
@@ -80,12 +75,7 @@ class Many {
 };
 
 int Many::run() {
-  struct sigaction action;
-  memset(&action, 0, sizeof action);
-  action.sa_handler = onStop;
-  sigemptyset(&action.sa_mask);
-  for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &action, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  installStopHandlers();
 
   streams_.resize(options_.urls.size());
   for (size_t i = 0; i < streams_.size(); ++i) {
@@ -102,12 +92,12 @@ int Many::run() {
       running += s.state == Stream::RUNNING;
       waiting = waiting || s.state == Stream::WAITING;
     }
-    if (g_stop != 0 && forwarded != g_stop) {
+    if (g_stopSignal != 0 && forwarded != g_stopSignal) {
       // Ctrl-C on a terminal reached the runs too; a signal sent to this
       // process alone must reach them all the same.
-      forwarded = g_stop;
+      forwarded = g_stopSignal;
       for (Stream& s : streams_) {
-        if (s.state == Stream::RUNNING) s.run.sendSignal(g_stop);
+        if (s.state == Stream::RUNNING) s.run.sendSignal(g_stopSignal);
         if (s.state == Stream::WAITING) s.state = Stream::NOT_STARTED;
       }
       waiting = false;
@@ -213,7 +203,7 @@ void Many::draw() {
 
 int Many::finish() {
   // A stream that ended by the stop signal was stopped, not failed.
-  const int stoppedStatus = g_stop != 0 ? EXIT_SIGNALED + g_stop : -1;
+  const int stoppedStatus = g_stopSignal != 0 ? EXIT_SIGNALED + g_stopSignal : -1;
   int status = EXIT_OK;
   size_t fetched = 0, stopped = 0, unstarted = 0;
   std::string failures;

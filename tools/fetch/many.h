@@ -12,9 +12,9 @@
 // A summary line counts the streams fetched, stopped and not started, and
 // names every stream that failed, with its exit status and what its run
 // said. The exit status is that of the first URL, in the order given,
-// whose run failed; else 128 + the signal after a stop signal (SIGINT,
-// SIGTERM, SIGHUP), which is passed to the running streams, each keeping
-// what it received, while streams not yet started stay so; else 0.
+// whose run failed; else 0. A stop signal (SIGINT, SIGTERM, SIGHUP) is
+// passed to the running streams, each keeping what it received, while
+// streams not yet started stay so; the caller then ends by that signal.
 
 #include "tools/fetch/options.h"
 

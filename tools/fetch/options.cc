@@ -21,8 +21,11 @@ const char USAGE[] =
     "the halvarine worker, acting as its controller: one worker per stream.\n"
     "\n"
     "  -o, --output FILE       write the stream to FILE (default: standard output,\n"
-    "                          which must not be a terminal); the bytes go to\n"
-    "                          FILE.partial until the fetch ends; one URL only\n"
+    "                          which must not be a terminal); a regular file gets\n"
+    "                          the bytes through FILE.partial, renamed when the\n"
+    "                          fetch ends; a device, a FIFO or /dev/stdout is\n"
+    "                          written in place; a link is followed and stays;\n"
+    "                          one URL only\n"
     "  -O, --remote-name       write each stream to the file its URL names (the\n"
     "                          last path segment); needed with several URLs\n"
     "      --output-dir DIR    put the files of -O and a relative -o in DIR\n"
@@ -36,7 +39,8 @@ const char USAGE[] =
     "                          row without new data (default 5; 0: never)\n"
     "      --retry-delay TIME  the wait before the first retry, doubled for each\n"
     "                          further one (default 1 s)\n"
-    "      --keep-partial      keep FILE.partial when the fetch fails\n"
+    "      --no-keep           remove FILE.partial when the fetch fails (by default it\n"
+    "                          is kept, finished like a stopped recording)\n"
     "      --timeout TIME      give up when the whole run takes longer\n"
     "      --reply-timeout TIME  give up when the worker sends no reply for TIME\n"
     "                          (default 60 s); the clock starts again at every reply\n"
@@ -58,9 +62,11 @@ const char USAGE[] =
     "fraction and s, m or h if wanted (0.5, 90, 1.5m, 2h).\n"
     "\n"
     "A stop asked for (--duration, --max-bytes, SIGINT, SIGTERM, SIGHUP) keeps what\n"
-    "was received under FILE, cut at a data packet's end, with the header's sizes\n"
-    "made to agree with it. http_proxy (or HTTP_PROXY) and no_proxy are honoured\n"
-    "for mms://, mmsh:// and http:// streams.\n"
+    "was received under FILE, cut at a data packet's end, with the header's sizes,\n"
+    "packet counts and durations made to agree with it (a broadcast becomes a file\n"
+    "of known length); a signal then ends the tool by that signal. A failure keeps\n"
+    "FILE.partial, finished the same way, unless --no-keep. http_proxy (or\n"
+    "HTTP_PROXY) and no_proxy are honoured for mms://, mmsh:// and http:// streams.\n"
     "\n"
     "With several URLs each stream has its own line, and a summary names every\n"
     "stream that failed; the exit status is that of the first URL, in the order\n"
@@ -118,6 +124,7 @@ enum LongOnly {
   OPT_RETRY,
   OPT_RETRY_DELAY,
   OPT_KEEP_PARTIAL,
+  OPT_NO_KEEP,
   OPT_TIMEOUT,
   OPT_REPLY_TIMEOUT,
   OPT_KEEP_ALIVE,
@@ -138,6 +145,7 @@ const option LONG_OPTIONS[] = {
     {"retry", required_argument, nullptr, OPT_RETRY},
     {"retry-delay", required_argument, nullptr, OPT_RETRY_DELAY},
     {"keep-partial", no_argument, nullptr, OPT_KEEP_PARTIAL},
+    {"no-keep", no_argument, nullptr, OPT_NO_KEEP},
     {"timeout", required_argument, nullptr, OPT_TIMEOUT},
     {"reply-timeout", required_argument, nullptr, OPT_REPLY_TIMEOUT},
     {"keep-alive", required_argument, nullptr, OPT_KEEP_ALIVE},
@@ -167,12 +175,12 @@ const std::vector<ExitStatusLine>& exitStatusLines() {
       {EXIT_WRITE, "the output cannot be written"},
       {EXIT_TIMED_OUT, "timed out: connecting, waiting for an answer, --reply-timeout, --timeout"},
       {EXIT_RECEIVE, "the worker failed to receive the stream's data"},
-      {EXIT_CONTROLLER_TAKEN, "no private socket, and the shared one is taken or blocked"},
+      {EXIT_CONTROLLER_TAKEN, "no private socket here, and the shared one is taken or blocked"},
       {EXIT_NO_WORKER, "the worker is missing or cannot be run"},
       {EXIT_WORKER_FAILED, "the worker died, did not connect, or broke the protocol"},
-      {EXIT_SIGNALED + 1, "stopped by SIGHUP; what was received is kept"},
-      {EXIT_SIGNALED + 2, "stopped by SIGINT; what was received is kept"},
-      {EXIT_SIGNALED + 15, "stopped by SIGTERM; what was received is kept"},
+      {EXIT_SIGNALED + 1, "ended by SIGHUP (what was received is kept)"},
+      {EXIT_SIGNALED + 2, "ended by SIGINT (what was received is kept)"},
+      {EXIT_SIGNALED + 15, "ended by SIGTERM (what was received is kept)"},
   };
   return lines;
 }
@@ -310,8 +318,11 @@ int parseOptions(int argc, char** argv, Options& out) {
         bad = need(!value.empty(), "a path");
         out.worker = value;
         break;
-      case OPT_KEEP_PARTIAL:
-        out.keepPartial = true;
+      case OPT_KEEP_PARTIAL:  // the default now; older scripts still say it
+        out.keepOnFailure = true;
+        break;
+      case OPT_NO_KEEP:
+        out.keepOnFailure = false;
         break;
       case OPT_DURATION:
         bad = need(parseTime(value, out.durationMs) && out.durationMs > 0, "a time (90, 1.5m, 2h)");

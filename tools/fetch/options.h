@@ -29,7 +29,8 @@ enum ExitCode {
   EXIT_CONTROLLER_TAKEN = 120,  // another controller holds the controller socket
   EXIT_NO_WORKER = 121,         // the worker binary is missing or cannot be run
   EXIT_WORKER_FAILED = 122,     // the worker died, did not connect or broke the protocol
-  EXIT_SIGNALED = 128,          // + SIGHUP, SIGINT or SIGTERM: stopped by that signal
+  EXIT_SIGNALED = 128,          // + SIGHUP, SIGINT or SIGTERM: ended by that signal, as a
+                                // shell reports it
 };
 
 // The exit statuses as --help lists them, one line each, in order.
@@ -63,8 +64,8 @@ struct Options {
   int64_t keepAliveMs = 20000;
   int retries = 5;  // resumptions in a row that bring nothing new
   int64_t retryDelayMs = 1000;
-  bool keepPartial = false;
-  int verbosity = 1;  // 0 --quiet, 1 normal, 2 --verbose, 3 -vv (frames in hex)
+  bool keepOnFailure = true;  // a failure keeps FILE.partial; --no-keep removes it
+  int verbosity = 1;          // 0 --quiet, 1 normal, 2 --verbose, 3 -vv (frames in hex)
 };
 
 // Fills `out` from the command line. Returns -1 to go on, or the status to

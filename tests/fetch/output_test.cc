@@ -1,0 +1,241 @@
+// Where halvarine-fetch writes and how it finishes a recording, without a
+// worker: real files and links in a private directory, and the committed
+// sample's header and packets. Devices and FIFOs are run end to end
+// (runs.tsv), in a /dev of their own.
+
+#include "tools/fetch/output.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/support/support.h"
+#include "tools/asf/asf_file.h"
+#include "tools/asf/asf_stream.h"
+
+namespace {
+
+const volatile sig_atomic_t NO_STOP = 0;
+
+bool isLink(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+}
+
+// A file cut at `packets` packets of the sample, with its header rewritten.
+std::string recording(std::string header, size_t from, size_t packets) {
+  const AsfFile& sample = support::sampleAsf();
+  EXPECT_TRUE(finishRecordingHeader(header, packets, sample.packets.at(from),
+                                    sample.packets.at(from + packets - 1)));
+  for (size_t i = 0; i < packets; ++i) header += sample.packets[from + i];
+  return header;
+}
+
+TEST(RecordingHeader, AllThePacketsGiveBackTheOriginalHeader) {
+  // The sample's own header was written by its encoder: a recording of all
+  // its packets must announce its length, also from a broadcast's header.
+  // (Its file size counts an index after the packets: not compared.)
+  const AsfFile& sample = support::sampleAsf();
+  std::string live = sample.header;
+  ASSERT_TRUE(markBroadcast(live));
+  for (const std::string& header : {sample.header, live}) {
+    AsfFile all;
+    std::string error;
+    ASSERT_TRUE(parseAsf(recording(header, 0, sample.packets.size()), all, error)) << error;
+    // Within the last frame's length, which packets' send times do not
+    // count (0.056 s in the sample).
+    EXPECT_NEAR(sample.playDuration100ns, all.playDuration100ns, 1000000);
+    EXPECT_NEAR(sample.sendDuration100ns, all.sendDuration100ns, 1000000);
+    EXPECT_EQ(sample.playDuration100ns - sample.sendDuration100ns,
+              all.playDuration100ns - all.sendDuration100ns);
+    EXPECT_FALSE(all.broadcast);
+    EXPECT_EQ(sample.packets, all.packets);
+  }
+}
+
+TEST(RecordingHeader, ACutRecordingSaysWhatItHolds) {
+  const AsfFile& sample = support::sampleAsf();
+  std::string live = sample.header;
+  ASSERT_TRUE(markBroadcast(live));
+  const size_t n = sample.packets.size();
+  struct Case {
+    const char* name;
+    const std::string& header;
+    size_t from, packets;
+  } cases[] = {{"the first half", sample.header, 0, n / 2},
+               {"the second half", sample.header, n / 2, n - n / 2},
+               {"one packet", sample.header, 3, 1},
+               {"a broadcast joined late", live, n / 3, n / 3}};
+  std::vector<uint64_t> lengths;
+  for (const Case& c : cases) {
+    AsfFile rec;
+    std::string error;
+    ASSERT_TRUE(parseAsf(recording(c.header, c.from, c.packets), rec, error)) << c.name << error;
+    EXPECT_EQ(c.packets, rec.packets.size()) << c.name;
+    EXPECT_EQ(rec.header.size() + c.packets * rec.packetSize, rec.fileSize) << c.name;
+    EXPECT_FALSE(rec.broadcast) << c.name;
+    // The preroll (3.1 s in the sample) stays between the two durations.
+    EXPECT_EQ(rec.sendDuration100ns + 31000000, rec.playDuration100ns) << c.name;
+    EXPECT_GT(rec.sendDuration100ns, 0u) << c.name;
+    EXPECT_LT(rec.sendDuration100ns, sample.sendDuration100ns) << c.name;
+    lengths.push_back(rec.sendDuration100ns);
+  }
+  // The two halves cover the whole, but for the gap between them.
+  EXPECT_LE(lengths[0] + lengths[1], sample.sendDuration100ns);
+  EXPECT_GT(lengths[0] + lengths[1], sample.sendDuration100ns * 9 / 10);
+
+  // Packets whose times cannot be read count for no time; the sizes still
+  // tell the truth.
+  std::string header = sample.header;
+  ASSERT_TRUE(finishRecordingHeader(header, 2, "", ""));
+  AsfFile rec;
+  std::string error;
+  ASSERT_TRUE(parseAsf(header + std::string(2 * sample.packetSize, '\0'), rec, error)) << error;
+  EXPECT_EQ(0u, rec.sendDuration100ns);
+  EXPECT_EQ(header.size() + 2 * sample.packetSize, rec.fileSize);
+}
+
+// ---- Output
+
+struct Layout {
+  const char* name;
+  std::function<void(const support::TempDir&)> prepare;
+  std::string arg;                 // -o, in the directory ("" for none)
+  bool opens;                      // else refused, nothing touched
+  std::string target;              // the file that gets the stream after commit
+  std::vector<std::string> links;  // still links afterwards
+};
+
+TEST(Output, WritesWhereTheLinksLeadAndReplacesNoLink) {
+  auto link = [](const std::string& to, const std::string& at) {
+    ASSERT_EQ(0, symlink(to.c_str(), at.c_str())) << at;
+  };
+  const std::vector<Layout> layouts = {
+      {"a new name", [](const support::TempDir&) {}, "f", true, "f", {}},
+      {"an older file",
+       [](const support::TempDir& d) {
+         support::writeFile(d.file("f"), "old");
+         chmod(d.file("f").c_str(), 0600);
+       },
+       "f",
+       true,
+       "f",
+       {}},
+      {"a link to nothing yet",
+       [&](const support::TempDir& d) { link("t", d.file("f")); },
+       "f",
+       true,
+       "t",
+       {"f"}},
+      {"a link to a file",
+       [&](const support::TempDir& d) {
+         support::writeFile(d.file("t"), "old");
+         link("t", d.file("f"));
+       },
+       "f",
+       true,
+       "t",
+       {"f"}},
+      {"links through a directory",
+       [&](const support::TempDir& d) {
+         mkdir(d.file("sub").c_str(), 0755);
+         link("sub/l", d.file("f"));
+         link("../t", d.file("sub/l"));
+       },
+       "f",
+       true,
+       "t",
+       {"f", "sub/l"}},
+      {"links in a loop",
+       [&](const support::TempDir& d) {
+         link("g", d.file("f"));
+         link("f", d.file("g"));
+       },
+       "f",
+       false,
+       "",
+       {"f", "g"}},
+      {"a directory",
+       [](const support::TempDir& d) { mkdir(d.file("f").c_str(), 0755); },
+       "f",
+       false,
+       "",
+       {}},
+      {"FILE.partial a link elsewhere",
+       [&](const support::TempDir& d) {
+         support::writeFile(d.file("t"), "not ours");
+         link("t", d.file("f.partial"));
+       },
+       "f",
+       false,
+       "",
+       {"f.partial"}},
+  };
+  const std::string stream = support::sampleAsf().header;
+  for (const Layout& l : layouts) {
+    support::TempDir dir;
+    l.prepare(dir);
+    {
+      fetch::Output out;
+      ASSERT_EQ(l.opens, out.open(dir.file(l.arg))) << l.name << ": " << out.error();
+      if (l.opens) {
+        // Named as given when no link was followed.
+        EXPECT_EQ((l.links.empty() ? dir.file(l.arg) : dir.file(l.target)) + ".partial",
+                  out.partialPath())
+            << l.name;
+        ASSERT_TRUE(out.write(stream, &NO_STOP)) << l.name;
+        ASSERT_TRUE(out.commit()) << l.name << ": " << out.error();
+      }
+    }
+    if (l.opens) {
+      EXPECT_EQ(stream, support::readFile(dir.file(l.target))) << l.name;
+      struct stat st;
+      ASSERT_EQ(0, stat(dir.file(l.target).c_str(), &st));
+      // A new file as the umask has it; a replaced one as it was.
+      const mode_t mask = umask(0);
+      umask(mask);
+      EXPECT_EQ(l.name == std::string("an older file") ? 0600u : 0644u & ~mask, st.st_mode & 0777u)
+          << l.name;
+      EXPECT_FALSE(support::fileExists(dir.file(l.target) + ".partial")) << l.name;
+    }
+    for (const std::string& name : l.links) EXPECT_TRUE(isLink(dir.file(name))) << l.name;
+    if (support::fileExists(dir.file("t")) && !l.opens) {
+      EXPECT_EQ("not ours", support::readFile(dir.file("t"))) << l.name;
+    }
+  }
+}
+
+TEST(Output, AFailureKeepsOrRemovesThePartialFile) {
+  const AsfFile& sample = support::sampleAsf();
+  for (bool kept : {true, false}) {
+    support::TempDir dir;
+    {
+      fetch::Output out;
+      ASSERT_TRUE(out.open(dir.file("f"))) << out.error();
+      std::string bytes = sample.header;
+      for (size_t i = 0; i < 5; ++i) bytes += sample.packets[i];
+      bytes += sample.packets[5].substr(0, 100);  // a packet cut short
+      ASSERT_TRUE(out.write(bytes, &NO_STOP));
+      ASSERT_TRUE(out.finishRecording(sample.header, bytes.size() - sample.header.size(),
+                                      sample.packetSize))
+          << out.error();
+      if (kept) out.keep();
+    }
+    EXPECT_FALSE(support::fileExists(dir.file("f")));
+    ASSERT_EQ(kept, support::fileExists(dir.file("f.partial")));
+    if (!kept) continue;
+    AsfFile rec;
+    std::string error;
+    ASSERT_TRUE(loadAsfFile(dir.file("f.partial"), rec, error)) << error;
+    EXPECT_EQ(5u, rec.packets.size());
+    EXPECT_EQ(rec.header.size() + 5 * sample.packetSize,
+              support::readFile(dir.file("f.partial")).size());
+    EXPECT_EQ(sample.packets[4], rec.packets[4]);
+  }
+}
+
+}  // namespace
