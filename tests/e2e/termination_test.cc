@@ -3,7 +3,10 @@
 // clean-up releases. Each test prints how long the worker took to end.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <functional>
@@ -80,6 +83,33 @@ class Termination : public support::StreamTest {
     drain(&text);
     EXPECT_TRUE(how.exited && how.code == 0) << how.toString();
     return text.substr(std::min(text.size(), filler.size()));
+  }
+
+  // A worker with a library that sends it SIGTERM the moment a read from
+  // the controller socket brings `word`. False where the library, built for
+  // this host, cannot be loaded into the worker.
+  bool startSignalledAfter(const std::string& word) {
+    session = halvarine::WorkerSession();
+    halvarine::WorkerSession::Options options;
+    options.worker = support::workerPath();
+    if (!options.launcher.empty()) return false;
+    // A sanitized worker must be told that its runtime need not be first.
+    const char* asan = getenv("ASAN_OPTIONS");
+    options.env = {std::string("LD_PRELOAD=") + SIGNAL_AFTER_READ_LIBRARY,
+                   "HALVARINE_TERM_AFTER=" + word,
+                   std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0"};
+    EXPECT_TRUE(session.start(options)) << session.error();
+    return true;
+  }
+
+  // The worker ends by itself with status 0; what it wrote from `mark` on.
+  std::string endedOutput(size_t mark) {
+    halvarine::ExitStatus how;
+    EXPECT_TRUE(session.worker().waitExit(PROMPT_MS, how)) << "still running";
+    EXPECT_TRUE(how.exited && how.code == 0) << how.toString();
+    EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << "a reply after SIGTERM";
+    const std::string& text = session.worker().output();
+    return text.substr(std::min(mark, text.size()));
   }
 
   void waitForLine(const std::string& line) {
@@ -187,6 +217,54 @@ TEST_F(Termination, WhileWorkingTheSignalWaitsForTheNextSafePoint) {
 TEST_F(Termination, DuringTheShutdownNoFurtherLineFollows) {
   const std::string pendLine = "[Halvarine] recv PEND command!\n";
   EXPECT_EQ(pendLine + NOTICE, blockedLine([] {}, request("PEND"), pendLine.size(), false));
+}
+
+// The signal lands after the wait for a frame has ended, while the frame
+// is read: the worker ends before it serves the frame. CLOSE closes nothing
+// itself (the exit-time clean-up releases the stream); CONNECT writes no
+// line and no connection reaches the media server.
+TEST_F(Termination, JustAfterAFrameArrivesTheFrameIsNotServed) {
+  if (!startSignalledAfter("CLOSE\n"))
+    GTEST_SKIP() << "the preloaded library is built for this host";
+  ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
+  size_t mark = session.worker().output().size();
+  ASSERT_TRUE(session.send(request("CLOSE")));
+  EXPECT_EQ(NOTICE + CLOSE_MMSH, endedOutput(mark)) << "CLOSE";
+
+  support::RefusingPort mediaServer;
+  ASSERT_EQ(0, listen(mediaServer.fd(), 8));
+  startSignalledAfter("CONNECT\n");
+  mark = session.worker().output().size();
+  const std::string url = "mms://127.0.0.1:" + std::to_string(mediaServer.port()) + "/sample.asf";
+  ASSERT_TRUE(session.send(request("CONNECT", {url})));
+  EXPECT_EQ(NOTICE, endedOutput(mark)) << "CONNECT";
+  pollfd queued = {mediaServer.fd(), POLLIN, 0};
+  EXPECT_EQ(0, poll(&queued, 1, 0)) << "a connection reached the media server";
+}
+
+// The grace timer's signal is the worker's own; SIGALRM is not: it does
+// what the disposition the worker inherited says, with no notice.
+TEST_F(Termination, SigalrmKeepsTheDispositionTheWorkerInherited) {
+  struct sigaction inherited = {}, saved;
+  inherited.sa_handler = SIG_DFL;
+  sigemptyset(&inherited.sa_mask);
+  ASSERT_EQ(0, sigaction(SIGALRM, &inherited, &saved));
+  startWorker();
+  ASSERT_TRUE(session.worker().sendSignal(SIGALRM));
+  halvarine::ExitStatus how;
+  ASSERT_TRUE(session.worker().waitExit(PROMPT_MS, how)) << "default: still running";
+  EXPECT_TRUE(how.signaled && how.signal == SIGALRM) << "default: " << how.toString();
+  EXPECT_EQ("", session.worker().output()) << "default";
+
+  inherited.sa_handler = SIG_IGN;
+  ASSERT_EQ(0, sigaction(SIGALRM, &inherited, nullptr));
+  startWorker();
+  sigaction(SIGALRM, &saved, nullptr);
+  ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(session.worker().sendSignal(SIGALRM));
+  usleep(100000);
+  expectOnlyCcheckReply(nextEcho());
+  EXPECT_EQ(NOTICE + CLOSE_MMSH, terminate("ignoring SIGALRM"));
 }
 
 }  // namespace
