@@ -2,6 +2,8 @@
 // after the notice nothing but the close line of a stream the exit-time
 // clean-up releases. Each test prints how long the worker took to end.
 
+#include "core/termination.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -13,7 +15,6 @@
 #include <random>
 #include <string>
 
-#include "core/termination.h"
 #include "tests/support/support.h"
 
 using halvarine::Reply;
