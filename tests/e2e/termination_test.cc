@@ -50,10 +50,10 @@ class Termination : public support::StreamTest {
   // The worker's standard error on a one-page pipe of the test's own.
   // After `setup` the pipe is filled up to `room` bytes, `trigger` is sent,
   // and the worker blocks in the line after those bytes. Then SIGTERM, and
-  // the pipe is drained `drainAfterMs` later. What the worker wrote after
-  // `setup`.
+  // the pipe is drained `drainAfterMs` later. `whileBlocked` runs before
+  // the signal. What the worker wrote after `setup`.
   std::string blockedLine(const std::function<void()>& setup, const Request& trigger, size_t room,
-                          int drainAfterMs) {
+                          int drainAfterMs, const std::function<void()>& whileBlocked = {}) {
     int fds[2];
     EXPECT_EQ(0, pipe2(fds, O_CLOEXEC));
     halvarine::UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
@@ -77,6 +77,7 @@ class Termination : public support::StreamTest {
               write(writeEnd.get(), filler.data(), filler.size()));
     EXPECT_TRUE(session.send(trigger));
     usleep(200000);  // blocked
+    if (whileBlocked) whileBlocked();
     EXPECT_TRUE(session.worker().sendSignal(SIGTERM));
     usleep(static_cast<useconds_t>(drainAfterMs) * 1000);
     std::string text;
@@ -221,11 +222,17 @@ TEST_F(Termination, WhileWorkingTheSignalWaitsForTheNextSafePoint) {
 
 // The shut-down's last line blocks past the grace: the signal is taken
 // there and the line never follows the notice. The notice itself waits for
-// the pipe, which is the one limit.
+// the pipe, which is the one limit. The controller has had PEND's reply and
+// the end of its socket before that line, whatever becomes of it.
 TEST_F(Termination, DuringTheShutdownNoFurtherLineFollows) {
   const std::string pendLine = "[Halvarine] recv PEND command!\n";
+  const Request pend = request("PEND");
+  const auto replyThenEnd = [&] {
+    EXPECT_EQ("OK_", receive(pend.echo).status());
+    EXPECT_TRUE(session.receiveEof(1000)) << "the socket is still open";
+  };
   EXPECT_EQ(pendLine + NOTICE,
-            blockedLine([] {}, request("PEND"), pendLine.size(), TERMINATION_GRACE_MS + 200));
+            blockedLine([] {}, pend, pendLine.size(), TERMINATION_GRACE_MS + 200, replyThenEnd));
 }
 
 // The signal lands after the wait for a frame has ended, while the frame
