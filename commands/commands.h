@@ -11,6 +11,9 @@
 // A request whose reply could not fit one frame (a command word of tens of
 // kilobytes) is refused like a malformed one, before anything is done: a
 // reply that cannot be sent must not follow a command that was carried out.
+// The reply that counts is the one the request would really get (GSIZE
+// without an open stream gets ERR, not a length). PEND is the exception: the
+// end is the loop's, and follows whatever commandPend returns.
 
 #include "channel/packet.h"
 

@@ -1,6 +1,7 @@
 // The four commands without parameters: liveness, length, close and the
 // acknowledgement of the end.
 
+#include <boost/algorithm/string/predicate.hpp>
 #include <iostream>
 
 #include "channel/protocol.h"
@@ -25,7 +26,15 @@ ResultCode commandCcheck(const ParamList& request) {
 }
 
 ResultCode commandPend(const ParamList& request) {
-  return acknowledge(request, WORD_PEND);
+  // The loop ends the worker after any PEND word; a word so long that the
+  // acknowledgement would not fit a frame gets none (nothing sent, nothing
+  // logged), and the end of the socket is the answer.
+  const char* literal = WORD_PEND;
+  if (request.size() >= 2 && boost::algorithm::starts_with(request[1], literal) &&
+      !replyFits(request[1].size(), STATUS_REPLY_TAIL)) {
+    return MAKE_TOO_LONG;
+  }
+  return acknowledge(request, literal);
 }
 
 ResultCode commandClose(const ParamList& request) {
@@ -42,11 +51,14 @@ ResultCode commandClose(const ParamList& request) {
 }
 
 ResultCode commandGsize(const ParamList& request) {
-  // Refused by the size of its largest reply, the one with the length, even
-  // when this one would carry only ERR: which it is depends on the stream.
-  if (!acceptRequest(request, 2, WORD_GSIZE, GSIZE_REPLY_TAIL)) return COMMAND_REFUSED;
+  // Refused by the reply it would really get: ERR without an open stream;
+  // with one, the length (an open stream always has one), so the library
+  // is not asked when that reply would not fit.
+  if (!acceptRequest(request, 2, WORD_GSIZE, STATUS_REPLY_TAIL)) return COMMAND_REFUSED;
+  const bool open = g_wrapperMms && g_wrapperMms->isConnected();
+  if (open && !replyFits(request[1].size(), GSIZE_REPLY_TAIL)) return COMMAND_REFUSED;
   ParamList reply = startReply(request);
-  if (!g_wrapperMms || !g_wrapperMms->isConnected()) {
+  if (!open) {
     reply.push_back(STATUS_ERR);
     return sendReply(reply);
   }

@@ -28,10 +28,13 @@ CommandOutcome dispatchCommand(const ParamList& request) {
   for (const CommandRow& row : COMMAND_TABLE) {
     if (!boost::algorithm::starts_with(request[1], row.literal)) continue;
     if (row.endsLoop) std::cerr << "[Halvarine] recv PEND command!" << std::endl;
-    // The handler has answered or refused by itself. A PEND it refused (its
-    // reply would not fit a frame) was not acknowledged, so it ends nothing.
-    if (row.handler(request) == COMMAND_REFUSED) return COMMAND_DROPPED;
-    return row.endsLoop ? COMMAND_END : COMMAND_SERVED;
+    const ResultCode rc = row.handler(request);
+    // The end belongs to the word, not to its acknowledgement: a PEND whose
+    // reply could not be sent (or would not fit a frame) ends the worker
+    // all the same, and the controller sees its socket end.
+    if (row.endsLoop) return COMMAND_END;
+    // Otherwise the handler has answered or refused by itself.
+    return rc == COMMAND_REFUSED ? COMMAND_DROPPED : COMMAND_SERVED;
   }
   return COMMAND_DROPPED;
 }

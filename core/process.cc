@@ -48,7 +48,13 @@ int runProcess() {
     ParamList request;
     for (;;) {
       if (readPacket(frame) != RESULT_OK) break;
+      // A SIGTERM that came after the wait ended, while the frame was being
+      // read or cut out, ends the worker here, before the frame is acted on:
+      // no line, no stream closed or opened, no connection to a media
+      // server. The loop holds no lock at either point.
+      safePoint();
       if (parsePacket(frame, request) != RESULT_OK) continue;
+      safePoint();
       if (dispatchCommand(request) == COMMAND_END) break;
     }
 

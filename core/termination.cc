@@ -39,36 +39,39 @@ void onSafePoint() {
   if (g_pending && !g_ending) endWithCleanup();
 }
 
-void onTerminate(int) {
+// Both a SIGTERM from outside and the end of the grace come here: the grace
+// timer signals with SIGTERM itself, so that no other signal's disposition
+// is touched (a SIGALRM from outside does what it would do to any process),
+// and the kernel marks the timer's signals SI_TIMER, which kill() cannot.
+void onTerminate(int, siginfo_t* info, void*) {
   if (g_ending) return;
+  if (info->si_code == SI_TIMER) {
+    // No safe point came in time: the thread is stuck where it may hold a
+    // lock.
+    if (g_pending) endWithoutCleanup();
+    return;
+  }
   if (sleepingInWait()) endWithCleanup();
   if (!g_haveGraceTimer) endWithoutCleanup();
+  if (g_pending) return;  // a second SIGTERM does not put the grace off
   g_pending = 1;
   struct itimerspec grace = {};
-  grace.it_value.tv_nsec = TERMINATION_GRACE_MS * 1000000L;
+  grace.it_value.tv_sec = TERMINATION_GRACE_MS / 1000;
+  grace.it_value.tv_nsec = (TERMINATION_GRACE_MS % 1000) * 1000000L;
   timer_settime(g_graceTimer, 0, &grace, nullptr);
-}
-
-// No safe point came in time: the thread is stuck where it may hold a lock.
-void onGraceExpired(int) {
-  if (!g_ending) endWithoutCleanup();
-}
-
-bool install(int sig, void (*handler)(int)) {
-  struct sigaction action = {};
-  action.sa_handler = handler;
-  action.sa_flags = SA_RESTART;
-  sigemptyset(&action.sa_mask);
-  return sigaction(sig, &action, nullptr) == 0;
 }
 
 }  // namespace
 
 bool installTerminationHandler() {
-  if (!install(SIGTERM, onTerminate) || !install(SIGALRM, onGraceExpired)) return false;
+  struct sigaction action = {};
+  action.sa_sigaction = onTerminate;
+  action.sa_flags = SA_RESTART | SA_SIGINFO;
+  sigemptyset(&action.sa_mask);
+  if (sigaction(SIGTERM, &action, nullptr) != 0) return false;
   struct sigevent event = {};
   event.sigev_notify = SIGEV_SIGNAL;
-  event.sigev_signo = SIGALRM;
+  event.sigev_signo = SIGTERM;
   // Without a timer a SIGTERM away from a wait ends the process at once,
   // without the clean-up.
   g_haveGraceTimer = timer_create(CLOCK_MONOTONIC, &event, &g_graceTimer) == 0;
@@ -80,7 +83,6 @@ void closeTerminationWindow() {
   sigset_t held;
   sigemptyset(&held);
   sigaddset(&held, SIGTERM);
-  sigaddset(&held, SIGALRM);
   sigprocmask(SIG_BLOCK, &held, nullptr);
   if (g_pending && !g_ending) {
     g_ending = 1;

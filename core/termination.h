@@ -19,21 +19,29 @@
 //  - Anywhere else the handler only notes the signal and starts a grace
 //    timer of TERMINATION_GRACE_MS. The thread reaches a safe point within
 //    microseconds as a rule (every wait, every transfer of the socket
-//    callbacks, every step of the shut-down) and ends itself there: the
-//    notice, then exit with the clean-up, before it sends anything else.
+//    callbacks, the top of the command loop once a frame is read and
+//    before it is served, every step of the shut-down) and ends itself
+//    there: the notice, then exit with the clean-up, before it sends or
+//    starts anything else. The grace is long enough for a thread held up
+//    on its way there (a loaded machine, a log line on a pipe the
+//    controller drains late) and short beside any controller's wait
+//    before SIGKILL.
 //  - Where no safe point comes (a host-name lookup waiting on a DNS server,
-//    a library call spinning over a damaged header), the timer's handler
-//    writes the notice and leaves with _exit(0): at once, without the
-//    clean-up. The kernel closes the sockets; the stream's close line is
-//    not written.
+//    a library call spinning over a damaged header), the timer ends the
+//    process: the notice and _exit(0), without the clean-up. The kernel
+//    closes the sockets; the stream's close line is not written.
+//
+// The timer signals with SIGTERM itself (told apart by its SI_TIMER code),
+// so the worker takes no signal but SIGTERM: every other one keeps the
+// disposition the process inherited.
 //
 // The one honest limit: the notice is a write to standard error, and a full
 // standard-error pipe blocks any writer. A controller that does not read the
 // worker's standard error holds its end back until it does.
 
-static const int TERMINATION_GRACE_MS = 5;
+static const int TERMINATION_GRACE_MS = 100;
 
-// Installs the SIGTERM handler (and the grace timer's). False, errno set,
+// Installs the SIGTERM handler and creates the grace timer. False, errno set,
 // when sigaction fails.
 bool installTerminationHandler();
 

@@ -42,38 +42,46 @@ std::string drainReplies() {
   return bytes;
 }
 
-// The status a process without a stream answers `request` with, null for
-// none: the command table's choice and each handler's acceptance rule, from
-// the outside. The first word the request's word begins with, enough
-// elements, for READ an 8-byte count, and a reply that fits a frame (the
-// word, its 0x0A and the largest tail: a status, or for GSIZE a status and
-// a length).
-const char* expectedStatus(const ParamList& request) {
+// How a process without a stream treats `request`: the command table's
+// choice and each handler's acceptance rule, from the outside. The first
+// word the request's word begins with, enough elements, for READ an 8-byte
+// count, and a reply that fits a frame (the word, its 0x0A and the tail of
+// the reply it gets: without a stream, a status alone). A PEND word is
+// served whatever its length; only its reply may not fit.
+struct Expected {
+  bool served = false;
+  const char* status = nullptr;  // the reply's status, null for no reply
+};
+
+Expected expectedFor(const ParamList& request) {
   static const struct {
     const char* word;
     size_t minElements;
     const char* status;
-    size_t tail;
-  } COMMANDS[] = {{"CONNECT", 3, "ERR", 5}, {"READ", 3, "ERR", 5}, {"GSIZE", 2, "ERR", 22},
-                  {"CLOSE", 2, "OK_", 5},   {"PEND", 2, "OK_", 5}, {"CCHECK", 2, "OK_", 5}};
-  if (request.size() < 2) return nullptr;
+  } COMMANDS[] = {{"CONNECT", 3, "ERR"}, {"READ", 3, "ERR"}, {"GSIZE", 2, "ERR"},
+                  {"CLOSE", 2, "OK_"},   {"PEND", 2, "OK_"}, {"CCHECK", 2, "OK_"}};
+  Expected e;
+  if (request.size() < 2) return e;
   for (const auto& c : COMMANDS) {
     if (request[1].compare(0, strlen(c.word), c.word) != 0) continue;
-    const bool accepted = request.size() >= c.minElements &&
-                          request[1].size() + 1 + c.tail <= 0xFFFF &&
-                          (strcmp(c.word, "READ") != 0 || request[2].size() == 8);
-    return accepted ? c.status : nullptr;
+    const bool fits = request[1].size() + 1 + 5 <= 0xFFFF;
+    const bool pend = strcmp(c.word, "PEND") == 0;
+    e.served = request.size() >= c.minElements && (fits || pend) &&
+               (strcmp(c.word, "READ") != 0 || request[2].size() == 8);
+    if (e.served && fits) e.status = c.status;
+    return e;
   }
-  return nullptr;
+  return e;
 }
 
 void serve(const Packet& frame) {
   ParamList request;
   const bool parsed = parsePacket(frame, request) == RESULT_OK;
-  const char* status = parsed ? expectedStatus(request) : nullptr;
+  const Expected expected = parsed ? expectedFor(request) : Expected();
+  const char* status = expected.status;
   // A request its handler refuses counts as dropped: it was not served.
   // COMMAND_END (PEND) would end the loop; the harness goes on.
-  if (parsed) FUZZ_CHECK((dispatchCommand(request) == COMMAND_DROPPED) == (status == nullptr));
+  if (parsed) FUZZ_CHECK((dispatchCommand(request) != COMMAND_DROPPED) == expected.served);
   const std::string replies = drainReplies();
   if (status == nullptr) {
     FUZZ_CHECK(replies.empty());

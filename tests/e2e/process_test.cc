@@ -213,21 +213,75 @@ TEST_F(Contract, RequestsWhoseReplyCouldNotFitAreRefusedBeforeActing) {
   } const refused[] = {
       {"CLOSE" + std::string(65525, 'X'), {}},       // reply body 65,536
       {"CONNECT" + std::string(65523, 'X'), {"h"}},  // would replace the stream
-      {"GSIZE" + std::string(65508, 'X'), {}},       // its length would not fit
       {"CCHECK" + std::string(65524, 'X'), {}},
-      {"PEND" + std::string(65526, 'X'), {}},  // would end the worker
   };
   for (const Refused& r : refused) ASSERT_TRUE(session.send(request(r.word, r.params)));
   expectOnlyCcheckReply(nextEcho());
   expectNext(1000);  // the stream is still open where it was
-  // Only the loop's PEND line, never a handler's.
-  EXPECT_EQ("[Halvarine] recv PEND command!\n", session.worker().output().substr(mark));
+  EXPECT_EQ("", session.worker().output().substr(mark));
 
   const std::string longest = "CLOSE" + std::string(65524, 'X');
   const Request close = request(longest);
   const Reply r = call(close);
   EXPECT_EQ(support::expectedReply(close.echo, {longest, "OK_"}), r.frame);
   EXPECT_EQ(65548u, r.frame.size());
+}
+
+// GSIZE is refused by the reply it would really get: ERR without an open
+// stream, the length with one. `status` "" means refused: no reply, and
+// the library is not asked.
+TEST_F(Contract, LongGsizeWordsAreRefusedOnlyWhenTheirOwnReplyCannotFit) {
+  struct Row {
+    size_t wordLength;
+    const char* status;
+    size_t fields;  // after the word
+  };
+  const auto check = [this](const Row& row) {
+    const std::string word = "GSIZE" + std::string(row.wordLength - 5, 'X');
+    const Request req = request(word);
+    if (*row.status == '\0') {
+      ASSERT_TRUE(session.send(req));
+      expectOnlyCcheckReply(nextEcho());
+      return;
+    }
+    const Reply r = call(req);
+    EXPECT_EQ(row.status, r.status()) << row.wordLength;
+    const size_t tail = row.fields == 2 ? 22 : 5;
+    EXPECT_EQ(word.size() + 1 + tail + 13, r.frame.size()) << row.wordLength;
+  };
+  for (const Row& row : {Row{65513, "ERR", 1}, Row{65529, "ERR", 1}, Row{65530, "", 0}}) {
+    check(row);
+  }
+  EXPECT_EQ(std::vector<std::string>{}, outputLines());
+  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  newLines();
+  for (const Row& row : {Row{65512, "OK_", 2}, Row{65513, "", 0}}) check(row);
+  // The library was asked once: for the reply that fits.
+  EXPECT_EQ(1u, support::countLines(newLines(), "[commandGsize()] MMS get size!! : 0"));
+}
+
+// The end follows the word PEND, however long: one whose reply would not
+// fit a frame gets none, and the worker ends as after any PEND. One byte
+// shorter, the reply fills a frame.
+TEST_F(Contract, PendEndsTheWorkerEvenWhenItsReplyCannotFit) {
+  for (const size_t wordLength : {65529u, 65530u}) {
+    SCOPED_TRACE(wordLength);
+    startWorker();
+    ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
+    const size_t mark = session.worker().output().size();
+    const std::string word = "PEND" + std::string(wordLength - 4, 'X');
+    const Request pend = request(word);
+    ASSERT_TRUE(session.send(pend));
+    if (wordLength == 65529) {
+      EXPECT_EQ(65548u, receive(pend.echo).frame.size());
+    }
+    EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
+    expectExit(0);
+    EXPECT_EQ(std::string("[Halvarine] recv PEND command!\n") +
+                  "[WrapperMms::close()] close MMSH stream! \n[Halvarine] MMS close!! : 0\n" +
+                  FINISHED + "\n",
+              session.worker().output().substr(mark));
+  }
 }
 
 // A controller that leaks descriptors into the worker pushes its sockets
@@ -316,6 +370,31 @@ TEST_F(Contract, SlowReplyUnreadForLongerThanTheWriteWaitIsLostWhole) {
   EXPECT_LT(echoes.size(), sent.size()) << "nothing was lost: the write wait never ran out";
 }
 
+// The same on a system whose default send buffer is small: the worker's
+// request for room for two frames still makes a reply go out whole or not
+// at all. Without it, the reply in flight when the wait runs out is cut,
+// and the controller reads a frame whose length runs into the next one.
+TEST_F(Contract, SlowReplyUnreadOnASmallDefaultSendBufferIsLostWhole) {
+  session = halvarine::WorkerSession();
+  halvarine::WorkerSession::Options options;
+  options.worker = support::workerPath();
+  options.env = {std::string("LD_PRELOAD=") + SMALL_SEND_BUFFER_LIBRARY};
+  if (!options.launcher.empty()) GTEST_SKIP() << "the preloaded library is built for this host";
+  ASSERT_TRUE(session.start(options)) << session.error();
+  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  std::vector<Request> sent;
+  for (int i = 0; i < 8; ++i) sent.push_back(request("READ", {countDigits(65511)}));
+  for (const Request& req : sent) ASSERT_TRUE(session.send(req));
+  sleep(7);
+  size_t whole = 0;
+  Reply r;
+  while (session.connection().receive(2000, r)) ++whole;
+  EXPECT_EQ(halvarine::ControllerConnection::Failure::TIMED_OUT, session.connection().failure())
+      << "after " << whole << " whole replies: " << session.connection().error().substr(0, 80);
+  EXPECT_GT(whole, 0u);
+  EXPECT_LT(whole, sent.size()) << "nothing was lost: the write wait never ran out";
+}
+
 // On a small send buffer a reply takes many writes. None may block: a
 // controller that stops reading costs the reply, not the worker, which
 // waits 5 s at the most and then takes SIGTERM at once.
@@ -323,7 +402,8 @@ TEST_F(Contract, SlowWritesNeverBlockPastTheirWaitOnASmallSendBuffer) {
   session = halvarine::WorkerSession();
   halvarine::WorkerSession::Options options;
   options.worker = support::workerPath();
-  options.env = {std::string("LD_PRELOAD=") + SMALL_SEND_BUFFER_LIBRARY};
+  options.env = {std::string("LD_PRELOAD=") + SMALL_SEND_BUFFER_LIBRARY,
+                 "HALVARINE_SNDBUF_CAPPED=1"};
   if (!options.launcher.empty()) GTEST_SKIP() << "the preloaded library is built for this host";
   ASSERT_TRUE(session.start(options)) << session.error();
   ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
