@@ -29,6 +29,13 @@ const char USAGE[] =
     "                          row without new data (default 5; 0: never)\n"
     "      --retry-delay TIME  the wait before the first retry, doubled for each\n"
     "                          further one (default 1 s)\n"
+    "      --retry-max-time TIME  stop retrying once no new data has come for TIME;\n"
+    "                          a server that stops sending ends the fetch with 28 when\n"
+    "                          it has sent nothing for TIME (default 45 s; 0: no limit)\n"
+    "  -C, --continue          go on with an earlier fetch of the same stream from\n"
+    "                          FILE.partial (or FILE), after checking that the stream's\n"
+    "                          header and the bytes read again are the file's; not\n"
+    "                          for live streams\n"
     "      --keep-partial      keep FILE.partial when the fetch fails\n"
     "      --timeout TIME      give up when the whole run takes longer\n"
     "      --reply-timeout TIME  give up when the worker sends no reply for TIME\n"
@@ -52,7 +59,11 @@ const char USAGE[] =
     "\n"
     "A stop asked for (--duration, --max-bytes, SIGINT, SIGTERM, SIGHUP) keeps what\n"
     "was received under FILE, cut at a data packet's end, with the header's sizes\n"
-    "made to agree with it. http_proxy (or HTTP_PROXY) and no_proxy are honoured\n"
+    "made to agree with it. A live stream (a broadcast, or one the server\n"
+    "announces as live) whose connection drops is opened again and recorded on,\n"
+    "whole packets after the first header; an on-demand stream is resumed only\n"
+    "when the bytes read again are those written, never spliced.\n"
+    "http_proxy (or HTTP_PROXY) and no_proxy are honoured\n"
     "for mms://, mmsh:// and http:// streams.\n"
     "\n"
     "Exit status:\n";
@@ -101,6 +112,7 @@ enum LongOnly {
   OPT_MAX_BYTES,
   OPT_RETRY,
   OPT_RETRY_DELAY,
+  OPT_RETRY_MAX_TIME,
   OPT_KEEP_PARTIAL,
   OPT_TIMEOUT,
   OPT_REPLY_TIMEOUT,
@@ -116,6 +128,8 @@ const option LONG_OPTIONS[] = {
     {"max-bytes", required_argument, nullptr, OPT_MAX_BYTES},
     {"retry", required_argument, nullptr, OPT_RETRY},
     {"retry-delay", required_argument, nullptr, OPT_RETRY_DELAY},
+    {"retry-max-time", required_argument, nullptr, OPT_RETRY_MAX_TIME},
+    {"continue", no_argument, nullptr, 'C'},
     {"keep-partial", no_argument, nullptr, OPT_KEEP_PARTIAL},
     {"timeout", required_argument, nullptr, OPT_TIMEOUT},
     {"reply-timeout", required_argument, nullptr, OPT_REPLY_TIMEOUT},
@@ -143,12 +157,20 @@ const std::vector<ExitStatusLine>& exitStatusLines() {
       {EXIT_CANNOT_CONNECT, "cannot connect: refused or unreachable (host or proxy)"},
       {EXIT_NOT_MMS, "not an MMS server, or it broke the protocol"},
       {EXIT_PARTIAL, "the stream ended before its announced length and could not be resumed"},
+      {EXIT_HTTP_ERROR, "the server answered with an HTTP error (HTTP 404 Not Found, ...)"},
       {EXIT_WRITE, "the output cannot be written"},
-      {EXIT_TIMED_OUT, "timed out: connecting, waiting for an answer, --reply-timeout, --timeout"},
+      {EXIT_TIMED_OUT,
+       "timed out: connecting, waiting for an answer, the server stalled (no data for "
+       "--retry-max-time), --reply-timeout, --timeout"},
+      {EXIT_CANNOT_CONTINUE, "--continue: the file is not the start of this stream, or it is live"},
       {EXIT_RECEIVE, "the worker failed to receive the stream's data"},
+      {EXIT_NO_SUCH_FILE, "the MMS server has no such file"},
       {EXIT_CONTROLLER_TAKEN, "another controller holds the controller socket"},
       {EXIT_NO_WORKER, "the worker is missing or cannot be run"},
       {EXIT_WORKER_FAILED, "the worker died, did not connect, or broke the protocol"},
+      {EXIT_LIVE_LOST,
+       "a live stream's connection was lost and could not be opened again; the "
+       "recording is kept"},
       {EXIT_SIGNALED + 1, "stopped by SIGHUP; what was received is kept"},
       {EXIT_SIGNALED + 2, "stopped by SIGINT; what was received is kept"},
       {EXIT_SIGNALED + 15, "stopped by SIGTERM; what was received is kept"},
@@ -177,7 +199,7 @@ int parseOptions(int argc, char** argv, Options& out) {
   opterr = 0;
   for (;;) {
     int longIndex = -1;
-    const int c = getopt_long(argc, argv, ":o:qvhV", LONG_OPTIONS, &longIndex);
+    const int c = getopt_long(argc, argv, ":o:CqvhV", LONG_OPTIONS, &longIndex);
     if (c == -1) break;
     // The option as the user wrote it: "--max-bytes", or "-o" out of "-qoFILE".
     std::string name = argv[optind - 1];
@@ -222,6 +244,12 @@ int parseOptions(int argc, char** argv, Options& out) {
         break;
       case OPT_KEEP_PARTIAL:
         out.keepPartial = true;
+        break;
+      case 'C':
+        out.continueFetch = true;
+        break;
+      case OPT_RETRY_MAX_TIME:
+        bad = need(parseTime(value, out.retryMaxTimeMs), "a time");
         break;
       case OPT_DURATION:
         bad = need(parseTime(value, out.durationMs) && out.durationMs > 0, "a time (90, 1.5m, 2h)");
@@ -275,6 +303,9 @@ int parseOptions(int argc, char** argv, Options& out) {
                       argv[optind + 1] + "\")");
   }
   out.url = argv[optind];
+  if (out.continueFetch && (out.outPath.empty() || out.outPath == "-")) {
+    return usageError("--continue needs -o FILE: it goes on with FILE.partial or FILE");
+  }
   return -1;
 }
 
