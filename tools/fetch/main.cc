@@ -304,6 +304,7 @@ int Fetch::transfer() {
                        std::to_string(dataWritten_) +
                        " data bytes (a live or changed stream); the file is left as it was");
         endWorker(false, 0);
+        kept_ = true;  // as it was
         return EXIT_CANNOT_CONTINUE;
       }
       problem_ = "could not be resumed: opened again, its first " + std::to_string(dataWritten_) +
@@ -437,7 +438,8 @@ int Fetch::open(bool first) {
   if (first && options_.durationMs > 0) {
     display_.stopAt(halvarine::monotonicMs() + options_.durationMs);
   }
-  display_.setPhase(first ? "waiting for the stream's header" : "waiting for the header again");
+  display_.setPhase(first ? "waiting for the stream's header"
+                          : "reconnected; no header from the server yet");
   std::string header;
   const int status = readHeader(header);
   if (status != EXIT_OK) return status;
@@ -556,6 +558,7 @@ int Fetch::takeUpEarlierFetch(const std::string& header) {
     display_.endTransfer();
     display_.error("cannot continue " + name + ": " + refusal + "; the file is left as it was");
     endWorker(true, PEND_GRACE_MS);
+    kept_ = true;  // as it was
     return EXIT_CANNOT_CONTINUE;
   }
   // New bytes go after its whole packets, once those read again matched.
