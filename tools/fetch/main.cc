@@ -673,41 +673,7 @@ int Fetch::connectFailure(size_t mark, std::string& why) {
       break;
   }
   // Connected, and the open failed: what did the server say?
-  const bool http = url_.viaProxy || url_.scheme == "mmsh" || url_.scheme == "http";
-  ProbeAnswer a;
-  if (!http) a = probeMmst(url_.host, url_.port, url_.path, PROBE_MS);
-  if (http || (url_.scheme == "mms" && a.kind != ProbeAnswer::MMST)) {
-    const ProbeAnswer h =
-        probeHttp(url_.host, url_.port, url_.path, url_.viaProxy ? url_.endpoint : "", PROBE_MS);
-    if (h.kind == ProbeAnswer::HTTP || a.kind == ProbeAnswer::NO_CONNECTION) a = h;
-  }
-  if (a.kind == ProbeAnswer::HTTP && a.status >= 400) {
-    // A gateway's errors are the proxy's own: it could not reach the server.
-    const bool proxyRefused =
-        url_.viaProxy && (a.status == 407 || a.status == 502 || a.status == 503 || a.status == 504);
-    why = proxyRefused ? "the proxy " + url_.endpoint + " refused: " + httpStatusText(a)
-                       : httpStatusText(a) + " (" + where + ")";
-    return proxyRefused ? EXIT_CANNOT_CONNECT : EXIT_HTTP_ERROR;
-  }
-  if (a.kind == ProbeAnswer::MMST && a.mmsResult != 0) {
-    why = "the MMS server refused to open " + url_.path + ": " + mmsResultText(a.mmsResult) + " (" +
-          where + ")";
-    return mmsResultText(a.mmsResult).compare(0, 12, "no such file") == 0 ? EXIT_NO_SUCH_FILE
-                                                                          : EXIT_NOT_MMS;
-  }
-  if (a.kind == ProbeAnswer::MMST || (a.kind == ProbeAnswer::HTTP && a.mms)) {
-    why = std::string("the server speaks MMS and offers the stream, but it did not open ") +
-          "(it broke off, or sent what the worker cannot read) (" + where + ")";
-    return EXIT_NOT_MMS;
-  }
-  if (a.kind == ProbeAnswer::HTTP) {
-    why = "not an MMS server: it answered " + httpStatusText(a) + " without an MMS stream (" +
-          where + ")";
-    return EXIT_NOT_MMS;
-  }
-  why = std::string(halvarine::connectFailureText(halvarine::ConnectFailure::NOT_MMS)) + " (" +
-        where + ")";
-  return EXIT_NOT_MMS;
+  return askServerWhy(url_, where, PROBE_MS, why);
 }
 
 void Fetch::announceLive() {
@@ -724,13 +690,7 @@ bool Fetch::serverSaysLive() {
   // client at a time answers us only once it is closed.
   halvarine::Reply reply;
   if (pipeline_->inFlight() == 0) pipeline_->call(halvarine::WORD_CLOSE, {}, reply);
-  const bool http = url_.viaProxy || url_.scheme == "mmsh" || url_.scheme == "http";
-  ProbeAnswer a;
-  if (!http) a = probeMmst(url_.host, url_.port, url_.path, PROBE_MS);
-  if (http || (url_.scheme == "mms" && a.kind != ProbeAnswer::MMST)) {
-    a = probeHttp(url_.host, url_.port, url_.path, url_.viaProxy ? url_.endpoint : "", PROBE_MS);
-  }
-  return a.live;
+  return askServerIfLive(url_, PROBE_MS);
 }
 
 int Fetch::fail(FetchStatus status, const std::string& why, const std::string& step) {

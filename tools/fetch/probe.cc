@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <halvarine/diagnosis.h>
 #include <halvarine/fd.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -14,6 +15,7 @@
 #include "base/clock.h"
 #include "base/wait.h"
 #include "tools/asf/asf_file.h"
+#include "tools/fetch/options.h"
 #include "tools/mmsserver/mmst_wire.h"
 
 namespace fetch {
@@ -129,14 +131,17 @@ std::string httpStatusText(const ProbeAnswer& answer) {
          (answer.reason.empty() ? std::string() : " " + answer.reason);
 }
 
+bool noSuchFile(uint32_t result) {
+  // The system's "file not found" and "path not found", and the media
+  // server's own "not found".
+  return result == 0x80070002 || result == 0x80070003 || result == 0xC00D002B;
+}
+
 std::string mmsResultText(uint32_t result) {
   char hex[16];
   snprintf(hex, sizeof hex, "0x%08X", result);
+  if (noSuchFile(result)) return std::string("no such file (") + hex + ")";
   switch (result) {
-    case 0x80070002:
-    case 0x80070003:
-    case 0xC00D002B:
-      return std::string("no such file (") + hex + ")";
     case 0x80070005:
       return std::string("access denied (") + hex + ")";
     default:
@@ -268,6 +273,60 @@ ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path
   }
   sendAll(fd.get(), command(mmst::cs::kCloseFile, 3, 1, 1, ""), deadline);
   return a;
+}
+
+namespace {
+
+// MMS over TCP for mmst:// and a plain mms:// URL, HTTP for the others and
+// for whatever goes through a proxy; an mms:// server that does not speak
+// MMS over TCP is asked over HTTP too, as the worker tries both.
+ProbeAnswer ask(const PreparedUrl& url, int timeoutMs) {
+  const bool http = url.viaProxy || url.scheme == "mmsh" || url.scheme == "http";
+  ProbeAnswer a;
+  if (!http) a = probeMmst(url.host, url.port, url.path, timeoutMs);
+  if (http || (url.scheme == "mms" && a.kind != ProbeAnswer::MMST)) {
+    const ProbeAnswer h =
+        probeHttp(url.host, url.port, url.path, url.viaProxy ? url.endpoint : "", timeoutMs);
+    if (h.kind == ProbeAnswer::HTTP || a.kind == ProbeAnswer::NO_CONNECTION) a = h;
+  }
+  return a;
+}
+
+}  // namespace
+
+int askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs,
+                 std::string& why) {
+  const ProbeAnswer a = ask(url, timeoutMs);
+  if (a.kind == ProbeAnswer::HTTP && a.status >= 400) {
+    // A gateway's errors are the proxy's own: it could not reach the server.
+    const bool proxyRefused =
+        url.viaProxy && (a.status == 407 || a.status == 502 || a.status == 503 || a.status == 504);
+    why = proxyRefused ? "the proxy " + url.endpoint + " refused: " + httpStatusText(a)
+                       : httpStatusText(a) + " (" + where + ")";
+    return proxyRefused ? EXIT_CANNOT_CONNECT : EXIT_HTTP_ERROR;
+  }
+  if (a.kind == ProbeAnswer::MMST && a.mmsResult != 0) {
+    why = "the MMS server refused to open " + url.path + ": " + mmsResultText(a.mmsResult) + " (" +
+          where + ")";
+    return noSuchFile(a.mmsResult) ? EXIT_NO_SUCH_FILE : EXIT_NOT_MMS;
+  }
+  if (a.kind == ProbeAnswer::MMST || (a.kind == ProbeAnswer::HTTP && a.mms)) {
+    why = std::string("the server speaks MMS and offers the stream, but it did not open ") +
+          "(it broke off, or sent what the worker cannot read) (" + where + ")";
+    return EXIT_NOT_MMS;
+  }
+  if (a.kind == ProbeAnswer::HTTP) {
+    why = "not an MMS server: it answered " + httpStatusText(a) + " without an MMS stream (" +
+          where + ")";
+    return EXIT_NOT_MMS;
+  }
+  why = std::string(halvarine::connectFailureText(halvarine::ConnectFailure::NOT_MMS)) + " (" +
+        where + ")";
+  return EXIT_NOT_MMS;
+}
+
+bool askServerIfLive(const PreparedUrl& url, int timeoutMs) {
+  return ask(url, timeoutMs).live;
 }
 
 }  // namespace fetch

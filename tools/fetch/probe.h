@@ -14,6 +14,8 @@
 
 #include <string>
 
+#include "tools/fetch/url.h"
+
 namespace fetch {
 
 struct ProbeAnswer {
@@ -38,6 +40,8 @@ struct ProbeAnswer {
 
 // "HTTP 404 Not Found"
 std::string httpStatusText(const ProbeAnswer& answer);
+// An MMS server's result that says the file is not there.
+bool noSuchFile(uint32_t result);
 // An MMS server's failure result in words where it is a common one:
 // "no such file (0x80070002)".
 std::string mmsResultText(uint32_t result);
@@ -50,6 +54,17 @@ ProbeAnswer probeHttp(const std::string& host, int port, const std::string& path
 
 // MMS over TCP up to the opening of `path`, then closes.
 ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path, int timeoutMs);
+
+// The open of `url` failed after the connection was made: asks the server
+// (as the URL's transport speaks; an mms:// URL over TCP first, then HTTP)
+// and returns the exit status, with `why` for people: "HTTP 404 Not Found",
+// a proxy's own refusal, an MMS server's "no such file", or "not an MMS
+// server" only when it did not speak MMS. `where` is the host (or proxy)
+// and port the worker connected to.
+int askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs, std::string& why);
+
+// Whether the server announces the stream of `url` as live.
+bool askServerIfLive(const PreparedUrl& url, int timeoutMs);
 
 // What a probe's bytes say, apart from the socket: an HTTP head, or the
 // server's MMST reports in the order they came (each a whole message).
