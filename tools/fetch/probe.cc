@@ -298,12 +298,19 @@ int askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs
                  std::string& why) {
   const ProbeAnswer a = ask(url, timeoutMs);
   if (a.kind == ProbeAnswer::HTTP && a.status >= 400) {
-    // A gateway's errors are the proxy's own: it could not reach the server.
-    const bool proxyRefused =
-        url.viaProxy && (a.status == 407 || a.status == 502 || a.status == 503 || a.status == 504);
-    why = proxyRefused ? "the proxy " + url.endpoint + " refused: " + httpStatusText(a)
-                       : httpStatusText(a) + " (" + where + ")";
-    return proxyRefused ? EXIT_CANNOT_CONNECT : EXIT_HTTP_ERROR;
+    // Through a proxy, a server error is the proxy's own (it could not
+    // reach the server: tinyproxy's "500 Unable to connect", a gateway's
+    // 502, 503, 504), as is its demand for credentials; the server's own
+    // refusals (404, 403) are passed on as they are.
+    const std::string server = url.host + ":" + std::to_string(url.port);
+    if (url.viaProxy && (a.status >= 500 || a.status == 407)) {
+      why =
+          "the proxy " + url.endpoint + " refused: " + httpStatusText(a) + " (for " + server + ")";
+      return EXIT_CANNOT_CONNECT;
+    }
+    why = httpStatusText(a) + " (" +
+          (url.viaProxy ? server + ", through the proxy " + url.endpoint : where) + ")";
+    return EXIT_HTTP_ERROR;
   }
   if (a.kind == ProbeAnswer::MMST && a.mmsResult != 0) {
     why = "the MMS server refused to open " + url.path + ": " + mmsResultText(a.mmsResult) + " (" +

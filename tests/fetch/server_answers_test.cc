@@ -1,10 +1,12 @@
-// halvarine-fetch taking a stream up on a new connection, against the real
-// worker and the test servers: a stream the server announces as live is
-// recorded on from the new connection's first packet, never resumed by
-// skipping; --continue completes an earlier fetch to exactly the bytes
-// libmms reads, and leaves a file alone that is not the stream's start.
+// halvarine-fetch and what servers say, against the real worker and the
+// test servers: a stream the server announces as live is recorded on from
+// the new connection's first packet, never resumed by skipping; --continue
+// completes an earlier fetch to exactly the bytes libmms reads, and leaves
+// a file alone that is not the stream's start; through a real proxy
+// (tinyproxy) the server's HTTP error and the proxy's own are told apart.
 
 #include <gtest/gtest.h>
+#include <halvarine/controller.h>
 
 #include <memory>
 #include <string>
@@ -60,7 +62,7 @@ struct Server {
   bool started = false;
 };
 
-class Reconnect : public ::testing::Test {
+class ServerAnswers : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(support::controllerPathFree(120)) << "another controller holds the socket";
@@ -76,7 +78,7 @@ class Reconnect : public ::testing::Test {
 // one stopped: a splice, on a real feed whose new connection starts where
 // the broadcast is. The new connection's packets come whole, from its
 // first, after the last whole packet of the first connection.
-TEST_F(Reconnect, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
+TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
   ServerOptions o;
   o.transport = Transport::MMST;
   o.live = true;
@@ -113,7 +115,7 @@ TEST_F(Reconnect, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
 
 // Cut on every connection, the fetch keeps FILE.partial; --continue then
 // reads the stream again, checks what the file holds and completes it.
-TEST_F(Reconnect, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
+TEST_F(ServerAnswers, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
   ServerOptions cutting;
   cutting.transport = Transport::MMST;
   cutting.faults.resetAfter = 100000;
@@ -142,7 +144,7 @@ TEST_F(Reconnect, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
 // What cannot be continued is refused with exit 33 and left byte for byte
 // as it was: another stream's header, the same header over other data, a
 // live stream.
-TEST_F(Reconnect, ContinueRefusesWhatIsNotTheStreamsStart) {
+TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
   const AsfFile& file = sample();
   std::string start = file.header;
   for (size_t i = 0; i < 20; ++i) start += file.packets[i];
@@ -177,6 +179,43 @@ TEST_F(Reconnect, ContinueRefusesWhatIsNotTheStreamsStart) {
     EXPECT_EQ(c.partial, support::readFile(out + ".partial"));
     EXPECT_FALSE(support::fileExists(out));
   }
+}
+
+// tinyproxy relays to the test server on 127.0.0.2 (not to the address it
+// listens on). The server's 404 comes through as the server's; a server
+// that cannot be reached is the proxy's refusal, which curl also reports
+// as a failure to connect.
+TEST_F(ServerAnswers, ThroughAProxyTheServersErrorAndTheProxysOwnAreToldApart) {
+  if (halvarine::findOnPath("tinyproxy").empty()) GTEST_SKIP() << "tinyproxy";
+  const std::string conf =
+      "User nobody\nGroup nogroup\nListen 127.0.0.1\nAllow 127.0.0.1\nLogLevel Info\nPort ";
+  std::unique_ptr<support::Child> proxy;
+  uint16_t port = 0;
+  // The port is picked before tinyproxy binds it: another may take it first.
+  for (int attempt = 0; attempt < 3 && proxy == nullptr; ++attempt) {
+    port = support::freeTcpPort("127.0.0.1");
+    ASSERT_TRUE(support::writeFile(dir.file("conf"), conf + std::to_string(port) + "\n"));
+    proxy.reset(new support::Child({"tinyproxy", "-d", "-c", dir.file("conf")}));
+    if (!proxy->waitForOutput("Accepting connections", 5000)) proxy.reset();
+  }
+  ASSERT_NE(nullptr, proxy) << "tinyproxy did not come up";
+  ServerOptions o;
+  o.transport = Transport::MMSH;
+  o.address = "127.0.0.2";
+  o.faults.httpStatus = 404;
+  Server server(sample(), o);
+  ASSERT_TRUE(server.started);
+  const std::string unreachable =
+      "mmsh://127.0.0.2:" + std::to_string(support::freeTcpPort("127.0.0.2")) + "/x";
+  setenv("http_proxy", ("127.0.0.1:" + std::to_string(port)).c_str(), 1);
+  const Ran missing = runFetch({server.url(), "-o", out});
+  const Ran refused = runFetch({unreachable, "-o", out});
+  unsetenv("http_proxy");
+  EXPECT_EQ(22, missing.status) << missing.said;
+  EXPECT_TRUE(says(missing, "HTTP 404 Not Found (127.0.0.2:")) << missing.said;
+  EXPECT_EQ(7, refused.status) << refused.said;
+  EXPECT_TRUE(says(refused, "the proxy 127.0.0.1:" + std::to_string(port) + " refused: HTTP 5"))
+      << refused.said;
 }
 
 }  // namespace
