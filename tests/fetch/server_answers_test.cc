@@ -158,12 +158,14 @@ TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
     const char* name;
     const AsfFile& served;
     bool live;
+    bool unmarked;  // the header does not say broadcast
     std::string partial;
     const char* reason;
   } cases[] = {
-      {"another stream", other, false, start, "its header differs"},
-      {"other data", file, false, otherData, "bytes differ"},
-      {"a live stream", file, true, start, "the stream is live"},
+      {"another stream", other, false, false, start, "its header differs"},
+      {"other data", file, false, false, otherData, "bytes differ"},
+      {"a broadcast", file, true, false, start, "the stream is live"},
+      {"announced live", file, true, true, start, "the stream is live"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -171,6 +173,7 @@ TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
     ServerOptions o;
     o.transport = Transport::MMSH;
     o.live = c.live;
+    o.faults.liveUnmarked = c.unmarked;
     o.rate = c.live ? 40000 : 0;
     Server server(c.served, o);
     const Ran ran = runFetch({server.url(), "--continue", "-o", out});

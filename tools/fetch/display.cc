@@ -146,6 +146,9 @@ void Display::startPass(uint64_t base, uint64_t skip) {
   skip_ = skip;
   received_ = 0;
   lastData_ = now();
+  // Reading again: the line shows the transfer, not the wait before it.
+  phase_.clear();
+  phaseUntil_ = 0;
 }
 
 void Display::endTransfer() {

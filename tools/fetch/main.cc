@@ -416,6 +416,13 @@ int Fetch::giveUp(const RetryPlan& plan, int failure) {
 }
 
 int Fetch::open(bool first) {
+  if (first && !output_.continued().empty()) {
+    // A live stream cannot be continued, whatever its header says; asked
+    // now, while no connection of ours holds a server that serves one
+    // client at a time.
+    probed_ = true;
+    announcedLive_ = askServerIfLive(url_, PROBE_MS);
+  }
   display_.setPhase(std::string(first ? "connecting to " : "reconnecting to ") +
                     (url_.viaProxy ? "the proxy " : "") + url_.endpoint);
   const size_t mark = session_.worker().output().size();
