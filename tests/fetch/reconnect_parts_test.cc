@@ -57,32 +57,45 @@ TEST(RetryPlan, NoNewByteForTheMaximumTimeEndsTheRetries) {
   EXPECT_EQ(Drop::STALLED, plan.lastDrop());
 }
 
-TEST(ResumeCheck, OnlyTheBytesWrittenLetTheNewConnectionOn) {
-  const std::string written = "header-less data, in pieces of any size";
+// What is written is several blocks long; the new connection says it
+// again in pieces of another size.
+TEST(ResumeCheck, OnlyTheBytesWrittenLetTheNewConnectionOnAndADifferenceStopsItsBlock) {
+  const uint64_t block = fetch::ResumeCheck::BLOCK;
+  std::string written;
+  for (uint64_t i = 0; written.size() < 3 * block + 1000; ++i) written += std::to_string(i * 7);
   struct Case {
     const char* name;
     std::string reread;
     bool differs;
+    uint64_t readBeforeStop;  // bytes taken before the check said stop
     bool confirmed;
   } cases[] = {
-      {"the same", written, false, true},
-      {"one byte other", std::string(written).replace(7, 1, "X"), true, false},
-      {"ends sooner", written.substr(0, 10), false, false},
+      {"the same", written, false, written.size(), true},
+      {"other in the first block", std::string(written).replace(70, 1, "X"), true, block, false},
+      {"other in the last bytes", std::string(written).replace(written.size() - 1, 1, "X"), true,
+       written.size(), false},
+      {"ends sooner", written.substr(0, 2 * block + 5), false, 2 * block + 5, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     fetch::ResumeCheck check;
     check.startPass(0);
-    check.kept(written.substr(0, 12));
-    check.kept(written.substr(12));
+    check.kept(written.substr(0, 12345));
+    check.kept(written.substr(12345));
     check.startPass(written.size());
+    uint64_t taken = 0;
     bool goOn = true;
-    for (size_t at = 0; at < c.reread.size() && goOn; at += 5) {
-      goOn = check.skipped(c.reread.substr(at, 5));
+    for (size_t at = 0; at < c.reread.size() && goOn; at += 10000) {
+      const std::string piece = c.reread.substr(at, 10000);
+      goOn = check.skipped(piece);
+      taken += piece.size();
     }
     EXPECT_EQ(c.differs, !goOn);
     EXPECT_EQ(c.differs, check.differs());
     EXPECT_EQ(c.confirmed, check.confirmed());
+    // Stopped within one read of the block's end that holds the difference.
+    EXPECT_GE(taken, c.readBeforeStop);
+    EXPECT_LT(taken, c.readBeforeStop + 10000);
   }
 }
 

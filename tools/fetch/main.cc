@@ -300,16 +300,18 @@ int Fetch::transfer() {
       if (continuing_) {
         display_.endTransfer();
         display_.error("cannot continue " + output_.continued() +
-                       ": the stream's bytes differ from the file's within its first " +
-                       std::to_string(dataWritten_) +
-                       " data bytes (a live or changed stream); the file is left as it was");
+                       ": the stream's data bytes differ from the file's (from its data byte " +
+                       std::to_string(check_.differsFrom()) +
+                       " on: a live or changed stream); the file is left as it was");
         endWorker(false, 0);
         kept_ = true;  // as it was
         return EXIT_CANNOT_CONTINUE;
       }
-      problem_ = "could not be resumed: opened again, its first " + std::to_string(dataWritten_) +
-                 " data bytes differ from those written (a live or changed stream); nothing "
-                 "of the new connection was written";
+      problem_ =
+          "could not be resumed: opened again, its data bytes differ from those written "
+          "(from data byte " +
+          std::to_string(check_.differsFrom()) +
+          " on: a live or changed stream); nothing of the new connection was written";
       retryProblem_.clear();
       return incomplete(EXIT_PARTIAL);
     }

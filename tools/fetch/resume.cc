@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "tools/asf/asf_file.h"
 #include "tools/asf/asf_stream.h"
 
@@ -21,19 +23,47 @@ void Digest::add(const char* p, size_t n) {
 }
 
 void ResumeCheck::startPass(uint64_t skip) {
-  reread_ = Digest();
+  reread_ = Blocks();
   skip_ = skip;
   differs_ = false;
   confirmed_ = skip == 0;
 }
 
+void ResumeCheck::add(Blocks& to, const std::string& bytes) {
+  for (size_t at = 0; at < bytes.size();) {
+    const size_t n = static_cast<size_t>(
+        std::min<uint64_t>(BLOCK - to.open.bytes(), static_cast<uint64_t>(bytes.size() - at)));
+    to.open.add(bytes.data() + at, n);
+    at += n;
+    to.bytes += n;
+    if (to.open.bytes() == BLOCK) {
+      to.done.push_back(to.open);
+      to.open = Digest();
+    }
+  }
+}
+
 bool ResumeCheck::skipped(const std::string& bytes) {
-  reread_.add(bytes);
-  if (reread_.bytes() < skip_) return true;
-  // All that was to be skipped has come: it must be what was written.
-  differs_ = reread_.bytes() != written_.bytes() || reread_ != written_;
-  confirmed_ = !differs_;
-  return !differs_;
+  const size_t before = reread_.done.size();
+  add(reread_, bytes);
+  // Each block completed must be the one written; once all that was to be
+  // skipped has come, the last, incomplete one too.
+  for (size_t i = before; i < reread_.done.size(); ++i) {
+    if (i >= written_.done.size() || reread_.done[i] != written_.done[i]) {
+      differs_ = true;
+      differsFrom_ = i * BLOCK;
+      return false;
+    }
+  }
+  if (reread_.bytes < skip_) return true;
+  if (reread_.bytes != written_.bytes || reread_.done.size() != written_.done.size() ||
+      reread_.open != written_.open) {
+    differs_ = true;
+    differsFrom_ = reread_.done.size() * BLOCK;
+    return false;
+  }
+  confirmed_ = true;
+  return true;
 }
 
 bool sameStreamHeader(const std::string& a, const std::string& b) {

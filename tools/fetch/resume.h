@@ -15,6 +15,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 namespace fetch {
 
@@ -34,29 +35,43 @@ class Digest {
   uint64_t bytes_ = 0;
 };
 
-// Keeps the digest of the data bytes written after the header, and checks
-// a new connection's first bytes against it.
+// Keeps digests of the data bytes written after the header, one for each
+// block of BLOCK bytes, and checks a new connection's first bytes against
+// them: a difference ends the pass at the end of the block that holds it,
+// long before the rest of what is written has been read again.
 class ResumeCheck : public halvarine::StreamWitness {
  public:
+  static const uint64_t BLOCK = 64 * 1024;
+
   // A new connection begins; its first `skip` bytes must be the ones written.
   void startPass(uint64_t skip);
   // Bytes written outside a pass (an earlier fetch's, the stream's last
   // incomplete packet).
-  void written(const std::string& bytes) { written_.add(bytes); }
-  uint64_t writtenBytes() const { return written_.bytes(); }
-  // The last pass's bytes read again were not those written.
+  void written(const std::string& bytes) { add(written_, bytes); }
+  uint64_t writtenBytes() const { return written_.bytes; }
+  // The last pass's bytes read again were not those written: the first
+  // difference lies in the block from differsFrom().
   bool differs() const { return differs_; }
+  uint64_t differsFrom() const { return differsFrom_; }
   // The last pass read again all it was to skip, and they matched.
   bool confirmed() const { return confirmed_; }
 
   bool skipped(const std::string& bytes) override;
-  void kept(const std::string& bytes) override { written_.add(bytes); }
+  void kept(const std::string& bytes) override { add(written_, bytes); }
 
  private:
-  Digest written_;
-  Digest reread_;
+  struct Blocks {
+    std::vector<Digest> done;  // each of BLOCK bytes
+    Digest open;               // the block being filled
+    uint64_t bytes = 0;
+  };
+  static void add(Blocks& to, const std::string& bytes);
+
+  Blocks written_;
+  Blocks reread_;
   uint64_t skip_ = 0;
   bool differs_ = false;
+  uint64_t differsFrom_ = 0;
   bool confirmed_ = false;
 };
 
