@@ -334,16 +334,17 @@ int Fetch::transfer() {
       dataWritten_ += r.tail.size();
       return completed();
     }
-    int failure = EXIT_PARTIAL;
-    Drop why = Drop::ENDED_EARLY;
+    const bool readFailed = r.status == FetchStatus::REFUSED && (resumable() || live());
+    if (r.status != FetchStatus::DONE && !readFailed) return fail(r.status, r.error, "READ");
     const bool silent = halvarine::monotonicMs() - display_.lastDataMs() >= STALL_MS;
-    if (r.status == FetchStatus::REFUSED && (resumable() || live())) {
+    if (!live() && !probed_ && serverSaysLive()) announceLive();
+    int failure = EXIT_PARTIAL;
+    Drop why = live() ? Drop::LIVE : Drop::ENDED_EARLY;
+    if (readFailed) {
       failure = EXIT_RECEIVE;
       why = Drop::READ_FAILED;
       problem_ =
           "could not be read on after " + std::to_string(total) + " bytes (READ answered ERR)";
-    } else if (r.status != FetchStatus::DONE) {
-      return fail(r.status, r.error, "READ");
     } else if (silent) {
       why = Drop::STALLED;
       failure = EXIT_TIMED_OUT;
@@ -354,8 +355,6 @@ int Fetch::transfer() {
       problem_ = "ended " + std::to_string(length_ - total) +
                  " bytes before its announced length (" + std::to_string(length_) + " bytes)";
     }
-    if (!live() && !probed_ && serverSaysLive()) announceLive();
-    if (live() && why == Drop::ENDED_EARLY) why = Drop::LIVE;
     status = reconnect(why, plan, failure);
     if (status != EXIT_OK) return status;
   }
