@@ -319,7 +319,10 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
     if (pipeline.inFlight() == 0) {
       // Only the output holds the loop up: the worker idles meanwhile.
       if (!output.wait()) return end(FetchStatus::OUTPUT_FAILED, output.error());
-      if (observer) observer->tick();
+      if (observer) {
+        observer->waitingForOutput();
+        observer->tick();
+      }
       if (pipeline.deadlinePassed()) {
         return end(FetchStatus::DEADLINE, "the time for the whole run ran out while writing");
       }

@@ -269,6 +269,12 @@ void Display::bytesReceived(uint64_t total) {
   lastData_ = now();
 }
 
+void Display::waitingForOutput() {
+  // A reader of the output that holds the fetch up is no stall of the
+  // server's: the silence counts from when it lets go.
+  lastData_ = lastNew_ = now();
+}
+
 void Display::tick() {
   relayWorker();
   draw(false);

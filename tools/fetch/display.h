@@ -73,6 +73,7 @@ class Display : public halvarine::FetchObserver {
   void received(const halvarine::Reply& reply) override;
   void bytesReceived(uint64_t total) override;
   void tick() override;
+  void waitingForOutput() override;
   bool stopRequested() override {
     return *stop_ != 0 || durationReached() || silenceLimitReached();
   }

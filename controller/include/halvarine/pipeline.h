@@ -54,6 +54,9 @@ class FetchObserver {
   virtual void bytesReceived(uint64_t /*total*/) {}
   // About once per WAIT_SLICE_MS while waiting, and after every reply.
   virtual void tick() {}
+  // fetchStream waits for the output with no READ in flight: the stream's
+  // silence meanwhile is not the server's.
+  virtual void waitingForOutput() {}
   // Asked as often as tick; true ends the exchange with STOPPED.
   virtual bool stopRequested() { return false; }
 };
