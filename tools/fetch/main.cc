@@ -55,6 +55,9 @@ const uint64_t MAX_HEADER = 1 << 20;
 const int64_t STALL_MS = 5000;
 // How long asking the server ourselves may take.
 const int PROBE_MS = 5000;
+// The worker's lines when a transport opened the stream.
+const char OPENED_MMST[] = "[WrapperMms::connect()] open MMST stream success!";
+const char OPENED_MMSH[] = "[WrapperMms::connect()] open MMSH stream success!";
 
 volatile sig_atomic_t g_stopSignal = 0;
 
@@ -422,7 +425,7 @@ int Fetch::open(bool first) {
     // now, while no connection of ours holds a server that serves one
     // client at a time.
     probed_ = true;
-    announcedLive_ = askServerIfLive(url_, PROBE_MS);
+    announcedLive_ = askServerIfLive(url_, false, PROBE_MS);
   }
   display_.setPhase(std::string(first ? "connecting to " : "reconnecting to ") +
                     (url_.viaProxy ? "the proxy " : "") + url_.endpoint);
@@ -698,7 +701,12 @@ bool Fetch::serverSaysLive() {
   // client at a time answers us only once it is closed.
   halvarine::Reply reply;
   if (pipeline_->inFlight() == 0) pipeline_->call(halvarine::WORD_CLOSE, {}, reply);
-  return askServerIfLive(url_, PROBE_MS);
+  // An mms:// URL opened over HTTP is asked over HTTP.
+  const std::string& lines = session_.worker().output();
+  const size_t http = lines.rfind(OPENED_MMSH);
+  const size_t tcp = lines.rfind(OPENED_MMST);
+  return askServerIfLive(
+      url_, http != std::string::npos && (tcp == std::string::npos || http > tcp), PROBE_MS);
 }
 
 int Fetch::fail(FetchStatus status, const std::string& why, const std::string& step) {

@@ -280,8 +280,8 @@ namespace {
 // MMS over TCP for mmst:// and a plain mms:// URL, HTTP for the others and
 // for whatever goes through a proxy; an mms:// server that does not speak
 // MMS over TCP is asked over HTTP too, as the worker tries both.
-ProbeAnswer ask(const PreparedUrl& url, int timeoutMs) {
-  const bool http = url.viaProxy || url.scheme == "mmsh" || url.scheme == "http";
+ProbeAnswer ask(const PreparedUrl& url, int timeoutMs, bool overHttp = false) {
+  const bool http = overHttp || url.viaProxy || url.scheme == "mmsh" || url.scheme == "http";
   ProbeAnswer a;
   if (!http) a = probeMmst(url.host, url.port, url.path, timeoutMs);
   if (http || (url.scheme == "mms" && a.kind != ProbeAnswer::MMST)) {
@@ -332,8 +332,8 @@ int askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs
   return EXIT_NOT_MMS;
 }
 
-bool askServerIfLive(const PreparedUrl& url, int timeoutMs) {
-  return ask(url, timeoutMs).live;
+bool askServerIfLive(const PreparedUrl& url, bool overHttp, int timeoutMs) {
+  return ask(url, timeoutMs, overHttp).live;
 }
 
 }  // namespace fetch

@@ -63,8 +63,9 @@ ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path
 // and port the worker connected to.
 int askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs, std::string& why);
 
-// Whether the server announces the stream of `url` as live.
-bool askServerIfLive(const PreparedUrl& url, int timeoutMs);
+// Whether the server announces the stream of `url` as live; `overHttp`:
+// the stream was opened over HTTP (an mms:// URL can be either).
+bool askServerIfLive(const PreparedUrl& url, bool overHttp, int timeoutMs);
 
 // What a probe's bytes say, apart from the socket: an HTTP head, or the
 // server's MMST reports in the order they came (each a whole message).
