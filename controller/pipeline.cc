@@ -282,6 +282,7 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
   std::string& held = result.tail;
   auto keep = [&](std::string data) {
     if (options.unit == 0) {
+      if (options.witness != nullptr) options.witness->kept(data);
       output.add(std::move(data));
       return;
     }
@@ -293,6 +294,7 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
     const size_t whole = data.size() - data.size() % options.unit;
     held.assign(data, whole, std::string::npos);
     data.resize(whole);
+    if (options.witness != nullptr) options.witness->kept(data);
     output.add(std::move(data));
   };
   auto wanted = [&]() -> int64_t {
@@ -317,7 +319,10 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
     if (pipeline.inFlight() == 0) {
       // Only the output holds the loop up: the worker idles meanwhile.
       if (!output.wait()) return end(FetchStatus::OUTPUT_FAILED, output.error());
-      if (observer) observer->tick();
+      if (observer) {
+        observer->waitingForOutput();
+        observer->tick();
+      }
       if (pipeline.deadlinePassed()) {
         return end(FetchStatus::DEADLINE, "the time for the whole run ran out while writing");
       }
@@ -364,6 +369,11 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
     const uint64_t before = received;
     received += data.size();
     ++result.reads;
+    if (before < options.skip && options.witness != nullptr &&
+        !options.witness->skipped(data.substr(
+            0, static_cast<size_t>(std::min<uint64_t>(options.skip - before, data.size()))))) {
+      return end(FetchStatus::STOPPED, "the bytes read again differ from those written");
+    }
     if (received > options.skip) {
       if (before < options.skip) data.erase(0, static_cast<size_t>(options.skip - before));
       keep(std::move(data));

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 
 namespace fetch {
@@ -113,9 +114,10 @@ void Display::detail(const std::string& text) {
   if (verbosity_ >= 2) write(text);
 }
 
-void Display::setPhase(const std::string& text) {
+void Display::setPhase(const std::string& text, int64_t untilMs) {
   phase_ = text;
   phaseStart_ = now();
+  phaseUntil_ = untilMs;
   draw(true);
 }
 
@@ -131,12 +133,13 @@ void Display::startTransfer(uint64_t length) {
   length_ = length;
   started_ = now();
   lastData_ = started_;
+  lastNew_ = started_;
   transferring_ = true;
   phase_.clear();
 }
 
 void Display::setBytes(uint64_t bytes) {
-  if (bytes != bytes_) lastData_ = now();
+  if (bytes != bytes_) lastData_ = lastNew_ = now();
   bytes_ = bytes;
   draw(false);
 }
@@ -146,6 +149,9 @@ void Display::startPass(uint64_t base, uint64_t skip) {
   skip_ = skip;
   received_ = 0;
   lastData_ = now();
+  // Reading again: the line shows the transfer, not the wait before it.
+  phase_.clear();
+  phaseUntil_ = 0;
 }
 
 void Display::endTransfer() {
@@ -162,7 +168,15 @@ bool Display::durationReached() const {
   return stopAtMs_ > 0 && now() >= stopAtMs_;
 }
 
+bool Display::silenceLimitReached() const {
+  return silenceLimitMs_ > 0 && transferring_ && now() - lastNew_ >= silenceLimitMs_;
+}
+
 std::string Display::statusText(int64_t t) const {
+  if (!phase_.empty() && phaseUntil_ > 0) {
+    return phase_ + " in " + std::to_string((std::max<int64_t>(0, phaseUntil_ - t) + 999) / 1000) +
+           " s";
+  }
   if (!phase_.empty()) return phase_ + "... " + std::to_string((t - phaseStart_) / 1000) + " s";
   if (!transferring_) return "";
   std::string line = humanBytes(static_cast<double>(bytes_));
@@ -177,7 +191,7 @@ std::string Display::statusText(int64_t t) const {
             format("  %3.0f%%", 100.0 * static_cast<double>(bytes_) / static_cast<double>(length_));
   }
   if (t - lastData_ >= DATA_SILENCE_MS) {
-    return line + "  waiting for data, " + std::to_string((t - lastData_) / 1000) + " s";
+    return line + "  no data from the server for " + std::to_string((t - lastData_) / 1000) + " s";
   }
   const double secs = static_cast<double>(t - started_) / 1000;
   const double rate = secs > 0 ? static_cast<double>(bytes_) / secs : 0;
@@ -256,6 +270,12 @@ void Display::bytesReceived(uint64_t total) {
   setBytes(base_ + (total > skip_ ? total - skip_ : 0));
   // Bytes skipped are news too: the stream is moving.
   lastData_ = now();
+}
+
+void Display::waitingForOutput() {
+  // A reader of the output that holds the fetch up is no stall of the
+  // server's: the silence counts from when it lets go.
+  lastData_ = lastNew_ = now();
 }
 
 void Display::tick() {

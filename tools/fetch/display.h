@@ -38,8 +38,10 @@ class Display : public halvarine::FetchObserver {
   void quote(const std::string& text);   // always, as it is
 
   // What the tool waits for ("connecting to host:1755"), shown with the
-  // seconds it has waited; empty: the transfer's progress.
-  void setPhase(const std::string& text);
+  // seconds it has waited; empty: the transfer's progress. With `untilMs`
+  // (monotonic), a wait of known end: the seconds left are shown instead
+  // ("stalled, retry 2 of 5 in 4 s").
+  void setPhase(const std::string& text, int64_t untilMs = 0);
 
   // The transfer begins: `length` the stream's announced length, 0 when it
   // has none (a broadcast).
@@ -58,6 +60,14 @@ class Display : public halvarine::FetchObserver {
   // From now on stopRequested() is true at the monotonic time `ms`.
   void stopAt(int64_t ms) { stopAtMs_ = ms; }
   bool durationReached() const;
+  // When no new byte has come for `ms` (0: no limit), stopRequested() is
+  // true: the server has stalled for longer than the fetch waits.
+  void setSilenceLimit(int64_t ms) { silenceLimitMs_ = ms; }
+  bool silenceLimitReached() const;
+  // The monotonic time the last new byte came (or the transfer began).
+  int64_t lastNewDataMs() const { return lastNew_; }
+  // The monotonic time the last byte came, new or read again.
+  int64_t lastDataMs() const { return lastData_; }
 
   // The worker's last `n` lines of standard error, for reports.
   std::vector<std::string> workerLines(size_t n);
@@ -66,7 +76,10 @@ class Display : public halvarine::FetchObserver {
   void received(const halvarine::Reply& reply) override;
   void bytesReceived(uint64_t total) override;
   void tick() override;
-  bool stopRequested() override { return *stop_ != 0 || durationReached(); }
+  void waitingForOutput() override;
+  bool stopRequested() override {
+    return *stop_ != 0 || durationReached() || silenceLimitReached();
+  }
 
  private:
   void write(const std::string& line);  // clears the status line first
@@ -82,6 +95,7 @@ class Display : public halvarine::FetchObserver {
   bool lineShown_ = false;    // a live line is on the terminal
   std::string phase_;
   int64_t phaseStart_ = 0;
+  int64_t phaseUntil_ = 0;
   bool transferring_ = false;
   uint64_t length_ = 0;
   uint64_t bytes_ = 0;
@@ -92,6 +106,8 @@ class Display : public halvarine::FetchObserver {
   int64_t lastData_ = 0;
   int64_t lastDrawn_ = 0;
   int64_t stopAtMs_ = 0;
+  int64_t lastNew_ = 0;  // the last new byte
+  int64_t silenceLimitMs_ = 0;
 };
 
 }  // namespace fetch

@@ -25,6 +25,9 @@
 #include "tools/fetch/many.h"
 #include "tools/fetch/options.h"
 #include "tools/fetch/output.h"
+#include "tools/fetch/probe.h"
+#include "tools/fetch/resume.h"
+#include "tools/fetch/retry.h"
 #include "tools/fetch/stop.h"
 #include "tools/fetch/url.h"
 
@@ -49,6 +52,14 @@ const int64_t MAX_RETRY_DELAY_MS = 60000;
 const uint64_t LIVE_READ_PACKETS = 4;
 // A stream header longer than this is not one (libmms keeps 16 KiB of it).
 const uint64_t MAX_HEADER = 1 << 20;
+// A pass that ended after this long without a byte ended in a stall: the
+// worker answers a READ whose server went silent after 7 s.
+const int64_t STALL_MS = 5000;
+// How long asking the server ourselves may take.
+const int PROBE_MS = 5000;
+// The worker's lines when a transport opened the stream.
+const char OPENED_MMST[] = "[WrapperMms::connect()] open MMST stream success!";
+const char OPENED_MMSH[] = "[WrapperMms::connect()] open MMSH stream success!";
 
 bool runnable(const std::string& path) {
   struct stat st;
@@ -96,8 +107,10 @@ class Fetch {
 
  private:
   // Opening and reading on: exit statuses, or RETRY when a resumption
-  // failed in a way the next one may not (problem_ says how).
+  // failed in a way the next one may not (problem_ says how), or
+  // OTHER_STREAM when the stream opened again is not the one written.
   static const int RETRY = -2;
+  static const int OTHER_STREAM = -3;
 
   int startWorker();
   int transfer();
@@ -116,6 +129,17 @@ class Fetch {
   int incomplete(int status);
   int fail(FetchStatus status, const std::string& why, const std::string& step);
   int connectFailure(size_t outputMark, std::string& why);
+  // The connection ended early; what the retry plan says comes next.
+  int reconnect(Drop why, RetryPlan& plan, int failure);
+  int giveUp(const RetryPlan& plan, int failure);
+  // Keeps and finishes what was recorded: `why` for the last line.
+  int keepRecording(const std::string& why, int status);
+  // The server, asked directly, announces a live stream.
+  bool serverSaysLive();
+  void announceLive();
+  // --continue: the earlier fetch's file against the stream's header.
+  int takeUpEarlierFetch(const std::string& header);
+  bool live() const { return isAsf_ && (asf_.broadcast || announcedLive_); }
   // Ends the worker: PEND first when `politely`, then SIGTERM, then SIGKILL.
   void endWorker(bool politely, int graceMs);
   void showWorkerLines();
@@ -142,7 +166,11 @@ class Fetch {
   std::string problem_;       // what keeps the stream from completing
   std::string retryProblem_;  // what the last retry met
   int retriesDone_ = 0;
-  bool kept_ = false;  // the output stands as it is: complete or stopped
+  bool kept_ = false;           // the output stands as it is: complete or stopped
+  bool announcedLive_ = false;  // the server says live, whatever the header says
+  bool probed_ = false;
+  ResumeCheck check_;        // what is written, for reading it again
+  bool continuing_ = false;  // --continue took up an earlier file
 };
 
 int Fetch::run() {
@@ -160,6 +188,14 @@ int Fetch::run() {
       display_.error(output_.error());
       return EXIT_USAGE;
     }
+  } else if (options_.continueFetch) {
+    bool found = false;
+    if (!output_.openToContinue(options_.outPath, found) &&
+        (found || !output_.open(options_.outPath))) {
+      display_.error(output_.error());
+      return EXIT_WRITE;
+    }
+    if (!found) display_.note("nothing to continue in " + options_.outPath + ": starting afresh");
   } else if (!output_.open(options_.outPath)) {
     display_.error(output_.error());
     return EXIT_WRITE;
@@ -218,7 +254,9 @@ int Fetch::startWorker() {
 int Fetch::transfer() {
   int status = open(true);
   if (status != EXIT_OK) return status;
-  int triesLeft = options_.retries;
+  RetryPlan plan(options_.retries, options_.retryDelayMs, MAX_RETRY_DELAY_MS,
+                 options_.retryMaxTimeMs);
+  display_.setSilenceLimit(options_.retryMaxTimeMs);
   for (;;) {
     halvarine::StreamFetchOptions fo;
     // A broadcast comes at its own pace: small READs show it moving and
@@ -230,62 +268,147 @@ int Fetch::transfer() {
                                                   static_cast<uint64_t>(halvarine::maxReadCount())))
             : halvarine::maxReadCount();
     fo.window = options_.window;
-    fo.maxBytes = dataLimit_;
-    fo.skip = dataWritten_;
+    // A live stream's new connection starts where the broadcast is now: its
+    // packets follow those written. Anything else starts again from its
+    // beginning, and what is written is read again and checked.
+    fo.skip = live() ? 0 : dataWritten_;
+    fo.maxBytes = dataLimit_ < 0 ? -1 : dataLimit_ - static_cast<int64_t>(dataWritten_ - fo.skip);
     fo.unit = isAsf_ ? asf_.packetSize : 0;
-    display_.startPass(header_.size() + dataWritten_, dataWritten_);
+    fo.witness = &check_;
+    check_.startPass(fo.skip);
+    display_.startPass(header_.size() + dataWritten_, fo.skip);
     const halvarine::StreamFetchResult r = halvarine::fetchStream(*pipeline_, fo, output_.fd());
-    if (r.bytes > 0) triesLeft = options_.retries;
+    if (r.bytes > 0) plan.progressed(display_.lastNewDataMs());
     dataWritten_ += r.bytes;
     const uint64_t total = header_.size() + dataWritten_ + r.tail.size();
+    if (r.status == FetchStatus::STOPPED && check_.differs() && g_stopSignal == 0) {
+      if (continuing_) {
+        display_.endTransfer();
+        display_.error("cannot continue " + output_.continued() +
+                       ": the stream's data bytes differ from the file's (from its data byte " +
+                       std::to_string(check_.differsFrom()) +
+                       " on: a live or changed stream); the file is left as it was");
+        endWorker(false, 0);
+        kept_ = true;  // as it was
+        return EXIT_CANNOT_CONTINUE;
+      }
+      problem_ =
+          "could not be resumed: opened again, its data bytes differ from those written "
+          "(from data byte " +
+          std::to_string(check_.differsFrom()) +
+          " on: a live or changed stream); nothing of the new connection was written";
+      retryProblem_.clear();
+      return incomplete(EXIT_PARTIAL);
+    }
+    continuing_ = false;
     if (r.status == FetchStatus::STOPPED || (r.status == FetchStatus::DONE && !r.endOfStream)) {
       return stopped();
     }
-    if (r.status == FetchStatus::DONE && (!resumable() || total >= length_)) {
+    // A stream that goes on past its announced length may be a live one
+    // whose header does not say so.
+    if (r.status == FetchStatus::DONE && resumable() && total > length_ && !probed_ &&
+        serverSaysLive()) {
+      announceLive();
+    }
+    if (r.status == FetchStatus::DONE && !live() && (!resumable() || total >= length_)) {
       // The stream's end is its end, whatever is left of a packet.
       if (!output_.write(r.tail, &g_stopSignal)) {
         return fail(FetchStatus::OUTPUT_FAILED, output_.error(), "READ");
       }
+      check_.written(r.tail);
       dataWritten_ += r.tail.size();
       return completed();
     }
+    const bool readFailed = r.status == FetchStatus::REFUSED && (resumable() || live());
+    if (r.status != FetchStatus::DONE && !readFailed) return fail(r.status, r.error, "READ");
+    const bool silent = halvarine::monotonicMs() - display_.lastDataMs() >= STALL_MS;
+    if (!live() && !probed_ && serverSaysLive()) announceLive();
     int failure = EXIT_PARTIAL;
-    if (r.status == FetchStatus::REFUSED && resumable()) {
+    Drop why = live() ? Drop::LIVE : Drop::ENDED_EARLY;
+    if (readFailed) {
       failure = EXIT_RECEIVE;
+      why = Drop::READ_FAILED;
       problem_ =
           "could not be read on after " + std::to_string(total) + " bytes (READ answered ERR)";
-    } else if (r.status != FetchStatus::DONE) {
-      return fail(r.status, r.error, "READ");
+    } else if (silent) {
+      why = Drop::STALLED;
+      failure = EXIT_TIMED_OUT;
+      problem_ = "stalled after " + std::to_string(total) + " bytes";
+    } else if (live()) {
+      problem_ = "ended after " + std::to_string(total) + " bytes";
     } else {
       problem_ = "ended " + std::to_string(length_ - total) +
                  " bytes before its announced length (" + std::to_string(length_) + " bytes)";
     }
-    // Open it again and skip what is written, until a try brings nothing
-    // new `--retry` times in a row.
-    retryProblem_.clear();
-    do {
-      if (triesLeft == 0) return incomplete(failure);
-      --triesLeft;
-      ++retriesDone_;
-      int64_t delay = options_.retryDelayMs;
-      for (int i = 1; i < options_.retries - triesLeft && delay < MAX_RETRY_DELAY_MS; ++i) {
-        delay *= 2;
-      }
-      delay = std::max(options_.retryDelayMs, std::min(delay, MAX_RETRY_DELAY_MS));
-      const std::string retry = "retry " + std::to_string(options_.retries - triesLeft) + " of " +
-                                std::to_string(options_.retries);
-      char wait[32];
-      snprintf(wait, sizeof wait, " in %.1f s: the stream ", static_cast<double>(delay) / 1000);
-      display_.note(retry + wait + problem_ + retryProblem_);
-      const int paused = pause(delay, "waiting for " + retry);
-      if (paused != EXIT_OK) return paused;
-      status = open(false);
-    } while (status == RETRY);
+    status = reconnect(why, plan, failure);
     if (status != EXIT_OK) return status;
   }
 }
 
+int Fetch::reconnect(Drop why, RetryPlan& plan, int failure) {
+  // Open it again until a try brings nothing new `--retry` times in a row
+  // or no new byte has come for --retry-max-time.
+  retryProblem_.clear();
+  for (;;) {
+    if (plan.dropped(why, halvarine::monotonicMs()) == RetryPlan::State::GAVE_UP) {
+      return giveUp(plan, failure);
+    }
+    ++retriesDone_;
+    char wait[48];
+    snprintf(wait, sizeof wait, " in %.1f s: the stream ",
+             static_cast<double>(plan.delayMs()) / 1000);
+    display_.note(plan.waitText() + wait + problem_ + retryProblem_);
+    const int paused = pause(plan.delayMs(), plan.waitText());
+    if (paused != EXIT_OK) return paused;
+    plan.reopening();
+    const int status = open(false);
+    if (status == OTHER_STREAM) {
+      if (live())
+        return keepRecording(
+            "the live stream came back as another stream (its "
+            "header differs): not appended",
+            EXIT_LIVE_LOST);
+      retryProblem_ = "; opened again, it is another stream (its header differs)";
+      return incomplete(EXIT_PARTIAL);
+    }
+    if (status != RETRY) {
+      if (status == EXIT_OK) plan.reopened();
+      return status;
+    }
+    if (why != Drop::STALLED) why = live() ? Drop::LIVE : why;
+  }
+}
+
+int Fetch::giveUp(const RetryPlan& plan, int failure) {
+  std::string tries = options_.retries == 0 ? " (--retry 0)"
+                      : retriesDone_ > 0    ? "; gave up after " + std::to_string(retriesDone_) +
+                                               (retriesDone_ == 1 ? " retry" : " retries")
+                                         : "";
+  if (plan.outOfTime()) tries += " (--retry-max-time)";
+  if (plan.lastDrop() == Drop::STALLED) {
+    const int64_t silent = (halvarine::monotonicMs() - display_.lastNewDataMs()) / 1000;
+    problem_ = "no data from the server for " + std::to_string(silent) + " s";
+    failure = EXIT_TIMED_OUT;
+  }
+  if (live()) {
+    return keepRecording("the live stream " + problem_ + retryProblem_ + tries,
+                         failure == EXIT_TIMED_OUT ? EXIT_TIMED_OUT : EXIT_LIVE_LOST);
+  }
+  display_.endTransfer();
+  endWorker(pipeline_->inFlight() == 0, INTERRUPT_GRACE_MS);
+  display_.error((plan.lastDrop() == Drop::STALLED ? "" : "the stream ") + problem_ +
+                 retryProblem_ + tries);
+  return failure;
+}
+
 int Fetch::open(bool first) {
+  if (first && !output_.continued().empty()) {
+    // A live stream cannot be continued, whatever its header says; asked
+    // now, while no connection of ours holds a server that serves one
+    // client at a time.
+    probed_ = true;
+    announcedLive_ = askServerIfLive(url_, false, PROBE_MS);
+  }
   display_.setPhase(std::string(first ? "connecting to " : "reconnecting to ") +
                     (url_.viaProxy ? "the proxy " : "") + url_.endpoint);
   const size_t mark = session_.worker().output().size();
@@ -308,15 +431,12 @@ int Fetch::open(bool first) {
   if (first && options_.durationMs > 0) {
     display_.stopAt(halvarine::monotonicMs() + options_.durationMs);
   }
-  display_.setPhase(first ? "waiting for the stream's header" : "waiting for the header again");
+  display_.setPhase(first ? "waiting for the stream's header"
+                          : "reconnected; no header from the server yet");
   std::string header;
   const int status = readHeader(header);
   if (status != EXIT_OK) return status;
-  if (!first) {
-    if (header == header_) return EXIT_OK;
-    retryProblem_ = "; opened again, it is another stream (its header differs)";
-    return incomplete(EXIT_PARTIAL);
-  }
+  if (!first) return header == header_ ? EXIT_OK : OTHER_STREAM;
 
   header_ = header;
   std::string error;
@@ -338,6 +458,7 @@ int Fetch::open(bool first) {
     dataLimit_ = isAsf_ ? data - data % asf_.packetSize : data;
   }
   display_.startTransfer(length_);
+  if (!output_.continued().empty()) return takeUpEarlierFetch(header);
   if (!output_.write(header, &g_stopSignal)) {
     if (g_stopSignal != 0) return stopped();
     return fail(FetchStatus::OUTPUT_FAILED, output_.error(), "the header");
@@ -376,8 +497,8 @@ int Fetch::readHeader(std::string& header) {
 }
 
 int Fetch::pause(int64_t ms, const std::string& what) {
-  display_.setPhase(what);
   const int64_t until = halvarine::monotonicMs() + ms;
+  display_.setPhase(what, until);
   while (halvarine::monotonicMs() < until) {
     if (display_.stopRequested()) return stopped();
     if (pipeline_->deadlinePassed()) {
@@ -404,7 +525,9 @@ int Fetch::completed() {
   display_.endTransfer();
   endWorker(true, PEND_GRACE_MS);
   // A broadcast that ended is a recording like one stopped.
-  if ((isAsf_ && asf_.broadcast && !finishRecording()) || (output_.toFile() && !output_.commit())) {
+  if ((isAsf_ && asf_.broadcast && !finishRecording()) ||
+      (output_.toFile() &&
+       ((!output_.continued().empty() && !output_.endContinued(header_)) || !output_.commit()))) {
     display_.error(output_.error());
     return EXIT_WRITE;
   }
@@ -414,8 +537,70 @@ int Fetch::completed() {
   return EXIT_OK;
 }
 
+int Fetch::takeUpEarlierFetch(const std::string& header) {
+  const std::string& name = output_.continued();
+  EarlierFetch earlier;
+  std::string error;
+  std::string refusal;
+  if (!isAsf_ || !readEarlierFetch(name, earlier, check_, error)) {
+    refusal = isAsf_ ? error : "the stream is not a well-formed ASF stream";
+  } else if (live()) {
+    refusal = "the stream is live: a new connection starts where the broadcast is now";
+  } else if (!sameStreamHeader(header, earlier.header)) {
+    refusal = "it holds another stream (its header differs from the stream's)";
+  }
+  if (!refusal.empty()) {
+    display_.endTransfer();
+    display_.error("cannot continue " + name + ": " + refusal + "; the file is left as it was");
+    endWorker(true, PEND_GRACE_MS);
+    kept_ = true;  // as it was
+    return EXIT_CANNOT_CONTINUE;
+  }
+  // New bytes go after its whole packets, once those read again matched.
+  const uint64_t keep = header.size() + earlier.dataBytes;
+  if (!output_.startContinuing(keep)) {
+    return fail(FetchStatus::OUTPUT_FAILED, output_.error(), "--continue");
+  }
+  continuing_ = true;
+  dataWritten_ = earlier.dataBytes;
+  display_.setBytes(keep);
+  display_.note("continuing " + name + " after " + std::to_string(keep) + " bytes (" +
+                std::to_string(earlier.dataBytes / earlier.packetSize) +
+                " data packets); they are read again and checked first");
+  return EXIT_OK;
+}
+
+int Fetch::keepRecording(const std::string& why, int status) {
+  display_.endTransfer();
+  endWorker(pipeline_->inFlight() == 0, INTERRUPT_GRACE_MS);
+  if (!finishRecording() || (output_.toFile() && !output_.commit())) {
+    display_.error(output_.error());
+    return EXIT_WRITE;
+  }
+  kept_ = true;
+  uint64_t kept = header_.size() + dataWritten_;
+  if (isAsf_) kept -= dataWritten_ % asf_.packetSize;
+  display_.error(why + "; kept the recording, " + std::to_string(kept) + " bytes, in " +
+                 (output_.toFile() ? output_.path() : "standard output"));
+  return status;
+}
+
 int Fetch::stopped() {
   const int sig = g_stopSignal;
+  if (sig == 0 && !display_.durationReached() && display_.silenceLimitReached()) {
+    // Not a stop asked for: the server stalled for longer than the fetch waits.
+    const int64_t silent = (halvarine::monotonicMs() - display_.lastNewDataMs()) / 1000;
+    problem_ = "no data from the server for " + std::to_string(silent) + " s (--retry-max-time)";
+    if (retriesDone_ > 0) {
+      problem_ += "; gave up after " + std::to_string(retriesDone_) +
+                  (retriesDone_ == 1 ? " retry" : " retries");
+    }
+    if (live()) return keepRecording("the live stream: " + problem_, EXIT_TIMED_OUT);
+    display_.endTransfer();
+    endWorker(pipeline_->inFlight() == 0, INTERRUPT_GRACE_MS);
+    display_.error(problem_);
+    return EXIT_TIMED_OUT;
+  }
   display_.endTransfer();
   // READs in flight on a slow stream would hold PEND up; their bytes are
   // not wanted any more.
@@ -471,12 +656,33 @@ int Fetch::connectFailure(size_t mark, std::string& why) {
     case halvarine::ConnectFailure::URL_REFUSED:
       return EXIT_MALFORMED_URL;
     case halvarine::ConnectFailure::NOT_MMS:
-      why += " (" + where + ")";
-      return EXIT_NOT_MMS;
     case halvarine::ConnectFailure::UNKNOWN:
       break;
   }
-  return EXIT_NOT_MMS;
+  // Connected, and the open failed: what did the server say?
+  return askServerWhy(url_, where, PROBE_MS, why);
+}
+
+void Fetch::announceLive() {
+  announcedLive_ = true;
+  length_ = 0;
+  display_.note(
+      "the server announces this stream as live: it is recorded on from a new "
+      "connection, never resumed by skipping");
+}
+
+bool Fetch::serverSaysLive() {
+  probed_ = true;
+  // The worker holds the connection that ended; a server that serves one
+  // client at a time answers us only once it is closed.
+  halvarine::Reply reply;
+  if (pipeline_->inFlight() == 0) pipeline_->call(halvarine::WORD_CLOSE, {}, reply);
+  // An mms:// URL opened over HTTP is asked over HTTP.
+  const std::string& lines = session_.worker().output();
+  const size_t http = lines.rfind(OPENED_MMSH);
+  const size_t tcp = lines.rfind(OPENED_MMST);
+  return askServerIfLive(
+      url_, http != std::string::npos && (tcp == std::string::npos || http > tcp), PROBE_MS);
 }
 
 int Fetch::fail(FetchStatus status, const std::string& why, const std::string& step) {
@@ -576,7 +782,7 @@ void Fetch::reportOutput(int status) {
     // Nothing had been written: an empty FILE.partial goes with the tool.
     return;
   }
-  if (partialFile && !options_.keepOnFailure) {
+  if (partialFile && !options_.keepOnFailure && output_.continued().empty()) {
     display_.error("removed the partial output " + output_.partialPath() + " (" +
                    std::to_string(header_.size() + dataWritten_) + " bytes) as --no-keep asks");
     return;
@@ -588,7 +794,7 @@ void Fetch::reportOutput(int status) {
                  (partialFile        ? output_.partialPath()
                   : output_.toFile() ? output_.path() + " (written in place)"
                                      : std::string("standard output")) +
-                 "; the fetch failed");
+                 "; the fetch failed" + (partialFile && !live() ? " (-C goes on with it)" : ""));
 }
 
 }  // namespace

@@ -34,11 +34,19 @@ const char USAGE[] =
     "      --duration TIME     record for TIME, then stop and keep the file\n"
     "      --max-bytes SIZE    stop after SIZE bytes, rounded down to a whole data\n"
     "                          packet (the header is always written)\n"
-    "      --retry N           when a stream ends before its announced length, open\n"
-    "                          it again and go on where it stopped, up to N times in a\n"
-    "                          row without new data (default 5; 0: never)\n"
+    "      --retry N           when the stream's connection ends early (before its\n"
+    "                          announced length, a stall, a live stream's drop), open\n"
+    "                          it again and go on, up to N times in a row without new\n"
+    "                          data (default 5; 0: never)\n"
     "      --retry-delay TIME  the wait before the first retry, doubled for each\n"
     "                          further one (default 1 s)\n"
+    "      --retry-max-time TIME  stop retrying once no new data has come for TIME;\n"
+    "                          a server that stops sending ends the fetch with 28 when\n"
+    "                          it has sent nothing for TIME (default 45 s; 0: no limit)\n"
+    "  -C, --continue          go on with an earlier fetch of the same stream from\n"
+    "                          FILE.partial (or FILE), after checking that the stream's\n"
+    "                          header and the bytes read again are the file's; not\n"
+    "                          for live streams\n"
     "      --no-keep           remove FILE.partial when the fetch fails (by default it\n"
     "                          is kept, finished like a stopped recording)\n"
     "      --timeout TIME      give up when the whole run takes longer\n"
@@ -65,8 +73,12 @@ const char USAGE[] =
     "was received under FILE, cut at a data packet's end, with the header's sizes,\n"
     "packet counts and durations made to agree with it (a broadcast becomes a file\n"
     "of known length); a signal then ends the tool by that signal. A failure keeps\n"
-    "FILE.partial, finished the same way, unless --no-keep. http_proxy (or\n"
-    "HTTP_PROXY) and no_proxy are honoured for mms://, mmsh:// and http:// streams.\n"
+    "FILE.partial, finished the same way, unless --no-keep. A live stream (a\n"
+    "broadcast, or one the server announces as live) whose connection drops is\n"
+    "opened again and recorded on, whole packets after the first header; an\n"
+    "on-demand stream is resumed only when the bytes read again are those written,\n"
+    "never spliced. http_proxy (or HTTP_PROXY) and no_proxy are honoured for\n"
+    "mms://, mmsh:// and http:// streams.\n"
     "\n"
     "With several URLs each stream has its own line, and a summary names every\n"
     "stream that failed; the exit status is that of the first URL, in the order\n"
@@ -123,6 +135,7 @@ enum LongOnly {
   OPT_MAX_BYTES,
   OPT_RETRY,
   OPT_RETRY_DELAY,
+  OPT_RETRY_MAX_TIME,
   OPT_KEEP_PARTIAL,
   OPT_NO_KEEP,
   OPT_TIMEOUT,
@@ -144,6 +157,8 @@ const option LONG_OPTIONS[] = {
     {"max-bytes", required_argument, nullptr, OPT_MAX_BYTES},
     {"retry", required_argument, nullptr, OPT_RETRY},
     {"retry-delay", required_argument, nullptr, OPT_RETRY_DELAY},
+    {"retry-max-time", required_argument, nullptr, OPT_RETRY_MAX_TIME},
+    {"continue", no_argument, nullptr, 'C'},
     {"keep-partial", no_argument, nullptr, OPT_KEEP_PARTIAL},
     {"no-keep", no_argument, nullptr, OPT_NO_KEEP},
     {"timeout", required_argument, nullptr, OPT_TIMEOUT},
@@ -172,12 +187,20 @@ const std::vector<ExitStatusLine>& exitStatusLines() {
       {EXIT_CANNOT_CONNECT, "cannot connect: refused or unreachable (host or proxy)"},
       {EXIT_NOT_MMS, "not an MMS server, or it broke the protocol"},
       {EXIT_PARTIAL, "the stream ended before its announced length and could not be resumed"},
+      {EXIT_HTTP_ERROR, "the server answered with an HTTP error (HTTP 404 Not Found, ...)"},
       {EXIT_WRITE, "the output cannot be written"},
-      {EXIT_TIMED_OUT, "timed out: connecting, waiting for an answer, --reply-timeout, --timeout"},
+      {EXIT_TIMED_OUT,
+       "timed out: connecting, waiting for an answer, the server stalled (no data for "
+       "--retry-max-time), --reply-timeout, --timeout"},
+      {EXIT_CANNOT_CONTINUE, "--continue: the file is not the start of this stream, or it is live"},
       {EXIT_RECEIVE, "the worker failed to receive the stream's data"},
+      {EXIT_NO_SUCH_FILE, "the MMS server has no such file"},
       {EXIT_CONTROLLER_TAKEN, "no private socket here, and the shared one is taken or blocked"},
       {EXIT_NO_WORKER, "the worker is missing or cannot be run"},
       {EXIT_WORKER_FAILED, "the worker died, did not connect, or broke the protocol"},
+      {EXIT_LIVE_LOST,
+       "a live stream's connection was lost and could not be opened again; the "
+       "recording is kept"},
       {EXIT_SIGNALED + 1, "ended by SIGHUP (what was received is kept)"},
       {EXIT_SIGNALED + 2, "ended by SIGINT (what was received is kept)"},
       {EXIT_SIGNALED + 15, "ended by SIGTERM (what was received is kept)"},
@@ -264,7 +287,7 @@ int parseOptions(int argc, char** argv, Options& out) {
   opterr = 0;
   for (;;) {
     int longIndex = -1;
-    const int c = getopt_long(argc, argv, ":o:OqvhV", LONG_OPTIONS, &longIndex);
+    const int c = getopt_long(argc, argv, ":o:OCqvhV", LONG_OPTIONS, &longIndex);
     if (c == -1) break;
     // The option as the user wrote it: "--max-bytes", or "-o" out of "-qoFILE".
     std::string name = argv[optind - 1];
@@ -324,6 +347,12 @@ int parseOptions(int argc, char** argv, Options& out) {
       case OPT_NO_KEEP:
         out.keepOnFailure = false;
         break;
+      case 'C':
+        out.continueFetch = true;
+        break;
+      case OPT_RETRY_MAX_TIME:
+        bad = need(parseTime(value, out.retryMaxTimeMs), "a time");
+        break;
       case OPT_DURATION:
         bad = need(parseTime(value, out.durationMs) && out.durationMs > 0, "a time (90, 1.5m, 2h)");
         break;
@@ -378,6 +407,10 @@ int parseOptions(int argc, char** argv, Options& out) {
   }
   out.urls.assign(argv + optind, argv + argc);
   out.url = out.urls[0];
+  if (out.continueFetch && !remoteName && (out.outPath.empty() || out.outPath == "-")) {
+    return usageError(
+        "--continue needs a file (-o FILE or -O): it goes on with FILE.partial or FILE");
+  }
   return chooseOutputs(remoteName, outputDir, out);
 }
 

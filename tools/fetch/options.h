@@ -23,12 +23,16 @@ enum ExitCode {
   EXIT_CANNOT_CONNECT = 7,      // connection refused or failed (host or proxy)
   EXIT_NOT_MMS = 8,             // not an MMS server, or it broke the protocol
   EXIT_PARTIAL = 18,            // the stream ended before its announced length
+  EXIT_HTTP_ERROR = 22,         // the server answered with an HTTP error (404, 403, ...)
   EXIT_WRITE = 23,              // the output cannot be written
-  EXIT_TIMED_OUT = 28,          // a time-out: connecting, --reply-timeout, --timeout
+  EXIT_TIMED_OUT = 28,          // a time-out: connecting, a stall, --reply-timeout, --timeout
+  EXIT_CANNOT_CONTINUE = 33,    // --continue: the file is not the start of this stream
   EXIT_RECEIVE = 56,            // the worker failed to receive the stream's data (READ ERR)
+  EXIT_NO_SUCH_FILE = 78,       // the MMS server has no such file
   EXIT_CONTROLLER_TAKEN = 120,  // another controller holds the controller socket
   EXIT_NO_WORKER = 121,         // the worker binary is missing or cannot be run
   EXIT_WORKER_FAILED = 122,     // the worker died, did not connect or broke the protocol
+  EXIT_LIVE_LOST = 123,         // a live stream's connection was lost for good
   EXIT_SIGNALED = 128,          // + SIGHUP, SIGINT or SIGTERM: ended by that signal, as a
                                 // shell reports it
 };
@@ -64,8 +68,12 @@ struct Options {
   int64_t keepAliveMs = 20000;
   int retries = 5;  // resumptions in a row that bring nothing new
   int64_t retryDelayMs = 1000;
-  bool keepOnFailure = true;  // a failure keeps FILE.partial; --no-keep removes it
-  int verbosity = 1;          // 0 --quiet, 1 normal, 2 --verbose, 3 -vv (frames in hex)
+  // Retries stop once no new byte has come for this long (a stall counts
+  // from its start); 0: only --retry bounds them.
+  int64_t retryMaxTimeMs = 45000;
+  bool continueFetch = false;  // -C: go on from FILE.partial (or FILE)
+  bool keepOnFailure = true;   // a failure keeps FILE.partial; --no-keep removes it
+  int verbosity = 1;           // 0 --quiet, 1 normal, 2 --verbose, 3 -vv (frames in hex)
 };
 
 // Fills `out` from the command line. Returns -1 to go on, or the status to

@@ -113,6 +113,52 @@ bool Output::open(const std::string& path) {
   return true;
 }
 
+bool Output::openToContinue(const std::string& path, bool& found) {
+  found = false;
+  bool descriptor = false;
+  if (!followLinks(path, target_, descriptor, error_)) return false;
+  struct stat st;
+  for (const std::string& name : {target_ + ".partial", target_}) {
+    if (stat(name.c_str(), &st) != 0) continue;
+    found = true;
+    if (!S_ISREG(st.st_mode)) {
+      error_ = "cannot continue " + name + ": not a regular file";
+      return false;
+    }
+    fd_.reset(::open(name.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!fd_.valid()) {
+      error_ = "cannot write " + name + ": " + strerror(errno);
+      return false;
+    }
+    // Never removed: an earlier run's bytes, or the user's own file.
+    keep_ = true;
+    path_ = path;
+    // FILE itself is written in place; FILE.partial becomes FILE at the end.
+    partial_ = name == target_ ? "" : name;
+    continued_ = name;
+    return true;
+  }
+  return false;
+}
+
+bool Output::startContinuing(uint64_t keep) {
+  if (lseek(fd_.get(), static_cast<off_t>(keep), SEEK_SET) != static_cast<off_t>(keep)) {
+    error_ = "cannot continue " + continued_ + ": " + strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+bool Output::endContinued(const std::string& header) {
+  const off_t end = lseek(fd_.get(), 0, SEEK_CUR);
+  if (end < 0 || ftruncate(fd_.get(), end) != 0 ||
+      pwrite(fd_.get(), header.data(), header.size(), 0) != static_cast<ssize_t>(header.size())) {
+    error_ = "cannot finish " + continued_ + ": " + strerror(errno);
+    return false;
+  }
+  return true;
+}
+
 bool Output::openStdout() {
   if (isatty(STDOUT_FILENO) == 1) {
     error_ = "not writing a binary stream to a terminal; give -o FILE or redirect";

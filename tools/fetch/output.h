@@ -30,6 +30,19 @@ class Output {
   // not write are refused. Opening a FIFO waits for its reader; a signal
   // ends the wait. False with error().
   bool open(const std::string& path);
+  // Goes on with an earlier fetch's file: FILE.partial when there is one,
+  // else FILE itself, opened as it is, kept whatever happens, and cut to
+  // `keep` bytes by startContinuing(). False with error(); `found` false
+  // when neither exists.
+  bool openToContinue(const std::string& path, bool& found);
+  // The file continued; empty when none.
+  const std::string& continued() const { return continued_; }
+  // Writes on after its first `keep` bytes, leaving the file as it is
+  // until then.
+  bool startContinuing(uint64_t keep);
+  // The stream is complete: the file ends where the writing did and begins
+  // with the stream's own `header`.
+  bool endContinued(const std::string& header);
   // Standard output, which must not be a terminal.
   bool openStdout();
 
@@ -67,6 +80,7 @@ class Output {
   bool stdout_ = false;
   bool committed_ = false;
   bool keep_ = false;
+  std::string continued_;
   std::string error_;
 };
 

@@ -110,6 +110,15 @@ std::string endpoint(const Parts& p) {
   return p.host + ":" + std::to_string(p.port);
 }
 
+void nameTarget(const Parts& target, PreparedUrl& out) {
+  out.scheme = target.scheme;
+  out.host = target.host;
+  out.port = target.port;
+  const size_t at = target.rest.find_first_of("/?#", 3);
+  out.path = at == std::string::npos ? "/" : target.rest.substr(at);
+  if (out.path[0] != '/') out.path = "/" + out.path;
+}
+
 }  // namespace
 
 PreparedUrl prepareUrl(const std::string& url, const std::string& proxy,
@@ -131,6 +140,7 @@ PreparedUrl prepareUrl(const std::string& url, const std::string& proxy,
     out.url = via.scheme + via.rest + "/" + target.scheme + target.rest;
     out.endpoint = endpoint(via);
     out.viaProxy = true;
+    nameTarget(target, out);
     return out;
   }
   if (!split(url, "the URL", target, out) || unsupported(target, url, "mms,mmst,mmsh,http", out)) {
@@ -138,6 +148,7 @@ PreparedUrl prepareUrl(const std::string& url, const std::string& proxy,
   }
   out.url = target.scheme + target.rest;
   out.endpoint = endpoint(target);
+  nameTarget(target, out);
   if (proxy.empty() || target.scheme == "mmst" || proxyBypassed(target.host, noProxy)) return out;
 
   // The environment's proxy, as curl takes it: "http://" may be left out.

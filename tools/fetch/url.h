@@ -15,6 +15,13 @@ struct PreparedUrl {
   std::string url;        // what CONNECT sends
   std::string endpoint;   // "host:port" of the first connection (the proxy's, through one)
   bool viaProxy = false;  // connections go to an HTTP proxy
+  // The stream's own scheme (lower case), host, port and the rest from its
+  // path on ("/" when none), whoever the connections go to; for asking the
+  // server ourselves what it said (probe.h).
+  std::string scheme;
+  std::string host;
+  int port = 0;
+  std::string path;
 };
 
 // Checks `url` as the worker can open it: mms://, mmst:// (MMS over TCP),

@@ -65,6 +65,10 @@ class Link {
   // MMSH: whether the play request is answered, and whether the end of the
   // stream announces another one.
   bool answersPlay() const { return !faults_.closeBeforePlay; }
+  // MMSH: the HTTP status every request gets instead of the stream; 0: none.
+  int httpStatus() const { return faults_.httpStatus; }
+  // MMST: the file's opening fails with "no such file".
+  bool noSuchFile() const { return faults_.noSuchFile; }
   bool anotherStreamFollows() const { return faults_.continueAtEnd; }
   // The stream is over; a mutated one ends its connection here, so that a
   // client left waiting inside a frame that grew sees the end at once.

@@ -128,6 +128,22 @@ void serveMmshConnection(Link& link, const AsfFile& file, const ServerOptions& o
     link.send(responseHead(500, "Packets Too Large For Chunks", nullptr));
     return;
   }
+  if (link.httpStatus() != 0) {
+    const int status = link.httpStatus();
+    const char* reason = status == 403   ? "Forbidden"
+                         : status == 404 ? "Not Found"
+                         : status == 502 ? "Bad Gateway"
+                         : status == 503 ? "Service Unavailable"
+                         : status < 400  ? "OK"
+                                         : "Error";
+    const std::string page =
+        "<html><body>" + std::to_string(status) + " " + reason + "</body></html>\r\n";
+    std::string head = responseHead(status, reason, nullptr);
+    head.insert(head.size() - 2, "Content-Type: text/html\r\nContent-Length: " +
+                                     std::to_string(page.size()) + "\r\n");
+    link.send(head + page);
+    return;
+  }
   const bool play = isPlayRequest(request);
   if (play && !link.answersPlay()) return;
   if (!link.sendResponseHead(responseHead(

@@ -27,6 +27,8 @@ constexpr uint32_t kAbsurdHeaderBytes = 0x10000000;
 // Reported in replies outside a play run; neither client reads it.
 constexpr uint32_t kPlayIncarnationIdle = 0xF0F0F0EF;
 constexpr uint32_t kOpenFileId = 1;
+// The result a server reports for a file it does not have.
+constexpr uint32_t kResultNoSuchFile = 0x80070002;
 // A stored file can seek and stride; a live one is a broadcast, which is
 // what libmms looks for in these attributes.
 constexpr uint32_t kFileCanSeekCanStride = 0x01800000;
@@ -257,6 +259,14 @@ MmstSession::Next MmstSession::onOpenFile(const Command&) {
   const uint64_t dataBytes = static_cast<uint64_t>(file_.packets.size()) * file_.packetSize;
   const uint32_t bitRate = fileSeconds > 0 ? static_cast<uint32_t>(dataBytes * 8 / fileSeconds) : 0;
 
+  if (link_.noSuchFile()) {
+    std::string refusal;
+    putLe32(refusal, kResultNoSuchFile);
+    putLe32(refusal, kPlayIncarnationIdle);
+    refusal.append(88, '\0');
+    reply(mmst::sc::kReportOpenFile, refusal);
+    return Next::kEnd;
+  }
   std::string body = replyPrefix(kPlayIncarnationIdle);
   putLe32(body, kOpenFileId);
   putLe32(body, 0);  // padding

@@ -9,7 +9,7 @@
 
 AsfFile announcedFile(const AsfFile& file, const ServerOptions& options) {
   AsfFile announced = file;
-  if (options.live) markBroadcast(announced.header);
+  if (options.live && !options.faults.liveUnmarked) markBroadcast(announced.header);
   if (options.declaredPackets >= 0) {
     declarePackets(announced.header, static_cast<uint64_t>(options.declaredPackets),
                    file.packetSize);

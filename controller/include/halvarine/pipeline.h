@@ -54,6 +54,9 @@ class FetchObserver {
   virtual void bytesReceived(uint64_t /*total*/) {}
   // About once per WAIT_SLICE_MS while waiting, and after every reply.
   virtual void tick() {}
+  // fetchStream waits for the output with no READ in flight: the stream's
+  // silence meanwhile is not the server's.
+  virtual void waitingForOutput() {}
   // Asked as often as tick; true ends the exchange with STOPPED.
   virtual bool stopRequested() { return false; }
 };
@@ -131,6 +134,19 @@ class RequestPipeline {
   FetchStatus failure_ = FetchStatus::DONE;
 };
 
+// Sees a pass's bytes in stream order: those skipped and those kept. A
+// resumed fetch checks with it that what the new connection says again is
+// what the output already holds.
+class StreamWitness {
+ public:
+  virtual ~StreamWitness() = default;
+  // False ends the pass at once with STOPPED: these bytes are not the ones
+  // they stand in for.
+  virtual bool skipped(const std::string& bytes) = 0;
+  // Bytes on their way to the output.
+  virtual void kept(const std::string& bytes) = 0;
+};
+
 struct StreamFetchOptions {
   int count = maxReadCount();  // bytes asked for by each READ, 1..maxReadCount()
   int window = 4;              // READs in flight at once, at least 1
@@ -145,6 +161,8 @@ struct StreamFetchOptions {
   // counted from the first byte kept (an ASF stream's data packets,
   // say), so that however the fetch ends the output ends at a unit's end.
   uint32_t unit = 0;
+  // Shown the bytes skipped and kept; null: none.
+  StreamWitness* witness = nullptr;
 };
 
 // What the READ loop delivered.

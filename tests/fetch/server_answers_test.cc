@@ -1,0 +1,224 @@
+// halvarine-fetch and what servers say, against the real worker and the
+// test servers: a stream the server announces as live is recorded on from
+// the new connection's first packet, never resumed by skipping; --continue
+// completes an earlier fetch to exactly the bytes libmms reads, and leaves
+// a file alone that is not the stream's start; through a real proxy
+// (tinyproxy) the server's HTTP error and the proxy's own are told apart.
+
+#include <gtest/gtest.h>
+#include <halvarine/controller.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/support.h"
+#include "tools/asf/asf_file.h"
+#include "tools/mmsserver/server.h"
+
+namespace {
+
+struct Ran {
+  int status = -1;
+  std::string said;
+};
+
+Ran runFetch(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {HALVARINE_FETCH};
+  argv.insert(argv.end(), args.begin(), args.end());
+  support::Child tool(argv);
+  Ran ran;
+  if (!tool.wait(60000)) {
+    ADD_FAILURE() << "still running after 60 s:\n" << tool.output();
+    return ran;
+  }
+  ran.status = tool.exitCode();
+  ran.said = tool.output();
+  return ran;
+}
+
+bool says(const Ran& ran, const std::string& text) {
+  return ran.said.find(text) != std::string::npos;
+}
+
+const AsfFile& sample() {
+  static AsfFile file;
+  if (file.packets.empty()) {
+    std::string error;
+    EXPECT_TRUE(loadAsfFile(HALVARINE_SAMPLE_ASF, file, error)) << error;
+  }
+  return file;
+}
+
+// A test server of `transport` serving `file` under `options`.
+struct Server {
+  Server(const AsfFile& file, ServerOptions options) : server(file, options) {
+    std::string error;
+    started = server.start(error);
+    EXPECT_TRUE(started) << error;
+  }
+  std::string url() const { return server.url(); }
+  MmsTestServer server;
+  bool started = false;
+};
+
+class ServerAnswers : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(support::controllerPathFree(120)) << "another controller holds the socket";
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "no_proxy", "NO_PROXY"}) unsetenv(name);
+  }
+  support::TempDir dir;
+  const std::string out = dir.file("out.asf");
+};
+
+// A server that says "live" in its protocol (not in the header) and cuts
+// the first connection inside the first round of packets. Resuming by
+// skipping would take the new connection's packets from where the first
+// one stopped: a splice, on a real feed whose new connection starts where
+// the broadcast is. The new connection's packets come whole, from its
+// first, after the last whole packet of the first connection.
+TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
+  ServerOptions o;
+  o.transport = Transport::MMST;
+  o.live = true;
+  o.rate = 100000;
+  o.faults.liveUnmarked = true;
+  o.faults.resetAfter = 150000;
+  o.faults.firstConnections = 1;
+  Server server(sample(), o);
+  ASSERT_TRUE(server.started);
+  const Ran ran = runFetch({server.url(), "-o", out, "--duration", "3", "--retry-delay", "0.2"});
+  EXPECT_EQ(0, ran.status) << ran.said;
+  EXPECT_TRUE(says(ran, "announces this stream as live")) << ran.said;
+  EXPECT_TRUE(says(ran, "recorded for --duration")) << ran.said;
+
+  AsfFile rec;
+  std::string error;
+  ASSERT_TRUE(loadAsfFile(out, rec, error)) << error;
+  const std::vector<std::string>& source = sample().packets;
+  // The second connection begins where the first packet of the first did.
+  size_t cut = 0;
+  for (size_t i = 1; i < rec.packets.size() && cut == 0; ++i) {
+    if (rec.packets[i] == source[0]) cut = i;
+  }
+  ASSERT_GT(cut, 0u) << "the new connection's first packet is not in the recording";
+  ASSERT_LT(cut, source.size());
+  for (size_t i = 0; i < rec.packets.size(); ++i) {
+    const size_t from = i < cut ? i : i - cut;
+    if (from >= source.size()) break;
+    EXPECT_EQ(source[from], rec.packets[i]) << "packet " << i << " (cut after " << cut << ")";
+  }
+  const halvarine::ProgramRun probe = halvarine::runProgram({"ffprobe", "-v", "error", out}, 30000);
+  EXPECT_TRUE(probe.succeeded() && probe.output.empty()) << probe.output;
+}
+
+// Cut on every connection, the fetch keeps FILE.partial; --continue then
+// reads the stream again, checks what the file holds and completes it.
+TEST_F(ServerAnswers, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
+  ServerOptions cutting;
+  cutting.transport = Transport::MMST;
+  cutting.faults.resetAfter = 100000;
+  {
+    Server server(sample(), cutting);
+    const Ran cut = runFetch(
+        {server.url(), "-o", out, "--retry", "1", "--retry-delay", "0.1", "--keep-partial"});
+    EXPECT_EQ(18, cut.status) << cut.said;
+  }
+  ASSERT_TRUE(support::fileExists(out + ".partial"));
+  const std::string partial = support::readFile(out + ".partial");
+  ASSERT_GT(partial.size(), sample().header.size());
+
+  ServerOptions plain;
+  plain.transport = Transport::MMST;
+  Server server(sample(), plain);
+  const Ran ran = runFetch({server.url(), "-C", "-o", out});
+  EXPECT_EQ(0, ran.status) << ran.said;
+  EXPECT_TRUE(says(ran, "continuing " + out + ".partial")) << ran.said;
+  std::string expected;
+  ASSERT_TRUE(LibmmsStream::readAll(server.url(), 0, expected));
+  EXPECT_EQ(-1, support::firstDifference(expected, support::readFile(out)));
+  EXPECT_FALSE(support::fileExists(out + ".partial"));
+}
+
+// What cannot be continued is refused with exit 33 and left byte for byte
+// as it was: another stream's header, the same header over other data, a
+// live stream.
+TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
+  const AsfFile& file = sample();
+  std::string start = file.header;
+  for (size_t i = 0; i < 20; ++i) start += file.packets[i];
+  std::string otherData = start;
+  otherData[file.header.size() + 5 * file.packetSize + 100] ^= 0x01;
+  AsfFile other;
+  std::string error;
+  ASSERT_TRUE(parseAsf(generateAsf(300000), other, error)) << error;
+
+  struct Case {
+    const char* name;
+    const AsfFile& served;
+    bool live;
+    bool unmarked;  // the header does not say broadcast
+    std::string partial;
+    const char* reason;
+  } cases[] = {
+      {"another stream", other, false, false, start, "its header differs"},
+      {"other data", file, false, false, otherData, "bytes differ"},
+      {"a broadcast", file, true, false, start, "the stream is live"},
+      {"announced live", file, true, true, start, "the stream is live"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(support::writeFile(out + ".partial", c.partial));
+    ServerOptions o;
+    o.transport = Transport::MMSH;
+    o.live = c.live;
+    o.faults.liveUnmarked = c.unmarked;
+    o.rate = c.live ? 40000 : 0;
+    Server server(c.served, o);
+    const Ran ran = runFetch({server.url(), "--continue", "-o", out});
+    EXPECT_EQ(33, ran.status) << ran.said;
+    EXPECT_TRUE(says(ran, c.reason)) << ran.said;
+    EXPECT_EQ(c.partial, support::readFile(out + ".partial"));
+    EXPECT_FALSE(support::fileExists(out));
+  }
+}
+
+// tinyproxy relays to the test server on 127.0.0.2 (not to the address it
+// listens on). The server's 404 comes through as the server's; a server
+// that cannot be reached is the proxy's refusal, which curl also reports
+// as a failure to connect.
+TEST_F(ServerAnswers, ThroughAProxyTheServersErrorAndTheProxysOwnAreToldApart) {
+  if (halvarine::findOnPath("tinyproxy").empty()) GTEST_SKIP() << "tinyproxy";
+  const std::string conf =
+      "User nobody\nGroup nogroup\nListen 127.0.0.1\nAllow 127.0.0.1\nLogLevel Info\nPort ";
+  std::unique_ptr<support::Child> proxy;
+  uint16_t port = 0;
+  // The port is picked before tinyproxy binds it: another may take it first.
+  for (int attempt = 0; attempt < 3 && proxy == nullptr; ++attempt) {
+    port = support::freeTcpPort("127.0.0.1");
+    ASSERT_TRUE(support::writeFile(dir.file("conf"), conf + std::to_string(port) + "\n"));
+    proxy.reset(new support::Child({"tinyproxy", "-d", "-c", dir.file("conf")}));
+    if (!proxy->waitForOutput("Accepting connections", 5000)) proxy.reset();
+  }
+  ASSERT_NE(nullptr, proxy) << "tinyproxy did not come up";
+  ServerOptions o;
+  o.transport = Transport::MMSH;
+  o.address = "127.0.0.2";
+  o.faults.httpStatus = 404;
+  Server server(sample(), o);
+  ASSERT_TRUE(server.started);
+  const std::string unreachable =
+      "mmsh://127.0.0.2:" + std::to_string(support::freeTcpPort("127.0.0.2")) + "/x";
+  setenv("http_proxy", ("127.0.0.1:" + std::to_string(port)).c_str(), 1);
+  const Ran missing = runFetch({server.url(), "-o", out});
+  const Ran refused = runFetch({unreachable, "-o", out});
+  unsetenv("http_proxy");
+  EXPECT_EQ(22, missing.status) << missing.said;
+  EXPECT_TRUE(says(missing, "HTTP 404 Not Found (127.0.0.2:")) << missing.said;
+  EXPECT_EQ(7, refused.status) << refused.said;
+  EXPECT_TRUE(says(refused, "the proxy 127.0.0.1:" + std::to_string(port) + " refused: HTTP 5"))
+      << refused.said;
+}
+
+}  // namespace
