@@ -25,6 +25,7 @@ ROOT=$OUT/fresh-root
 SOURCE=/srv/halvarine  # inside the root
 
 if [ -z "${HALVARINE_FRESH_ROOT_STEP:-}" ]; then
+  [ "$(id -u)" -eq 0 ] || { echo "$0: run it as root (it mounts and uses chroot)" >&2; exit 1; }
   . scripts/lib/packages.sh
   ensure_packages mmdebstrap
   mkdir -p "$OUT"
