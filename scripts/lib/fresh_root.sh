@@ -25,7 +25,7 @@ make_fresh_root() {
     --dpkgopt=force-unsafe-io \
     --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-exclude=/usr/share/man/*' \
     --dpkgopt='path-exclude=/usr/share/locale/*' \
-    "$@" "$suite" "$root" "$sources" >"$log" 2>&1; then
+    "$@" "$suite" "$root" "$sources" </dev/null >"$log" 2>&1; then
     echo "mmdebstrap failed (log: $log):" >&2
     tail -n 20 "$log" >&2
     return 1
