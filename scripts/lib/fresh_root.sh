@@ -32,5 +32,5 @@ make_fresh_root() {
   fi
   mount -t proc proc "$root/proc"
   mount -t devpts -o newinstance,ptmxmode=0666 devpts "$root/dev/pts"
-  echo "fresh root ($suite, $(du -sh "$root" | cut -f1)) made in $((SECONDS - started)) s"
+  echo "fresh root ($suite, $(du -sxh "$root" | cut -f1)) made in $((SECONDS - started)) s"
 }
