@@ -30,13 +30,9 @@ PACKAGES=(cmake make "g++-$TRIPLE" libmms-dev:armhf libstdc++6:armhf
           libboost-dev qemu-user)
 [ "$TESTS" = ON ] && PACKAGES+=(libgtest-dev:armhf)
 
-SUDO=""
-[ "$(id -u)" -eq 0 ] || SUDO="sudo"
 # The target's libraries come from Debian's own armhf archive.
-if ! dpkg --print-foreign-architectures | grep -qx armhf; then
-  $SUDO dpkg --add-architecture armhf
-fi
 . scripts/lib/packages.sh
+ensure_architecture armhf
 ensure_packages "${PACKAGES[@]}"
 
 WERROR=OFF

@@ -15,16 +15,8 @@ SECONDS_EACH="${1:-60}"
 TARGETS=(fuzz_parse_packet fuzz_extract_packet fuzz_request_path)
 PACKAGES=(cmake make clang libclang-rt-14-dev libmms-dev libboost-dev)
 
-missing=()
-for p in "${PACKAGES[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  SUDO=""
-  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+. scripts/lib/packages.sh
+ensure_packages "${PACKAGES[@]}"
 
 WERROR=OFF
 [ "${CI:-}" = "true" ] && WERROR=ON

@@ -19,35 +19,27 @@ NATIVE=$(dpkg --print-architecture)
 ARCHES=("$@")
 ((${#ARCHES[@]})) || ARCHES=("$NATIVE" armhf)
 
-# What debian/control asks for; a cross build needs the host's libraries
-# and the cross compiler besides.
-PACKAGES=(dpkg-dev debhelper cmake make g++ libmms-dev libboost-dev)
-SUDO=""
-[ "$(id -u)" -eq 0 ] || SUDO="sudo"
-for arch in "${ARCHES[@]}"; do
-  [ "$arch" = "$NATIVE" ] && continue
-  if ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
-    $SUDO dpkg --add-architecture "$arch"
-  fi
-  PACKAGES+=("crossbuild-essential-$arch" "libmms-dev:$arch")
-done
 . scripts/lib/packages.sh
-ensure_packages "${PACKAGES[@]}"
+. scripts/lib/source.sh
+
+# What debian/control asks for, installed by apt-get build-dep from it, with
+# build-essential, which dpkg-buildpackage requires of every build. A cross
+# build needs the cross compiler besides, and the host architecture's C++
+# runtime, where dh_shlibdeps finds the library the programs link.
+ensure_packages dpkg-dev
+for arch in "${ARCHES[@]}"; do
+  if [ "$arch" = "$NATIVE" ]; then
+    host=()
+  else
+    ensure_architecture "$arch"
+    ensure_packages "crossbuild-essential-$arch" "libstdc++6:$arch"
+    host=(--host-architecture "$arch")
+  fi
+  dpkg-checkbuilddeps -a"$arch" 2>/dev/null || apt_get build-dep "${host[@]}" ./
+done
 
 VERSION=$(dpkg-parsechangelog -S Version)
 OUT=build-packages
-
-copy_source() {
-  local dest=$1
-  mkdir -p "$dest"
-  if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
-    git ls-files -z --cached --others --exclude-standard |
-      while IFS= read -r -d '' f; do [ -e "$f" ] && printf '%s\0' "$f"; done |
-      tar --null -T - -cf - | tar -xf - -C "$dest"
-  else
-    tar --exclude='./build' --exclude='./build-*' -cf - . | tar -xf - -C "$dest"
-  fi
-}
 
 for arch in "${ARCHES[@]}"; do
   dir=$OUT/$arch

@@ -2,9 +2,11 @@
 # Builds the tree with AddressSanitizer and UndefinedBehaviorSanitizer into
 # build-asan/ and runs the test suite there; the end-to-end tests then drive
 # a sanitized worker too. Arguments go to ctest (for example -L unit).
-# Needs what scripts/setup.sh installs.
+# Installs what the tests need, as scripts/setup.sh does.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/lib/packages.sh
+ensure_packages "${TEST_PACKAGES[@]}"
 
 WERROR=OFF
 [ "${CI:-}" = "true" ] && WERROR=ON

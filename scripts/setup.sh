@@ -4,11 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-PACKAGES=(cmake make g++ libmms-dev libboost-dev libgtest-dev ffmpeg dpkg-dev pkgconf
-          tinyproxy vlc-bin vlc-plugin-base iproute2 nftables valgrind)
-
 . scripts/lib/packages.sh
-ensure_packages "${PACKAGES[@]}"
+ensure_packages "${TEST_PACKAGES[@]}"
 
 WERROR=OFF
 [ "${CI:-}" = "true" ] && WERROR=ON

@@ -13,7 +13,7 @@ cd "$(dirname "$0")/../.."
 DIR=${1:-build-packages}
 
 . scripts/lib/packages.sh
-ensure_packages lintian binutils
+ensure_packages lintian binutils dpkg-dev
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 

@@ -5,64 +5,74 @@
 # the development package ships builds with pkg-config and with CMake and
 # fetches it too.
 #
-#   clean_root.sh [PACKAGES [BUILD]]
+#   clean_root.sh [--wait] [PACKAGES [BUILD]]
 #
 #   PACKAGES   the folder of .deb files (default build-packages/<native arch>)
 #   BUILD      the build tree with the test MMS server and libmms-fetch
 #              (default build)
+#   --wait     make the root first, then wait for a line on standard input
+#              before reading PACKAGES (end of input: give up), so that the
+#              root is made while the packages build
 #
-# The root is made by mmdebstrap (the essential packages and what the check
-# needs, from this machine's apt sources; apt runs outside) on a tmpfs in a private mount namespace, so it and its mounts go
-# away with the script. The test server runs outside the root, in a private
-# network namespace that the root shares, and the root reaches it over
-# loopback. HALVARINE_APT_SOURCES names another apt sources file.
+# The root is made by mmdebstrap (the required packages, apt and what the
+# check builds with, from this machine's apt sources; scripts/lib/fresh_root.sh)
+# on a tmpfs in a private mount namespace, so it and its mounts go away with
+# the script. apt installs the packages there, and with them only what they
+# depend on. The test server runs outside the root, in a private network
+# namespace that the root shares, and the root reaches it over loopback.
+# HALVARINE_APT_SOURCES names another apt sources file.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
-PACKAGES=$(realpath "${1:-build-packages/$(dpkg --print-architecture)}")
+WAIT=""
+if [ "${1:-}" = "--wait" ]; then
+  WAIT=yes
+  shift
+fi
+PACKAGES=$(realpath -m "${1:-build-packages/$(dpkg --print-architecture)}")
 BUILD=$(realpath "${2:-build}")
 ROOT=$PWD/build-packages/root
 CHECK=/srv/halvarine-check  # inside the root
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
+find_debs() { mapfile -t debs < <(find "$PACKAGES" -maxdepth 1 -name '*.deb' ! -name '*-dbgsym_*'); }
+check_debs() {
+  find_debs
+  ((${#debs[@]} == 3)) || fail "expected three packages in $PACKAGES, found: ${debs[*]}"
+}
 
 case "${HALVARINE_CLEAN_ROOT_STEP:-}" in
   "")
     . scripts/lib/packages.sh
     ensure_packages mmdebstrap iproute2
-    mapfile -t debs < <(find "$PACKAGES" -maxdepth 1 -name '*.deb' ! -name '*-dbgsym_*')
-    ((${#debs[@]} == 3)) || fail "expected three packages in $PACKAGES, found: ${debs[*]}"
+    [ -n "$WAIT" ] || check_debs
     for program in mmsserver/halvarine-mms-server libmms-fetch/libmms-fetch; do
       [ -x "$BUILD/tools/$program" ] || fail "no $program in $BUILD/tools (bash scripts/setup.sh)"
     done
     mkdir -p "$ROOT"
     exec unshare --mount --propagation private \
-      env HALVARINE_CLEAN_ROOT_STEP=root bash "$0" "$PACKAGES" "$BUILD"
+      env HALVARINE_CLEAN_ROOT_STEP=root HALVARINE_CLEAN_ROOT_WAIT="$WAIT" bash "$0" "$PACKAGES" "$BUILD"
     ;;
 
   root)
-    mount -t tmpfs -o size=2g halvarine-root "$ROOT"
-    sources=${HALVARINE_APT_SOURCES:-/etc/apt/sources.list.d/debian.sources}
-    [ -f "$sources" ] || sources=/etc/apt/sources.list
-    suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
-    mapfile -t debs < <(find "$PACKAGES" -maxdepth 1 -name '*.deb' ! -name '*-dbgsym_*')
-    include=$(IFS=,; echo "g++,make,cmake,pkgconf,${debs[*]}")
-    started=$SECONDS
-    # Documentation, manual pages and translations are left out, but for the
-    # development package's examples, which the check builds.
-    mmdebstrap --variant=essential --include="$include" \
-      --hook-dir=/usr/share/mmdebstrap/hooks/file-mirror-automount \
-      --dpkgopt=force-unsafe-io \
-      --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-exclude=/usr/share/man/*' \
-      --dpkgopt='path-exclude=/usr/share/locale/*' \
-      --dpkgopt='path-include=/usr/share/doc/libhalvarine-controller-dev/*' \
-      "$suite" "$ROOT" "$sources" >"$PACKAGES/../root.log" 2>&1 ||
-      fail "mmdebstrap failed: $(tail -n 20 "$PACKAGES/../root.log")"
-    echo "clean root ($suite, $(du -sh "$ROOT" | cut -f1)) made in $((SECONDS - started)) s"
-    mkdir -p "$ROOT$CHECK/work"
+    . scripts/lib/fresh_root.sh
+    # The package lists stay, for installing the packages later; the
+    # development package's examples, which the check builds, are kept.
+    make_fresh_root "$ROOT" "$ROOT.log" --variant=minbase --include=g++,make,cmake,pkgconf \
+      --skip=cleanup/apt/lists --dpkgopt='path-include=/usr/share/doc/libhalvarine-controller-dev/*'
+    if [ -n "${HALVARINE_CLEAN_ROOT_WAIT:-}" ]; then
+      read -r _ || fail "no packages to install: the input ended"
+    fi
+    check_debs
+    mkdir -p "$ROOT$CHECK/work" "$ROOT$CHECK/debs"
+    cp "${debs[@]}" "$ROOT$CHECK/debs/"
     cp tests/packaging/installed.sh "$ROOT$CHECK/"
-    # halvarine-fetch finds its worker through /proc/self/exe.
-    mount -t proc proc "$ROOT/proc"
+    started=$SECONDS
+    chroot "$ROOT" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
+      sh -c 'apt-get install -y -q --no-install-recommends "$0"/debs/*.deb' "$CHECK" >"$ROOT-install.log" 2>&1 ||
+      fail "apt cannot install the packages: $(tail -n 20 "$ROOT-install.log")"
+    echo "installed with what they depend on in $((SECONDS - started)) s:" \
+      "$(sed -n 's/.* \([0-9]* newly installed\).*/\1/p' "$ROOT-install.log")"
     exec unshare --net env HALVARINE_CLEAN_ROOT_STEP=check bash "$0" "$PACKAGES" "$BUILD"
     ;;
 
