@@ -45,7 +45,7 @@ TEST(FetchParts, EachRowGivesWhatItSays) {
       EXPECT_EQ(row.at(2), parsedCommandLine(row[1])) << row[1];
     } else {
       const fetch::PreparedUrl p = fetch::prepareUrl(row.at(1), row.at(2), row.at(3));
-      EXPECT_EQ(row.at(4), p.status >= 0 ? std::to_string(p.status) : p.url)
+      EXPECT_EQ(row.at(4), p.usable ? p.url : std::to_string(fetch::exitStatus({p.problem})))
           << row[1] << ": " << p.why;
     }
   }

@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "base/wait.h"
 #include "tools/fetch/display.h"
 #include "tools/fetch/stop.h"
 
@@ -110,7 +109,7 @@ int Many::run() {
     }
     if (running == 0 && !waiting) break;
     draw();
-    waitFdUntil(-1, WAIT_READABLE, halvarine::monotonicMs() + TICK_MS);
+    halvarine::sleepUntil(halvarine::monotonicMs() + TICK_MS);
   }
   draw();
   return finish();

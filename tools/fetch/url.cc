@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <sstream>
 
-#include "tools/fetch/options.h"
-
 namespace fetch {
 
 namespace {
@@ -28,9 +26,10 @@ struct Parts {
   std::string rest;  // from the scheme's "://" on, as given
 };
 
-PreparedUrl failure(int status, const std::string& why) {
+PreparedUrl failure(Ending problem, const std::string& why) {
   PreparedUrl p;
-  p.status = status;
+  p.usable = false;
+  p.problem = problem;
   p.why = why;
   return p;
 }
@@ -42,7 +41,7 @@ bool split(const std::string& url, const std::string& what, Parts& out, Prepared
   if (colon == std::string::npos || colon == 0 ||
       url.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+.-") <
           colon) {
-    error = failure(EXIT_MALFORMED_URL, what + " \"" + url + "\" has no scheme such as mms://");
+    error = failure(Ending::MALFORMED_URL, what + " \"" + url + "\" has no scheme such as mms://");
     return false;
   }
   out.scheme = lower(url.substr(0, colon));
@@ -52,15 +51,16 @@ bool split(const std::string& url, const std::string& what, Parts& out, Prepared
   authority =
       authority.substr(authority.find('@') == std::string::npos ? 0 : authority.rfind('@') + 1);
   if (!authority.empty() && authority[0] == '[') {
-    error = failure(EXIT_UNSUPPORTED, what + " \"" + url +
-                                          "\" names an IPv6 address; the worker connects over "
-                                          "IPv4 only (give a name or an IPv4 address)");
+    error =
+        failure(Ending::UNSUPPORTED_URL, what + " \"" + url +
+                                             "\" names an IPv6 address; the worker connects over "
+                                             "IPv4 only (give a name or an IPv4 address)");
     return false;
   }
   const size_t portAt = authority.find(':');
   out.host = lower(authority.substr(0, portAt));
   if (out.host.empty()) {
-    error = failure(EXIT_MALFORMED_URL, what + " \"" + url + "\" has no host");
+    error = failure(Ending::MALFORMED_URL, what + " \"" + url + "\" has no host");
     return false;
   }
   out.port = out.scheme == "mms" || out.scheme == "mmst" ? 1755 : 80;
@@ -69,7 +69,7 @@ bool split(const std::string& url, const std::string& what, Parts& out, Prepared
     if (port.empty() || port.size() > 5 ||
         port.find_first_not_of("0123456789") != std::string::npos || atoi(port.c_str()) < 1 ||
         atoi(port.c_str()) > 65535) {
-      error = failure(EXIT_MALFORMED_URL,
+      error = failure(Ending::MALFORMED_URL,
                       what + " \"" + url + "\": port \"" + port + "\" is not from 1 to 65535");
       return false;
     }
@@ -81,9 +81,9 @@ bool split(const std::string& url, const std::string& what, Parts& out, Prepared
 bool unsupported(const Parts& p, const std::string& url, const std::string& allowed,
                  PreparedUrl& error) {
   if (("," + allowed + ",").find("," + p.scheme + ",") != std::string::npos) return false;
-  error = failure(EXIT_UNSUPPORTED, "unsupported scheme " + p.scheme + ":// in \"" + url +
-                                        "\"; the worker opens mms://, mmst://, mmsh:// and "
-                                        "http://");
+  error = failure(Ending::UNSUPPORTED_URL, "unsupported scheme " + p.scheme + ":// in \"" + url +
+                                               "\"; the worker opens mms://, mmst://, mmsh:// and "
+                                               "http://");
   return true;
 }
 
@@ -156,7 +156,7 @@ PreparedUrl prepareUrl(const std::string& url, const std::string& proxy,
   while (p.size() > 1 && p.back() == '/') p.pop_back();
   PreparedUrl bad;
   if (!split(p, "http_proxy", via, bad) || unsupported(via, p, "http", bad)) {
-    bad.status = EXIT_MALFORMED_URL;
+    bad.problem = Ending::MALFORMED_URL;
     bad.why += " (http_proxy must be http://HOST:PORT)";
     return bad;
   }

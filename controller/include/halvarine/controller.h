@@ -11,6 +11,7 @@
 //   session.h        one worker run: listener, child process, connection
 //   pipeline.h       requests in flight, keep-alive, the READ loop
 //   diagnosis.h      why a CONNECT failed, from the worker's lines
+//   runtime.h        deadline waits on a descriptor, the allocator setting
 //   child_process.h  the child-process owner the session uses
 //   fd.h             the descriptor owner
 //
@@ -23,6 +24,7 @@
 #include <halvarine/fd.h>
 #include <halvarine/pipeline.h>
 #include <halvarine/protocol.h>
+#include <halvarine/runtime.h>
 #include <halvarine/session.h>
 
 #endif
