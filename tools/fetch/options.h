@@ -43,6 +43,8 @@ struct ExitStatusLine {
   const char* meaning;
 };
 const std::vector<ExitStatusLine>& exitStatusLines();
+// --help, on standard output.
+void printHelp();
 
 // Streams fetched at once by default with several URLs: each holds a
 // worker, a private socket and a connection; four keep a small machine

@@ -1,6 +1,7 @@
 #include "tools/fetch/url.h"
 
 #include <ctype.h>
+#include <halvarine/url.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -9,9 +10,6 @@
 namespace fetch {
 
 namespace {
-
-// Where the worker splits a proxy form, in the order it looks for them.
-const char* const PROXY_MARKERS[] = {"/mms://", "/mmst://", "/mmsh://", "/http://"};
 
 std::string lower(std::string s) {
   std::transform(s.begin(), s.end(), s.begin(),
@@ -127,10 +125,8 @@ PreparedUrl prepareUrl(const std::string& url, const std::string& proxy,
   Parts target, via;
   // A URL that holds a marker is a proxy form to the worker, whatever the
   // user meant: judge it as the worker will split it.
-  for (const char* marker : PROXY_MARKERS) {
-    const size_t at = url.find(marker);
-    if (at == std::string::npos) continue;
-    const std::string proxyPart = url.substr(0, at), targetPart = url.substr(at + 1);
+  std::string proxyPart, targetPart;
+  if (halvarine::splitProxyForm(url, proxyPart, targetPart)) {
     if (!split(proxyPart, "the proxy", via, out) || unsupported(via, proxyPart, "http", out) ||
         !split(targetPart, "the stream URL", target, out) ||
         unsupported(target, targetPart, "mms,mmsh,http", out)) {

@@ -12,6 +12,7 @@
 //   pipeline.h       requests in flight, keep-alive, the READ loop
 //   diagnosis.h      why a CONNECT failed, from the worker's lines
 //   runtime.h        deadline waits on a descriptor, the allocator setting
+//   url.h            the proxy form PROXY/URL as the worker splits it
 //   child_process.h  the child-process owner the session uses
 //   fd.h             the descriptor owner
 //
@@ -26,5 +27,6 @@
 #include <halvarine/protocol.h>
 #include <halvarine/runtime.h>
 #include <halvarine/session.h>
+#include <halvarine/url.h>
 
 #endif
