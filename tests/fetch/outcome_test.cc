@@ -35,6 +35,7 @@ const std::vector<Row> ROWS = {
     {Ending::SIGNALED, SIGINT, 130, "SIGINT"},
     {Ending::SIGNALED, SIGTERM, 143, "SIGTERM"},
     {Ending::UNSUPPORTED_URL, 0, 1, "ftp:// or an IPv6 address"},
+    {Ending::BAD_USAGE, 0, 2, "the command line"},
     {Ending::CANNOT_START, 0, 2, "no signal handlers, no standard output"},
     {Ending::MALFORMED_URL, 0, 3, "no host, a bad port, a URL libmms refused"},
     {Ending::PROXY_UNRESOLVED, 0, 5, "the proxy's host"},

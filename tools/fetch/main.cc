@@ -7,12 +7,19 @@
 #include "tools/fetch/fetch.h"
 #include "tools/fetch/many.h"
 #include "tools/fetch/options.h"
+#include "tools/fetch/outcome.h"
 #include "tools/fetch/stop.h"
 
 int main(int argc, char** argv) {
   fetch::Options options;
-  const int parsed = fetch::parseOptions(argc, argv, options);
-  if (parsed >= 0) return parsed;
+  switch (fetch::parseOptions(argc, argv, options)) {
+    case fetch::Parsed::RUN:
+      break;
+    case fetch::Parsed::ANSWERED:
+      return fetch::exitStatus({fetch::Ending::COMPLETED});
+    case fetch::Parsed::BAD_USAGE:
+      return fetch::exitStatus({fetch::Ending::BAD_USAGE});
+  }
   int status;
   if (options.urls.size() > 1) {
     status = fetch::fetchMany(options);

@@ -13,10 +13,10 @@ namespace fetch {
 
 namespace {
 
-int usageError(const std::string& what) {
+Parsed usageError(const std::string& what) {
   std::cerr << "halvarine-fetch: " << what << "\n"
             << "Try 'halvarine-fetch --help' for more information.\n";
-  return EXIT_USAGE;
+  return Parsed::BAD_USAGE;
 }
 
 // A decimal number with an optional fraction, then one of `units` (each a
@@ -110,7 +110,7 @@ namespace {
 
 // Where each URL goes: -o FILE for one, -O's names for any number, in
 // --output-dir when given.
-int chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
+Parsed chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
   const bool several = out.urls.size() > 1;
   if (remoteName && !out.outPath.empty()) return usageError("-o and -O exclude each other");
   if (several && !out.outPath.empty()) {
@@ -129,7 +129,7 @@ int chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
       out.outPath = dir + out.outPath;
     }
     out.outPaths = {out.outPath};
-    return -1;
+    return Parsed::RUN;
   }
   for (const std::string& url : out.urls) {
     std::string why;
@@ -142,7 +142,7 @@ int chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
     out.outPaths.push_back(path);
   }
   out.outPath = out.outPaths[0];
-  return -1;
+  return Parsed::RUN;
 }
 
 }  // namespace
@@ -162,7 +162,7 @@ std::string remoteFileName(const std::string& url, std::string& why) {
   return name;
 }
 
-int parseOptions(int argc, char** argv, Options& out) {
+Parsed parseOptions(int argc, char** argv, Options& out) {
   bool remoteName = false;
   std::string outputDir;
   const int maxCount = halvarine::maxReadCount();
@@ -185,16 +185,16 @@ int parseOptions(int argc, char** argv, Options& out) {
     int64_t n = 0;
     // A value checked against its kind and range; `what` says what is wanted.
     auto need = [&](bool ok, const std::string& what) {
-      return ok ? -1 : usageError(name + " needs " + what + ", not \"" + value + "\"");
+      return ok ? Parsed::RUN : usageError(name + " needs " + what + ", not \"" + value + "\"");
     };
-    int bad = -1;
+    Parsed bad = Parsed::RUN;
     switch (c) {
       case 'h':
         printHelp();
-        return EXIT_OK;
+        return Parsed::ANSWERED;
       case 'V':
         std::cout << "halvarine-fetch " << HALVARINE_VERSION << "\n";
-        return EXIT_OK;
+        return Parsed::ANSWERED;
       case 'q':
         out.verbosity = 0;
         break;
@@ -274,7 +274,7 @@ int parseOptions(int argc, char** argv, Options& out) {
         return usageError("unknown option " +
                           (optopt > 0 ? std::string("-") + static_cast<char>(optopt) : name));
     }
-    if (bad >= 0) return bad;
+    if (bad != Parsed::RUN) return bad;
     // What each stream's own run is given: all but the choice of files.
     if (c != 'o' && c != 'O' && c != OPT_OUTPUT_DIR && c != OPT_PARALLEL) {
       out.streamArgs.push_back(name);

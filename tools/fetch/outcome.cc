@@ -13,6 +13,7 @@ int exitStatus(const Outcome& outcome) {
       return EXIT_SIGNALED + outcome.signal;
     case Ending::UNSUPPORTED_URL:
       return EXIT_UNSUPPORTED;
+    case Ending::BAD_USAGE:
     case Ending::CANNOT_START:
       return EXIT_USAGE;
     case Ending::MALFORMED_URL:

@@ -15,6 +15,7 @@ enum class Ending {
   STOPPED_AS_ASKED,  // --duration or --max-bytes reached; the recording kept
   SIGNALED,          // a stop signal (Outcome::signal); what came is kept
   // Before the worker runs.
+  BAD_USAGE,         // the command line
   UNSUPPORTED_URL,   // a scheme or address the worker cannot open
   CANNOT_START,      // the signal handlers or standard output cannot be set up
   MALFORMED_URL,     // also a URL the worker refused to take
