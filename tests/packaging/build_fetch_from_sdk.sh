@@ -38,7 +38,7 @@ mkdir -p "$OUT/src/tools/mmsserver"
 cp -r "$SOURCE/tools/fetch" "$SOURCE/tools/asf" "$OUT/src/tools/"
 cp "$SOURCE/tools/mmsserver/mmst_wire.h" "$OUT/src/tools/mmsserver/"
 
-# shellcheck disable=SC2046  # pkg-config's words are separate arguments
+# shellcheck disable=SC2046,SC2086  # pkg-config's and CXXFLAGS's words are separate arguments
 "$CXX" -std=c++17 ${CXXFLAGS:--O0} -Wall -Werror -I"$OUT/src" $(pc --cflags) \
   -DHALVARINE_VERSION="\"$(pc --modversion)\"" \
   "$OUT"/src/tools/fetch/*.cc "$OUT"/src/tools/asf/*.cc \
