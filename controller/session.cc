@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <halvarine/pipeline.h>
 #include <halvarine/session.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -20,6 +21,9 @@ namespace {
 
 // How often a receive looks at the worker's standard error meanwhile.
 const int STDERR_SLICE_MS = 100;
+// The echo byte of the PEND a session sends itself: any byte serves, as
+// nothing else is in flight then.
+const unsigned char ECHO_PEND = 0x50;
 
 // What the kernel answered the first time a namespace was refused: it will
 // answer the same for the rest of the process.
@@ -89,10 +93,23 @@ void PrivateDirectory::remove() {
   path_.clear();
 }
 
-std::string defaultWorkerPath() {
+std::string workerFromEnvironment() {
   const char* named = getenv("HALVARINE_WORKER");
-  if (named != nullptr && *named != '\0') return named;
-  return HALVARINE_INSTALLED_WORKER;
+  return named != nullptr ? named : "";
+}
+
+std::string workerProblem(const std::string& path) {
+  struct stat st;
+  if (path.find('/') == std::string::npos) return "no worker " + path + " on PATH";
+  if (stat(path.c_str(), &st) != 0) return "worker binary " + path + ": " + strerror(errno);
+  if (!S_ISREG(st.st_mode)) return "worker binary " + path + " is not a file";
+  if (access(path.c_str(), X_OK) != 0) return "worker binary " + path + " is not executable";
+  return "";
+}
+
+std::string defaultWorkerPath() {
+  const std::string named = workerFromEnvironment();
+  return named.empty() ? HALVARINE_INSTALLED_WORKER : named;
 }
 
 std::vector<std::string> launcherFromEnvironment() {
@@ -241,6 +258,37 @@ ExitStatus WorkerSession::stop(int graceMs) {
   listener_.close();
   directory_.remove();
   return ended;
+}
+
+WorkerSession::Finished WorkerSession::finish(RequestPipeline* pipeline,
+                                              const FinishOptions& options) {
+  Finished out;
+  if (worker_.pid() <= 0) return out;
+  if (!worker_.running()) {
+    worker_.waitExit(0, out.status);
+    return out;
+  }
+  if (options.pend) {
+    bool answered;
+    if (pipeline != nullptr) {
+      answered = pipeline->finish(options.pendGraceMs);
+    } else {
+      Reply reply;
+      answered = call(Request::command(WORD_PEND, ECHO_PEND), options.pendGraceMs, reply) &&
+                 reply.status() == STATUS_OK;
+    }
+    if (answered && worker_.waitExit(options.exitGraceMs, out.status)) {
+      out.pendAnswered = true;
+      return out;
+    }
+  }
+  out.signalled = true;
+  worker_.sendSignal(SIGTERM);
+  if (!worker_.waitExit(options.termGraceMs, out.status)) {
+    worker_.kill();
+    worker_.waitExit(0, out.status);
+  }
+  return out;
 }
 
 }  // namespace halvarine

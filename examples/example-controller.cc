@@ -32,6 +32,11 @@ int main(int argc, char** argv) {
   // Replies come back in request order; the pipeline matches them, sends
   // the keep-alive and bounds every wait.
   halvarine::RequestPipeline pipeline(session.connection(), halvarine::PipelineOptions());
+  // PEND, then SIGTERM and SIGKILL if the worker does not end by itself.
+  halvarine::WorkerSession::FinishOptions finish;
+  finish.pendGraceMs = 2000;
+  finish.exitGraceMs = 2000;
+  finish.termGraceMs = 1000;
   halvarine::Reply reply;
   if (pipeline.call(halvarine::WORD_CONNECT, {argv[1]}, reply) != halvarine::FetchStatus::DONE) {
     fprintf(stderr, "CONNECT: %s\n", pipeline.error().c_str());
@@ -40,7 +45,7 @@ int main(int argc, char** argv) {
   if (reply.status() != halvarine::STATUS_OK) {
     fprintf(stderr, "the worker could not open %s; it wrote:\n%s", argv[1],
             session.worker().output().c_str());
-    pipeline.finish(2000);
+    session.finish(&pipeline, finish);
     return 1;
   }
 
@@ -53,12 +58,9 @@ int main(int argc, char** argv) {
   }
 
   // PEND: the worker answers, closes the stream and exits with status 0.
-  const bool answered = pipeline.finish(2000);
-  halvarine::ExitStatus ended;
-  session.worker().waitExit(2000, ended);
-  session.stop(1000);
+  const halvarine::WorkerSession::Finished ended = session.finish(&pipeline, finish);
   printf("%llu bytes in %llu READ replies; worker: %s\n",
          static_cast<unsigned long long>(result.bytes),
-         static_cast<unsigned long long>(result.reads), ended.toString().c_str());
-  return answered && ended.exited && ended.code == 0 ? 0 : 1;
+         static_cast<unsigned long long>(result.reads), ended.status.toString().c_str());
+  return ended.pendAnswered && ended.status.exited && ended.status.code == 0 ? 0 : 1;
 }

@@ -13,6 +13,7 @@
 
 #include "tests/support/support.h"
 #include "tools/fetch/options.h"
+#include "tools/fetch/outcome.h"
 #include "tools/fetch/url.h"
 
 namespace {
@@ -24,9 +25,12 @@ std::string parsedCommandLine(const std::string& words) {
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(&a[0]);
   fetch::Options o;
-  const int status = fetch::parseOptions(static_cast<int>(argv.size()), argv.data(), o);
+  const fetch::Parsed status = fetch::parseOptions(static_cast<int>(argv.size()), argv.data(), o);
   std::ostringstream parsed;
-  if (status != -1) return std::to_string(status);
+  if (status != fetch::Parsed::RUN) {
+    return std::to_string(fetch::exitStatus(
+        {status == fetch::Parsed::ANSWERED ? fetch::Ending::COMPLETED : fetch::Ending::BAD_USAGE}));
+  }
   parsed << o.url << " " << o.outPath << " v" << o.verbosity << " max" << o.maxBytes << " dur"
          << o.durationMs << " retry" << o.retries << "/" << o.retryDelayMs;
   // Several URLs: each one's file, how many at once, and what each run gets.
@@ -45,7 +49,7 @@ TEST(FetchParts, EachRowGivesWhatItSays) {
       EXPECT_EQ(row.at(2), parsedCommandLine(row[1])) << row[1];
     } else {
       const fetch::PreparedUrl p = fetch::prepareUrl(row.at(1), row.at(2), row.at(3));
-      EXPECT_EQ(row.at(4), p.status >= 0 ? std::to_string(p.status) : p.url)
+      EXPECT_EQ(row.at(4), p.usable ? p.url : std::to_string(fetch::exitStatus({p.problem})))
           << row[1] << ": " << p.why;
     }
   }

@@ -54,9 +54,10 @@ int Child::exitCode() {
 }
 
 std::string workerPath() {
-  const char* w = getenv("HALVARINE_WORKER");
-  if (w == nullptr || *w == '\0') w = getenv("HALVARINE_BUILT_WORKER");
-  return w != nullptr ? w : "";
+  const std::string named = halvarine::workerFromEnvironment();
+  if (!named.empty()) return named;
+  const char* built = getenv("HALVARINE_BUILT_WORKER");
+  return built != nullptr ? built : "";
 }
 
 // ---- Files
@@ -512,8 +513,11 @@ StreamTest::Fetched StreamTest::readStream(int chunk, size_t maxBytes, int maxSe
 }
 
 void StreamTest::endWorker() {
-  EXPECT_EQ("OK_", command("PEND").status());
-  expectExit(0);
+  halvarine::WorkerSession::FinishOptions how;
+  how.pendGraceMs = how.exitGraceMs = REPLY_TIMEOUT_S * 1000;
+  const halvarine::WorkerSession::Finished ended = session.finish(nullptr, how);
+  EXPECT_TRUE(ended.pendAnswered) << "PEND unanswered, or no exit after it: " << session.error();
+  EXPECT_TRUE(ended.status.exited && ended.status.code == 0) << ended.status.toString();
 }
 
 std::vector<std::string> StreamTest::newLines() {

@@ -20,10 +20,6 @@ const int64_t DATA_SILENCE_MS = 2000;
 // Bytes of a frame shown in hexadecimal with -vv before it is cut short.
 const size_t HEX_SHOWN = 48;
 
-int64_t now() {
-  return halvarine::monotonicMs();
-}
-
 std::string format(const char* fmt, double a, const char* b = "") {
   char buf[64];
   snprintf(buf, sizeof buf, fmt, a, b);
@@ -88,7 +84,7 @@ Display::Display(int verbosity, const volatile sig_atomic_t* stop)
     : verbosity_(verbosity),
       stop_(stop),
       terminal_(isatty(STDERR_FILENO) == 1),
-      lastDrawn_(now()) {}
+      lastDrawn_(halvarine::monotonicMs()) {}
 
 void Display::write(const std::string& line) {
   if (lineShown_) {
@@ -116,13 +112,13 @@ void Display::detail(const std::string& text) {
 
 void Display::setPhase(const std::string& text, int64_t untilMs) {
   phase_ = text;
-  phaseStart_ = now();
+  phaseStart_ = halvarine::monotonicMs();
   phaseUntil_ = untilMs;
   draw(true);
 }
 
 std::string Display::rateSummary() const {
-  const double t = static_cast<double>(now() - started_) / 1000;
+  const double t = static_cast<double>(halvarine::monotonicMs() - started_) / 1000;
   std::string s = std::to_string(bytes_) + " bytes (" + humanBytes(static_cast<double>(bytes_)) +
                   ") in " + format("%.2f s", t);
   if (t > 0) s += ", " + humanBytes(static_cast<double>(bytes_) / t) + "/s";
@@ -131,7 +127,7 @@ std::string Display::rateSummary() const {
 
 void Display::startTransfer(uint64_t length) {
   length_ = length;
-  started_ = now();
+  started_ = halvarine::monotonicMs();
   lastData_ = started_;
   lastNew_ = started_;
   transferring_ = true;
@@ -139,7 +135,7 @@ void Display::startTransfer(uint64_t length) {
 }
 
 void Display::setBytes(uint64_t bytes) {
-  if (bytes != bytes_) lastData_ = lastNew_ = now();
+  if (bytes != bytes_) lastData_ = lastNew_ = halvarine::monotonicMs();
   bytes_ = bytes;
   draw(false);
 }
@@ -148,7 +144,7 @@ void Display::startPass(uint64_t base, uint64_t skip) {
   base_ = base;
   skip_ = skip;
   received_ = 0;
-  lastData_ = now();
+  lastData_ = halvarine::monotonicMs();
   // Reading again: the line shows the transfer, not the wait before it.
   phase_.clear();
   phaseUntil_ = 0;
@@ -165,11 +161,12 @@ void Display::endTransfer() {
 }
 
 bool Display::durationReached() const {
-  return stopAtMs_ > 0 && now() >= stopAtMs_;
+  return stopAtMs_ > 0 && halvarine::monotonicMs() >= stopAtMs_;
 }
 
 bool Display::silenceLimitReached() const {
-  return silenceLimitMs_ > 0 && transferring_ && now() - lastNew_ >= silenceLimitMs_;
+  return silenceLimitMs_ > 0 && transferring_ &&
+         halvarine::monotonicMs() - lastNew_ >= silenceLimitMs_;
 }
 
 std::string Display::statusText(int64_t t) const {
@@ -209,7 +206,7 @@ std::string Display::statusText(int64_t t) const {
 
 void Display::draw(bool force) {
   if (verbosity_ != 1) return;
-  const int64_t t = now();
+  const int64_t t = halvarine::monotonicMs();
   if (!force && t - lastDrawn_ < (terminal_ ? TERMINAL_REFRESH_MS : PLAIN_REFRESH_MS)) return;
   // Without a terminal, a line every so often; the closing summary says the rest.
   if (!terminal_ && force) return;
@@ -269,13 +266,13 @@ void Display::bytesReceived(uint64_t total) {
   received_ = total;
   setBytes(base_ + (total > skip_ ? total - skip_ : 0));
   // Bytes skipped are news too: the stream is moving.
-  lastData_ = now();
+  lastData_ = halvarine::monotonicMs();
 }
 
 void Display::waitingForOutput() {
   // A reader of the output that holds the fetch up is no stall of the
   // server's: the silence counts from when it lets go.
-  lastData_ = lastNew_ = now();
+  lastData_ = lastNew_ = halvarine::monotonicMs();
 }
 
 void Display::tick() {

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "base/wait.h"
 #include "tools/fetch/display.h"
+#include "tools/fetch/outcome.h"
 #include "tools/fetch/stop.h"
 
 namespace fetch {
@@ -29,7 +29,7 @@ struct Stream {
   std::string url, path, name;
   halvarine::ChildProcess run;
   enum State { WAITING, RUNNING, ENDED, NOT_STARTED } state = WAITING;
-  int status = -1;
+  int status = 0;      // ENDED: the run's exit status
   size_t shown = 0;    // bytes of the run's output already relayed
   std::string reason;  // its first message: why it failed, when it did
   int64_t started = 0;
@@ -110,7 +110,7 @@ int Many::run() {
     }
     if (running == 0 && !waiting) break;
     draw();
-    waitFdUntil(-1, WAIT_READABLE, halvarine::monotonicMs() + TICK_MS);
+    halvarine::sleepUntil(halvarine::monotonicMs() + TICK_MS);
   }
   draw();
   return finish();
@@ -125,7 +125,7 @@ void Many::start(Stream& s) {
   s.started = halvarine::monotonicMs();
   if (!s.run.start(argv)) {
     s.state = Stream::ENDED;
-    s.status = EXIT_NO_WORKER;
+    s.status = exitStatus({Ending::NO_WORKER});
     s.reason = s.run.error();
     say(std::string(PREFIX) + "[" + s.name + "] cannot start: " + s.reason);
     return;
@@ -153,7 +153,7 @@ void Many::poll(Stream& s) {
   if (s.shown < text.size()) relay(text.substr(s.shown));
   s.shown = text.size();
   s.state = Stream::ENDED;
-  s.status = ended.exited ? ended.code : EXIT_SIGNALED + ended.signal;
+  s.status = ended.exited ? ended.code : exitStatus({Ending::SIGNALED, ended.signal});
   if (!terminal_ && options_.verbosity > 0 && s.status == EXIT_OK) {
     say(std::string(PREFIX) + "[" + s.name + "] fetched " +
         humanBytes(static_cast<double>(fileSize(s.path))) + " to " + s.path);
@@ -203,7 +203,8 @@ void Many::draw() {
 
 int Many::finish() {
   // A stream that ended by the stop signal was stopped, not failed.
-  const int stoppedStatus = g_stopSignal != 0 ? EXIT_SIGNALED + g_stopSignal : -1;
+  const bool signaled = g_stopSignal != 0;
+  const int stoppedStatus = exitStatus({Ending::SIGNALED, g_stopSignal});
   int status = EXIT_OK;
   size_t fetched = 0, stopped = 0, unstarted = 0;
   std::string failures;
@@ -212,7 +213,7 @@ int Many::finish() {
       ++unstarted;
     } else if (s.status == EXIT_OK) {
       ++fetched;
-    } else if (s.status == stoppedStatus) {
+    } else if (signaled && s.status == stoppedStatus) {
       ++stopped;
     } else {
       if (status == EXIT_OK) status = s.status;
@@ -227,7 +228,7 @@ int Many::finish() {
   if (unstarted > 0) line += ", " + std::to_string(unstarted) + " not started";
   if (!failures.empty()) line += "; failed: " + failures;
   if (fetched < streams_.size() || options_.verbosity > 0) std::cerr << PREFIX << line << "\n";
-  return status != EXIT_OK ? status : stoppedStatus > 0 ? stoppedStatus : EXIT_OK;
+  return status != EXIT_OK ? status : signaled ? stoppedStatus : EXIT_OK;
 }
 
 }  // namespace

@@ -13,95 +13,10 @@ namespace fetch {
 
 namespace {
 
-const char USAGE[] =
-    "usage: halvarine-fetch [options] URL\n"
-    "       halvarine-fetch [options] -O [--output-dir DIR] URL...\n"
-    "\n"
-    "Fetches or records MMS streams (mms://, mmst://, mmsh://, http://) through\n"
-    "the halvarine worker, acting as its controller: one worker per stream.\n"
-    "\n"
-    "  -o, --output FILE       write the stream to FILE (default: standard output,\n"
-    "                          which must not be a terminal); a regular file gets\n"
-    "                          the bytes through FILE.partial, renamed when the\n"
-    "                          fetch ends; a device, a FIFO or /dev/stdout is\n"
-    "                          written in place; a link is followed and stays;\n"
-    "                          one URL only\n"
-    "  -O, --remote-name       write each stream to the file its URL names (the\n"
-    "                          last path segment); needed with several URLs\n"
-    "      --output-dir DIR    put the files of -O and a relative -o in DIR\n"
-    "      --parallel N        with several URLs, fetch N at once, 1..64\n"
-    "                          (default 4); the rest wait their turn\n"
-    "      --duration TIME     record for TIME, then stop and keep the file\n"
-    "      --max-bytes SIZE    stop after SIZE bytes, rounded down to a whole data\n"
-    "                          packet (the header is always written)\n"
-    "      --retry N           when the stream's connection ends early (before its\n"
-    "                          announced length, a stall, a live stream's drop), open\n"
-    "                          it again and go on, up to N times in a row without new\n"
-    "                          data (default 5; 0: never)\n"
-    "      --retry-delay TIME  the wait before the first retry, doubled for each\n"
-    "                          further one (default 1 s)\n"
-    "      --retry-max-time TIME  stop retrying once no new data has come for TIME;\n"
-    "                          a server that stops sending ends the fetch with 28 when\n"
-    "                          it has sent nothing for TIME (default 45 s; 0: no limit)\n"
-    "  -C, --continue          go on with an earlier fetch of the same stream from\n"
-    "                          FILE.partial (or FILE), after checking that the stream's\n"
-    "                          header and the bytes read again are the file's; not\n"
-    "                          for live streams\n"
-    "      --no-keep           remove FILE.partial when the fetch fails (by default it\n"
-    "                          is kept, finished like a stopped recording)\n"
-    "      --timeout TIME      give up when the whole run takes longer\n"
-    "      --reply-timeout TIME  give up when the worker sends no reply for TIME\n"
-    "                          (default 60 s); the clock starts again at every reply\n"
-    "      --keep-alive TIME   when no request has gone to the worker for TIME (a slow\n"
-    "                          reader of the output holds the fetch up), send CCHECK;\n"
-    "                          below 60 s (default 20 s)\n"
-    "      --count N           bytes asked for by each READ, 1..65511 (default: 65511,\n"
-    "                          or four data packets for a broadcast)\n"
-    "      --window N          READ requests in flight at once, 1..64 (default 4)\n"
-    "      --worker PATH       the worker binary (default: HALVARINE_WORKER, else the\n"
-    "                          halvarine beside this program or in ../libexec/halvarine)\n"
-    "  -q, --quiet             print errors only\n"
-    "  -v, --verbose           show every request and reply, and the worker's lines;\n"
-    "                          twice: the frames in hexadecimal too\n"
-    "  -h, --help              show this text\n"
-    "  -V, --version           show the version\n"
-    "\n"
-    "SIZE takes k, M and G (1024, 1024^2, 1024^3); TIME is seconds, with a\n"
-    "fraction and s, m or h if wanted (0.5, 90, 1.5m, 2h).\n"
-    "\n"
-    "A stop asked for (--duration, --max-bytes, SIGINT, SIGTERM, SIGHUP) keeps what\n"
-    "was received under FILE, cut at a data packet's end, with the header's sizes,\n"
-    "packet counts and durations made to agree with it (a broadcast becomes a file\n"
-    "of known length); a signal then ends the tool by that signal. A failure keeps\n"
-    "FILE.partial, finished the same way, unless --no-keep. A live stream (a\n"
-    "broadcast, or one the server announces as live) whose connection drops is\n"
-    "opened again and recorded on, whole packets after the first header; an\n"
-    "on-demand stream is resumed only when the bytes read again are those written,\n"
-    "never spliced. http_proxy (or HTTP_PROXY) and no_proxy are honoured for\n"
-    "mms://, mmsh:// and http:// streams.\n"
-    "\n"
-    "With several URLs each stream has its own line, and a summary names every\n"
-    "stream that failed; the exit status is that of the first URL, in the order\n"
-    "given, that failed (0 when none did).\n"
-    "\n"
-    "Each worker gets a controller socket of its own where the system allows user\n"
-    "namespaces (or as root); -v says when the shared /tmp/zalProcess_Halvarine is\n"
-    "used instead, and why.\n"
-    "\n"
-    "Exit status:\n";
-
-const char EXAMPLES[] =
-    "\n"
-    "Examples:\n"
-    "  halvarine-fetch mms://media.example/radio -o radio.asf --duration 1h\n"
-    "  halvarine-fetch mmsh://127.0.0.1:8080/sample.asf -o sample.asf -v\n"
-    "  halvarine-fetch mms://127.0.0.1:1755/sample.asf | ffprobe -\n"
-    "  halvarine-fetch -O --output-dir radio mms://a.example/one mms://b.example/two\n";
-
-int usageError(const std::string& what) {
+Parsed usageError(const std::string& what) {
   std::cerr << "halvarine-fetch: " << what << "\n"
             << "Try 'halvarine-fetch --help' for more information.\n";
-  return EXIT_USAGE;
+  return Parsed::BAD_USAGE;
 }
 
 // A decimal number with an optional fraction, then one of `units` (each a
@@ -176,38 +91,6 @@ const option LONG_OPTIONS[] = {
 
 }  // namespace
 
-const std::vector<ExitStatusLine>& exitStatusLines() {
-  static const std::vector<ExitStatusLine> lines = {
-      {EXIT_OK, "fetched, or stopped as asked by --duration or --max-bytes"},
-      {EXIT_UNSUPPORTED, "unsupported scheme, or an IPv6 address (the worker speaks IPv4)"},
-      {EXIT_USAGE, "bad command line"},
-      {EXIT_MALFORMED_URL, "malformed URL"},
-      {EXIT_PROXY_UNRESOLVED, "cannot resolve the proxy's host"},
-      {EXIT_HOST_UNRESOLVED, "cannot resolve the host"},
-      {EXIT_CANNOT_CONNECT, "cannot connect: refused or unreachable (host or proxy)"},
-      {EXIT_NOT_MMS, "not an MMS server, or it broke the protocol"},
-      {EXIT_PARTIAL, "the stream ended before its announced length and could not be resumed"},
-      {EXIT_HTTP_ERROR, "the server answered with an HTTP error (HTTP 404 Not Found, ...)"},
-      {EXIT_WRITE, "the output cannot be written"},
-      {EXIT_TIMED_OUT,
-       "timed out: connecting, waiting for an answer, the server stalled (no data for "
-       "--retry-max-time), --reply-timeout, --timeout"},
-      {EXIT_CANNOT_CONTINUE, "--continue: the file is not the start of this stream, or it is live"},
-      {EXIT_RECEIVE, "the worker failed to receive the stream's data"},
-      {EXIT_NO_SUCH_FILE, "the MMS server has no such file"},
-      {EXIT_CONTROLLER_TAKEN, "no private socket here, and the shared one is taken or blocked"},
-      {EXIT_NO_WORKER, "the worker is missing or cannot be run"},
-      {EXIT_WORKER_FAILED, "the worker died, did not connect, or broke the protocol"},
-      {EXIT_LIVE_LOST,
-       "a live stream's connection was lost and could not be opened again; the "
-       "recording is kept"},
-      {EXIT_SIGNALED + 1, "ended by SIGHUP (what was received is kept)"},
-      {EXIT_SIGNALED + 2, "ended by SIGINT (what was received is kept)"},
-      {EXIT_SIGNALED + 15, "ended by SIGTERM (what was received is kept)"},
-  };
-  return lines;
-}
-
 bool parseSize(const std::string& text, int64_t& bytes) {
   double v = 0;
   if (!parseScaled(text, {{"", 1}, {"k", 1024}, {"K", 1024}, {"M", 1 << 20}, {"G", 1 << 30}}, v))
@@ -227,7 +110,7 @@ namespace {
 
 // Where each URL goes: -o FILE for one, -O's names for any number, in
 // --output-dir when given.
-int chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
+Parsed chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
   const bool several = out.urls.size() > 1;
   if (remoteName && !out.outPath.empty()) return usageError("-o and -O exclude each other");
   if (several && !out.outPath.empty()) {
@@ -246,7 +129,7 @@ int chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
       out.outPath = dir + out.outPath;
     }
     out.outPaths = {out.outPath};
-    return -1;
+    return Parsed::RUN;
   }
   for (const std::string& url : out.urls) {
     std::string why;
@@ -259,7 +142,7 @@ int chooseOutputs(bool remoteName, const std::string& outputDir, Options& out) {
     out.outPaths.push_back(path);
   }
   out.outPath = out.outPaths[0];
-  return -1;
+  return Parsed::RUN;
 }
 
 }  // namespace
@@ -279,7 +162,7 @@ std::string remoteFileName(const std::string& url, std::string& why) {
   return name;
 }
 
-int parseOptions(int argc, char** argv, Options& out) {
+Parsed parseOptions(int argc, char** argv, Options& out) {
   bool remoteName = false;
   std::string outputDir;
   const int maxCount = halvarine::maxReadCount();
@@ -302,20 +185,16 @@ int parseOptions(int argc, char** argv, Options& out) {
     int64_t n = 0;
     // A value checked against its kind and range; `what` says what is wanted.
     auto need = [&](bool ok, const std::string& what) {
-      return ok ? -1 : usageError(name + " needs " + what + ", not \"" + value + "\"");
+      return ok ? Parsed::RUN : usageError(name + " needs " + what + ", not \"" + value + "\"");
     };
-    int bad = -1;
+    Parsed bad = Parsed::RUN;
     switch (c) {
       case 'h':
-        std::cout << USAGE;
-        for (const ExitStatusLine& line : exitStatusLines()) {
-          printf("  %3d  %s\n", line.code, line.meaning);
-        }
-        std::cout << EXAMPLES;
-        return EXIT_OK;
+        printHelp();
+        return Parsed::ANSWERED;
       case 'V':
         std::cout << "halvarine-fetch " << HALVARINE_VERSION << "\n";
-        return EXIT_OK;
+        return Parsed::ANSWERED;
       case 'q':
         out.verbosity = 0;
         break;
@@ -395,7 +274,7 @@ int parseOptions(int argc, char** argv, Options& out) {
         return usageError("unknown option " +
                           (optopt > 0 ? std::string("-") + static_cast<char>(optopt) : name));
     }
-    if (bad >= 0) return bad;
+    if (bad != Parsed::RUN) return bad;
     // What each stream's own run is given: all but the choice of files.
     if (c != 'o' && c != 'O' && c != OPT_OUTPUT_DIR && c != OPT_PARALLEL) {
       out.streamArgs.push_back(name);

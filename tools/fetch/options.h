@@ -43,6 +43,8 @@ struct ExitStatusLine {
   const char* meaning;
 };
 const std::vector<ExitStatusLine>& exitStatusLines();
+// --help, on standard output.
+void printHelp();
 
 // Streams fetched at once by default with several URLs: each holds a
 // worker, a private socket and a connection; four keep a small machine
@@ -76,10 +78,13 @@ struct Options {
   int verbosity = 1;           // 0 --quiet, 1 normal, 2 --verbose, 3 -vv (frames in hex)
 };
 
-// Fills `out` from the command line. Returns -1 to go on, or the status to
-// exit with at once (after --help or --version, or a usage error, which it
-// has reported).
-int parseOptions(int argc, char** argv, Options& out);
+enum class Parsed {
+  RUN,        // `out` says what to fetch
+  ANSWERED,   // --help or --version was shown: nothing more to do
+  BAD_USAGE,  // reported on standard error
+};
+// Fills `out` from the command line.
+Parsed parseOptions(int argc, char** argv, Options& out);
 
 // The file name -O takes from `url`: its last path segment, without a
 // query or fragment. Empty, with `why` set, when that is empty, "." or "..".

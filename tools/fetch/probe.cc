@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <halvarine/diagnosis.h>
 #include <halvarine/fd.h>
+#include <halvarine/pipeline.h>
+#include <halvarine/runtime.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <stdio.h>
@@ -12,8 +14,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "base/clock.h"
-#include "base/wait.h"
 #include "tools/asf/asf_file.h"
 #include "tools/fetch/options.h"
 #include "tools/mmsserver/mmst_wire.h"
@@ -59,7 +59,7 @@ UniqueFd connectTcp(const std::string& host, int port, int64_t deadline, std::st
     return UniqueFd();
   }
   if (c != 0) {
-    if (waitFdUntil(fd.get(), WAIT_WRITABLE, deadline) != WAIT_READY) {
+    if (halvarine::waitWritable(fd.get(), deadline) != halvarine::Ready::READY) {
       error = "connection timed out";
       return UniqueFd();
     }
@@ -80,7 +80,7 @@ bool sendAll(int fd, const std::string& bytes, int64_t deadline) {
       done += static_cast<size_t>(n);
     } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
       return false;
-    } else if (waitFdUntil(fd, WAIT_WRITABLE, deadline) != WAIT_READY) {
+    } else if (halvarine::waitWritable(fd, deadline) != halvarine::Ready::READY) {
       return false;
     }
   }
@@ -98,7 +98,7 @@ bool receiveUntil(int fd, std::string& into, int64_t deadline, Enough enough) {
       into.append(buf, static_cast<size_t>(n));
     } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
       return false;
-    } else if (waitFdUntil(fd, WAIT_READABLE, deadline) != WAIT_READY) {
+    } else if (halvarine::waitReadable(fd, deadline) != halvarine::Ready::READY) {
       return false;
     }
   }
@@ -178,7 +178,7 @@ ProbeAnswer readHttpHead(const std::string& head) {
 ProbeAnswer probeHttp(const std::string& host, int port, const std::string& path,
                       const std::string& proxy, int timeoutMs) {
   ProbeAnswer a;
-  const int64_t deadline = nowMs() + timeoutMs;
+  const int64_t deadline = halvarine::monotonicMs() + timeoutMs;
   const std::string hostPort = host + ":" + std::to_string(port);
   std::string target = path;
   std::string connectHost = host;
@@ -212,7 +212,7 @@ ProbeAnswer probeHttp(const std::string& host, int port, const std::string& path
 
 ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path, int timeoutMs) {
   ProbeAnswer a;
-  const int64_t deadline = nowMs() + timeoutMs;
+  const int64_t deadline = halvarine::monotonicMs() + timeoutMs;
   UniqueFd fd = connectTcp(host, port, deadline, a.error);
   if (!fd.valid()) return a;
   a.kind = ProbeAnswer::SILENT;
@@ -294,8 +294,8 @@ ProbeAnswer ask(const PreparedUrl& url, int timeoutMs, bool overHttp = false) {
 
 }  // namespace
 
-int askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs,
-                 std::string& why) {
+Ending askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs,
+                    std::string& why) {
   const ProbeAnswer a = ask(url, timeoutMs);
   if (a.kind == ProbeAnswer::HTTP && a.status >= 400) {
     // Through a proxy, a server error is the proxy's own (it could not
@@ -306,30 +306,30 @@ int askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs
     if (url.viaProxy && (a.status >= 500 || a.status == 407)) {
       why =
           "the proxy " + url.endpoint + " refused: " + httpStatusText(a) + " (for " + server + ")";
-      return EXIT_CANNOT_CONNECT;
+      return Ending::CANNOT_CONNECT;
     }
     why = httpStatusText(a) + " (" +
           (url.viaProxy ? server + ", through the proxy " + url.endpoint : where) + ")";
-    return EXIT_HTTP_ERROR;
+    return Ending::HTTP_ERROR;
   }
   if (a.kind == ProbeAnswer::MMST && a.mmsResult != 0) {
     why = "the MMS server refused to open " + url.path + ": " + mmsResultText(a.mmsResult) + " (" +
           where + ")";
-    return noSuchFile(a.mmsResult) ? EXIT_NO_SUCH_FILE : EXIT_NOT_MMS;
+    return noSuchFile(a.mmsResult) ? Ending::NO_SUCH_FILE : Ending::NOT_MMS;
   }
   if (a.kind == ProbeAnswer::MMST || (a.kind == ProbeAnswer::HTTP && a.mms)) {
     why = std::string("the server speaks MMS and offers the stream, but it did not open ") +
           "(it broke off, or sent what the worker cannot read) (" + where + ")";
-    return EXIT_NOT_MMS;
+    return Ending::NOT_MMS;
   }
   if (a.kind == ProbeAnswer::HTTP) {
     why = "not an MMS server: it answered " + httpStatusText(a) + " without an MMS stream (" +
           where + ")";
-    return EXIT_NOT_MMS;
+    return Ending::NOT_MMS;
   }
   why = std::string(halvarine::connectFailureText(halvarine::ConnectFailure::NOT_MMS)) + " (" +
         where + ")";
-  return EXIT_NOT_MMS;
+  return Ending::NOT_MMS;
 }
 
 bool askServerIfLive(const PreparedUrl& url, bool overHttp, int timeoutMs) {

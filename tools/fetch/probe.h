@@ -14,6 +14,7 @@
 
 #include <string>
 
+#include "tools/fetch/outcome.h"
 #include "tools/fetch/url.h"
 
 namespace fetch {
@@ -57,11 +58,12 @@ ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path
 
 // The open of `url` failed after the connection was made: asks the server
 // (as the URL's transport speaks; an mms:// URL over TCP first, then HTTP)
-// and returns the exit status, with `why` for people: "HTTP 404 Not Found",
+// and returns how the fetch ends, with `why` for people: "HTTP 404 Not Found",
 // a proxy's own refusal, an MMS server's "no such file", or "not an MMS
 // server" only when it did not speak MMS. `where` is the host (or proxy)
 // and port the worker connected to.
-int askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs, std::string& why);
+Ending askServerWhy(const PreparedUrl& url, const std::string& where, int timeoutMs,
+                    std::string& why);
 
 // Whether the server announces the stream of `url` as live; `overHttp`:
 // the stream was opened over HTTP (an mms:// URL can be either).

@@ -1,19 +1,15 @@
 #include "tools/fetch/url.h"
 
 #include <ctype.h>
+#include <halvarine/url.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <sstream>
 
-#include "tools/fetch/options.h"
-
 namespace fetch {
 
 namespace {
-
-// Where the worker splits a proxy form, in the order it looks for them.
-const char* const PROXY_MARKERS[] = {"/mms://", "/mmst://", "/mmsh://", "/http://"};
 
 std::string lower(std::string s) {
   std::transform(s.begin(), s.end(), s.begin(),
@@ -28,9 +24,10 @@ struct Parts {
   std::string rest;  // from the scheme's "://" on, as given
 };
 
-PreparedUrl failure(int status, const std::string& why) {
+PreparedUrl failure(Ending problem, const std::string& why) {
   PreparedUrl p;
-  p.status = status;
+  p.usable = false;
+  p.problem = problem;
   p.why = why;
   return p;
 }
@@ -42,7 +39,7 @@ bool split(const std::string& url, const std::string& what, Parts& out, Prepared
   if (colon == std::string::npos || colon == 0 ||
       url.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+.-") <
           colon) {
-    error = failure(EXIT_MALFORMED_URL, what + " \"" + url + "\" has no scheme such as mms://");
+    error = failure(Ending::MALFORMED_URL, what + " \"" + url + "\" has no scheme such as mms://");
     return false;
   }
   out.scheme = lower(url.substr(0, colon));
@@ -52,15 +49,16 @@ bool split(const std::string& url, const std::string& what, Parts& out, Prepared
   authority =
       authority.substr(authority.find('@') == std::string::npos ? 0 : authority.rfind('@') + 1);
   if (!authority.empty() && authority[0] == '[') {
-    error = failure(EXIT_UNSUPPORTED, what + " \"" + url +
-                                          "\" names an IPv6 address; the worker connects over "
-                                          "IPv4 only (give a name or an IPv4 address)");
+    error =
+        failure(Ending::UNSUPPORTED_URL, what + " \"" + url +
+                                             "\" names an IPv6 address; the worker connects over "
+                                             "IPv4 only (give a name or an IPv4 address)");
     return false;
   }
   const size_t portAt = authority.find(':');
   out.host = lower(authority.substr(0, portAt));
   if (out.host.empty()) {
-    error = failure(EXIT_MALFORMED_URL, what + " \"" + url + "\" has no host");
+    error = failure(Ending::MALFORMED_URL, what + " \"" + url + "\" has no host");
     return false;
   }
   out.port = out.scheme == "mms" || out.scheme == "mmst" ? 1755 : 80;
@@ -69,7 +67,7 @@ bool split(const std::string& url, const std::string& what, Parts& out, Prepared
     if (port.empty() || port.size() > 5 ||
         port.find_first_not_of("0123456789") != std::string::npos || atoi(port.c_str()) < 1 ||
         atoi(port.c_str()) > 65535) {
-      error = failure(EXIT_MALFORMED_URL,
+      error = failure(Ending::MALFORMED_URL,
                       what + " \"" + url + "\": port \"" + port + "\" is not from 1 to 65535");
       return false;
     }
@@ -81,9 +79,9 @@ bool split(const std::string& url, const std::string& what, Parts& out, Prepared
 bool unsupported(const Parts& p, const std::string& url, const std::string& allowed,
                  PreparedUrl& error) {
   if (("," + allowed + ",").find("," + p.scheme + ",") != std::string::npos) return false;
-  error = failure(EXIT_UNSUPPORTED, "unsupported scheme " + p.scheme + ":// in \"" + url +
-                                        "\"; the worker opens mms://, mmst://, mmsh:// and "
-                                        "http://");
+  error = failure(Ending::UNSUPPORTED_URL, "unsupported scheme " + p.scheme + ":// in \"" + url +
+                                               "\"; the worker opens mms://, mmst://, mmsh:// and "
+                                               "http://");
   return true;
 }
 
@@ -127,10 +125,8 @@ PreparedUrl prepareUrl(const std::string& url, const std::string& proxy,
   Parts target, via;
   // A URL that holds a marker is a proxy form to the worker, whatever the
   // user meant: judge it as the worker will split it.
-  for (const char* marker : PROXY_MARKERS) {
-    const size_t at = url.find(marker);
-    if (at == std::string::npos) continue;
-    const std::string proxyPart = url.substr(0, at), targetPart = url.substr(at + 1);
+  std::string proxyPart, targetPart;
+  if (halvarine::splitProxyForm(url, proxyPart, targetPart)) {
     if (!split(proxyPart, "the proxy", via, out) || unsupported(via, proxyPart, "http", out) ||
         !split(targetPart, "the stream URL", target, out) ||
         unsupported(target, targetPart, "mms,mmsh,http", out)) {
@@ -156,7 +152,7 @@ PreparedUrl prepareUrl(const std::string& url, const std::string& proxy,
   while (p.size() > 1 && p.back() == '/') p.pop_back();
   PreparedUrl bad;
   if (!split(p, "http_proxy", via, bad) || unsupported(via, p, "http", bad)) {
-    bad.status = EXIT_MALFORMED_URL;
+    bad.problem = Ending::MALFORMED_URL;
     bad.why += " (http_proxy must be http://HOST:PORT)";
     return bad;
   }

@@ -7,12 +7,15 @@
 
 #include <string>
 
+#include "tools/fetch/outcome.h"
+
 namespace fetch {
 
 struct PreparedUrl {
-  int status = -1;        // -1: usable; else the exit status, and `why`
-  std::string why;        // for people: "unsupported scheme ftp://; ..."
-  std::string url;        // what CONNECT sends
+  bool usable = true;
+  Ending problem = Ending::MALFORMED_URL;  // when not usable, with `why`
+  std::string why;                         // for people: "unsupported scheme ftp://; ..."
+  std::string url;                         // what CONNECT sends
   std::string endpoint;   // "host:port" of the first connection (the proxy's, through one)
   bool viaProxy = false;  // connections go to an HTTP proxy
   // The stream's own scheme (lower case), host, port and the rest from its

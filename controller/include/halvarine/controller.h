@@ -11,6 +11,8 @@
 //   session.h        one worker run: listener, child process, connection
 //   pipeline.h       requests in flight, keep-alive, the READ loop
 //   diagnosis.h      why a CONNECT failed, from the worker's lines
+//   runtime.h        deadline waits on a descriptor, the allocator setting
+//   url.h            the proxy form PROXY/URL as the worker splits it
 //   child_process.h  the child-process owner the session uses
 //   fd.h             the descriptor owner
 //
@@ -23,6 +25,8 @@
 #include <halvarine/fd.h>
 #include <halvarine/pipeline.h>
 #include <halvarine/protocol.h>
+#include <halvarine/runtime.h>
 #include <halvarine/session.h>
+#include <halvarine/url.h>
 
 #endif

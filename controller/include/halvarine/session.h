@@ -51,6 +51,17 @@
 
 namespace halvarine {
 
+class RequestPipeline;
+
+// The worker named by HALVARINE_WORKER; empty when that is unset or empty.
+std::string workerFromEnvironment();
+
+// Empty when `path` names a program a session can start (a regular file
+// this user may execute), else why not, for people: "worker binary P: No
+// such file or directory", "... is not executable". A name without a "/"
+// is one that was not found on PATH.
+std::string workerProblem(const std::string& path);
+
 // The worker to start when none is named: HALVARINE_WORKER when it is set,
 // else the worker installed with this library
 // (/usr/libexec/halvarine/halvarine in the Debian package).
@@ -145,6 +156,26 @@ class WorkerSession {
   // Ends the worker if it still runs: SIGTERM, then SIGKILL when it has not
   // ended within `graceMs`; reaps it and stops listening. How it ended.
   ExitStatus stop(int graceMs);
+
+  // Ending the worker the way it expects: PEND, whose reply it sends before
+  // it closes the stream and exits with status 0; SIGTERM when it does not
+  // answer or exit in time, SIGKILL when SIGTERM does not end it either.
+  struct FinishOptions {
+    bool pend = true;        // false: SIGTERM at once (a worker that hangs)
+    int pendGraceMs = 5000;  // for PEND's reply, after the replies before it
+    int exitGraceMs = 5000;  // for the exit once PEND was answered
+    int termGraceMs = 2000;  // for the exit after SIGTERM
+  };
+  struct Finished {
+    bool pendAnswered = false;  // PEND was answered OK_ and the worker exited
+    bool signalled = false;     // SIGTERM or SIGKILL ended it
+    ExitStatus status;          // how it ended (also when it had ended before)
+  };
+  // With requests in flight, `pipeline` sends PEND and takes their replies
+  // first; with none, nullptr: the session sends PEND itself. The sockets
+  // stay open (stop() or the destructor closes them); the worker's output
+  // stays readable.
+  Finished finish(RequestPipeline* pipeline, const FinishOptions& options);
 
   ControllerListener& listener() { return listener_; }
   ControllerConnection& connection() { return connection_; }
