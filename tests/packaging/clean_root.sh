@@ -3,7 +3,7 @@
 # uses them there as their users would (installed.sh): halvarine-fetch
 # fetches the sample from the test server, and the example controller that
 # the development package ships builds with pkg-config and with CMake and
-# fetches it too.
+# fetches it too; and halvarine-fetch builds from the installed SDK alone.
 #
 #   clean_root.sh [--wait] [PACKAGES [BUILD]]
 #
@@ -66,7 +66,11 @@ case "${HALVARINE_CLEAN_ROOT_STEP:-}" in
     check_debs
     mkdir -p "$ROOT$CHECK/work" "$ROOT$CHECK/debs"
     cp "${debs[@]}" "$ROOT$CHECK/debs/"
-    cp tests/packaging/installed.sh "$ROOT$CHECK/"
+    cp tests/packaging/installed.sh tests/packaging/build_fetch_from_sdk.sh "$ROOT$CHECK/"
+    # The tool's own sources, to build it against the installed SDK alone.
+    mkdir -p "$ROOT$CHECK/src/tools/mmsserver"
+    cp -r tools/fetch tools/asf "$ROOT$CHECK/src/tools/"
+    cp tools/mmsserver/mmst_wire.h "$ROOT$CHECK/src/tools/mmsserver/"
     started=$SECONDS
     chroot "$ROOT" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
       sh -c 'apt-get install -y -q --no-install-recommends "$0"/debs/*.deb' "$CHECK" >"$ROOT-install.log" 2>&1 ||
@@ -88,6 +92,8 @@ case "${HALVARINE_CLEAN_ROOT_STEP:-}" in
     chroot "$ROOT" env -i PATH=/usr/bin:/bin HOME=/root LC_ALL=C.UTF-8 \
       bash "$CHECK/installed.sh" /usr "$URL" "$CHECK/reference.asf" \
       /usr/share/doc/libhalvarine-controller-dev/examples "$CHECK/work"
+    chroot "$ROOT" env -i PATH=/usr/bin:/bin HOME=/root LC_ALL=C.UTF-8 \
+      bash "$CHECK/build_fetch_from_sdk.sh" "$CHECK/src" --prefix /usr
     echo "checked in the clean root in $((SECONDS - started)) s"
     ;;
 esac
