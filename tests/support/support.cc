@@ -18,6 +18,8 @@
 #include <iostream>
 #include <sstream>
 
+#include "tools/common/table.h"
+
 using halvarine::Reply;
 using halvarine::Request;
 using halvarine::UniqueFd;
@@ -91,16 +93,9 @@ bool fileExists(const std::string& path) {
 }
 
 std::vector<std::vector<std::string>> tableRows(const std::string& path) {
-  std::vector<std::vector<std::string>> rows;
-  for (const std::string& line : halvarine::splitLines(readFile(path))) {
-    if (line.empty() || line[0] == '#') continue;
-    rows.emplace_back();
-    for (size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
-      end = line.find('\t', begin);
-      rows.back().push_back(line.substr(begin, end == std::string::npos ? end : end - begin));
-    }
-  }
-  if (rows.empty()) ADD_FAILURE() << "no rows in " << path;
+  std::vector<tools::TableRow> rows;
+  std::string error;
+  if (!tools::readTable(path, rows, error)) ADD_FAILURE() << error;
   return rows;
 }
 

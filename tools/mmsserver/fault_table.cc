@@ -1,11 +1,10 @@
 #include "tools/mmsserver/fault_table.h"
 
-#include <errno.h>
-#include <stdlib.h>
-
 #include <algorithm>
 #include <sstream>
 #include <type_traits>
+
+#include "tools/common/number.h"
 
 namespace {
 
@@ -35,13 +34,11 @@ FaultWord takeFaultOption(const std::vector<std::string>& words, size_t& i, Faul
       ++i;
       return FaultWord::TAKEN;
     }
-    const char* text = i + 1 < words.size() ? words[i + 1].c_str() : "";
-    char* end = nullptr;
-    errno = 0;
-    const long long value = strtoll(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value < 0 || value > o.max) {
-      error = std::string(o.flag) + " needs a number from 0 to " + std::to_string(o.max) +
-              (*text ? std::string(", not ") + text : std::string());
+    const std::string text = i + 1 < words.size() ? words[i + 1] : "";
+    long long value = 0;
+    std::string why;
+    if (!tools::parseNumber(text, 0, o.max, value, why)) {
+      error = tools::numberWanted(o.flag, 0, o.max, text);
       return FaultWord::BAD;
     }
     o.set(faults, value);
