@@ -468,7 +468,7 @@ int Fetch::open(bool first) {
 }
 
 int Fetch::readHeader(std::string& header) {
-  uint64_t need = kHeaderObjectFixedSize;
+  uint64_t need = HEADER_OBJECT_FIXED_SIZE;
   bool sized = false;
   while (header.size() < need) {
     halvarine::Reply reply;

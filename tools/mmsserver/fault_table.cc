@@ -16,7 +16,7 @@ struct Option {
   void (*set)(Faults& faults, int64_t value);
 };
 
-const Option kOptions[] = {
+const Option OPTIONS[] = {
 #define HALVARINE_FAULT_OPTION(flag, field, type, init, max, help) \
   {flag, !std::is_same<type, bool>::value, max, help,              \
    [](Faults& f, int64_t v) { f.field = static_cast<type>(v); }},
@@ -27,7 +27,7 @@ const Option kOptions[] = {
 
 FaultWord takeFaultOption(const std::vector<std::string>& words, size_t& i, Faults& faults,
                           std::string& error) {
-  for (const Option& o : kOptions) {
+  for (const Option& o : OPTIONS) {
     if (words[i] != o.flag) continue;
     if (!o.takesValue) {
       o.set(faults, 1);
@@ -62,7 +62,7 @@ bool parseFaults(const std::string& arguments, Faults& faults, std::string& erro
 
 std::string faultUsage() {
   std::string usage;
-  for (const Option& o : kOptions) {
+  for (const Option& o : OPTIONS) {
     std::string flag = std::string("  ") + o.flag + (o.takesValue ? " N" : "");
     flag.resize(std::max<size_t>(flag.size() + 1, 28), ' ');
     usage += flag + o.help + "\n";
