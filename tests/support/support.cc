@@ -125,12 +125,13 @@ std::string framemd5(const std::string& input, const TempDir& dir) {
 
 std::vector<FaultRow> faultRows(const std::vector<std::string>& outcomes) {
   std::vector<FaultRow> rows;
-  for (const FaultCase& c : faultCases()) {
+  for (const FaultCase& c : mmsserver::faultCases()) {
     if (std::find(outcomes.begin(), outcomes.end(), c.outcome) == outcomes.end()) continue;
     FaultRow r;
     r.row = c;
     std::string error;
-    if (!parseFaults(c.arguments, r.faults, error)) ADD_FAILURE() << c.id << ": " << error;
+    if (!mmsserver::parseFaults(c.arguments, r.faults, error))
+      ADD_FAILURE() << c.id << ": " << error;
     const bool both = c.transport == "both";
     if (both || c.transport == "mmst" || c.transport == "-") {
       r.name = c.id + (c.transport == "-" ? "" : "Mmst");

@@ -31,6 +31,7 @@
 #include "tools/common/number.h"
 #include "tools/libmms-fetch/libmms_stream.h"
 
+namespace libmmsfetch {
 namespace {
 
 struct FileCloser {
@@ -67,7 +68,7 @@ bool number(const char* option, const char* text, long long min, long long max, 
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   if (argc < 3) {
     fprintf(stderr,
             "usage: libmms-fetch URL OUT [--count N] [--bandwidth BPS] [--read-size N] "
@@ -127,4 +128,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   return 0;
+}
+
+}  // namespace libmmsfetch
+
+int main(int argc, char** argv) {
+  return libmmsfetch::run(argc, argv);
 }

@@ -8,6 +8,8 @@
 #include "base/clock.h"
 #include "base/wait.h"
 
+namespace mmsserver {
+
 namespace {
 
 constexpr int READ_SILENCE_MS = 10000;
@@ -111,3 +113,5 @@ void Connection::reset() {
   setsockopt(fd_.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
   fd_.reset();
 }
+
+}  // namespace mmsserver

@@ -6,6 +6,8 @@
 
 #include "tools/common/number.h"
 
+namespace mmsserver {
+
 namespace {
 
 struct Option {
@@ -79,3 +81,5 @@ const std::vector<FaultCase>& faultCases() {
   };
   return cases;
 }
+
+}  // namespace mmsserver

@@ -4,6 +4,8 @@
 
 #include "base/clock.h"
 
+namespace mmsserver {
+
 namespace {
 
 // Declared by the absurd-packet-size fault: far past what either client
@@ -262,3 +264,5 @@ bool Link::sendResponseHead(const std::string& head) {
 void Link::streamEnded() {
   if (mutateOneIn_ != 0) conn_.finishSending();
 }
+
+}  // namespace mmsserver

@@ -13,6 +13,8 @@
 #include "tools/common/number.h"
 #include "tools/mmsserver/server.h"
 
+namespace mmsserver {
+
 namespace {
 
 const char USAGE[] =
@@ -35,7 +37,7 @@ int usage(const std::string& error) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   ServerOptions options;
   std::string path = HALVARINE_SAMPLE_ASF;
   std::string name;
@@ -128,4 +130,10 @@ int main(int argc, char** argv) {
   }
   std::cerr << "served " << server.connectionsServed() << " connections\n";
   return 0;
+}
+
+}  // namespace mmsserver
+
+int main(int argc, char** argv) {
+  return mmsserver::run(argc, argv);
 }

@@ -22,6 +22,8 @@
 
 #include "tools/mmsserver/sessions.h"
 
+namespace mmsserver {
+
 namespace {
 
 constexpr uint16_t CHUNK_ASF_HEADER = 0x4824;  // "$H"
@@ -163,3 +165,5 @@ void serveMmshConnection(Link& link, const AsfFile& file, const ServerOptions& o
   link.send(endChunk(link.anotherStreamFollows()));
   link.streamEnded();
 }
+
+}  // namespace mmsserver

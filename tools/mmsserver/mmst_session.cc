@@ -15,6 +15,8 @@
 #include "tools/mmsserver/mmst_wire.h"
 #include "tools/mmsserver/sessions.h"
 
+namespace mmsserver {
+
 namespace {
 
 using mmst::Command;
@@ -397,3 +399,5 @@ MmstSession::Next MmstSession::onCloseFile(const Command&) {
 void serveMmstConnection(Link& link, const AsfFile& file, const ServerOptions& options) {
   MmstSession(link, file, options).run();
 }
+
+}  // namespace mmsserver
