@@ -5,7 +5,8 @@
 #
 #   scripts/fuzz.sh [SECONDS]
 #
-# The committed seeds in fuzz/corpus/<target>/ are read, never written; the
+# The committed seeds in fuzz/corpus/<target>/ (and fuzz/corpus/requests/,
+# shared by the targets that take whole frames) are read, never written; the
 # inputs a run discovers collect in build-fuzz/corpus/<target>/ and seed the
 # next run.
 set -euo pipefail
@@ -27,6 +28,8 @@ cmake --build build-fuzz -j"$(nproc)" --target "${TARGETS[@]}"
 # Longer inputs for the frame cutter, so that runs of garbage pass the limit
 # at which the receive buffer drops them.
 declare -A MAX_LEN=([fuzz_extract_packet]=12000)
+# Seeds shared between targets (fuzz/CMakeLists.txt lists the same).
+declare -A SHARED_SEEDS=([fuzz_parse_packet]=fuzz/corpus/requests [fuzz_request_path]=fuzz/corpus/requests)
 
 mkdir -p build-fuzz/findings
 failed=0
@@ -38,7 +41,7 @@ for t in "${TARGETS[@]}"; do
   [ -n "${MAX_LEN[$t]:-}" ] && opts+=(-max_len="${MAX_LEN[$t]}")
   rc=0
   "build-fuzz/fuzz/$t" "${opts[@]}" "build-fuzz/corpus/$t" "fuzz/corpus/$t" \
-    >"$log" 2>&1 || rc=$?
+    ${SHARED_SEEDS[$t]:-} >"$log" 2>&1 || rc=$?
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   if [ "$rc" -eq 0 ]; then
     echo "$t: ${runs:-?} executions, no finding"

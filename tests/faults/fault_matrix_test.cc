@@ -7,6 +7,14 @@
 // the worker can stop. There the outcome is the controller's: the worker
 // dies, the controller notices (its socket ends), kills and reaps it, and is
 // left with no process and no socket file.
+//
+// What libmms itself does with a hazard is its behaviour, not this
+// project's: those rows (the Libmms instances) hold the worker and the
+// controller to their part (every reply in time, the worker serving on, or
+// its death seen and cleaned up) and only record libmms's part. A libmms
+// that no longer behaves as documented makes the row skip with a notice,
+// which ctest reports as skipped, never as failed. The one row that shows
+// the worker's own CPU budget is held to it in full.
 
 #include <signal.h>
 
@@ -24,13 +32,29 @@ class FaultMatrix : public support::StreamTest,
  public:
   std::string url() { return startServer(GetParam().transport, GetParam().faults).url(); }
 
+  // libmms's part of a hazard row, or the worker's own part of any other.
+  void expectOrNotice(bool asDocumented, const std::string& instead) {
+    if (asDocumented) return;
+    if (recordsLibmms(GetParam().row)) {
+      notice = instead;
+    } else {
+      ADD_FAILURE() << instead;
+    }
+  }
+
+  static bool recordsLibmms(const FaultCase& c) {
+    return c.section == "hazard" && c.outcome != "dies-sigprof";
+  }
+
   // At once, or for a Slow row after the 7-second wait.
   void openFails() {
-    EXPECT_EQ("ERR", connect(url(), 15).status());
+    const std::string status = connect(url(), 15).status();
+    ASSERT_TRUE(status == "ERR" || status == "OK_") << "CONNECT not answered: " << status;
+    expectOrNotice(status == "ERR", "CONNECT answered " + status);
     const bool waits = GetParam().name.compare(0, 4, "Slow") == 0;
     EXPECT_EQ(waits, secondsSince(start) >= 6.5) << "the open waited: " << secondsSince(start);
     EXPECT_LT(secondsSince(start), waits ? 10.0 : 3.0);
-    observed = "CONNECT ERR";
+    observed = "CONNECT " + status;
   }
 
   // The READ that needs the slow bytes waits them all out and answers whole.
@@ -44,13 +68,17 @@ class FaultMatrix : public support::StreamTest,
     observed = "READ of " + std::to_string(count) + " bytes answered whole";
   }
 
-  // libmms takes the short read as a failed packet but keeps the connection,
-  // reading on from the middle of the packet: not the stream in order.
+  // The READ that meets the pause answers after the 7-second wait, every
+  // READ in time. libmms takes the short read as a failed packet but keeps
+  // the connection, reading on from the middle of the packet: not the
+  // stream in order.
   void shortRead() {
     const std::string reference = asfStreamBytes(support::sampleAsf());
     ASSERT_EQ("OK_", connect(url()).status());
     const Fetched got = readStream(halvarine::maxReadCount(), 2 * reference.size(), 60);
-    EXPECT_NE(-1, support::firstDifference(got.bytes, reference)) << "the stream survived whole";
+    EXPECT_GE(secondsSince(start), 6.5) << "the pause was not waited for";
+    expectOrNotice(support::firstDifference(got.bytes, reference) != -1,
+                   "the stream survived the short read whole");
     observed = got.lastStatus + " at byte " + std::to_string(got.bytes.size());
   }
 
@@ -87,7 +115,12 @@ class FaultMatrix : public support::StreamTest,
   // sees its socket end, and stopping the worker leaves nothing.
   void dies() {
     halvarine::Reply r;
-    EXPECT_FALSE(session.call(request("CONNECT", {url()}), 60000, r));
+    if (session.call(request("CONNECT", {url()}), 60000, r)) {
+      expectOrNotice(false, "CONNECT answered " + r.status() + ": the worker lived");
+      observed = "CONNECT " + r.status();
+      return;
+    }
+    died = true;
     EXPECT_EQ(halvarine::ControllerConnection::Failure::LOST, session.connection().failure())
         << session.error();
     const pid_t pid = session.worker().pid();
@@ -98,19 +131,32 @@ class FaultMatrix : public support::StreamTest,
     observed = "controller: " + session.error() + "; worker: " + how.toString();
   }
 
-  // libmms opens the stream again at each end chunk: every READ is
-  // answered, the stream never ends.
+  // Every READ answered in time. libmms opens the stream again at each end
+  // chunk: the stream never ends.
   void continues() {
     ASSERT_EQ("OK_", connect(url()).status());
     const size_t bound = 3 * asfStreamBytes(support::sampleAsf()).size();
     const Fetched got = readStream(halvarine::maxReadCount(), bound, 60);
-    EXPECT_EQ("OK_", got.lastStatus) << "after " << got.bytes.size() << " bytes";
+    expectOrNotice(got.lastStatus == "OK_", "the stream ended (" + got.lastStatus + ") after " +
+                                                std::to_string(got.bytes.size()) + " bytes");
     observed = std::to_string(got.bytes.size()) + " bytes, no EOF";
   }
 
   int64_t start = 0;
   std::string observed;
+  bool died = false;
+  std::string notice;  // how libmms differs from the row, when it does
 };
+
+std::vector<support::FaultRow> rows(bool libmms) {
+  std::vector<support::FaultRow> chosen;
+  for (const support::FaultRow& r :
+       support::faultRows({"open-fails", "waits-whole", "short-read", "garbage", "long-url",
+                           "nul-in-url", "dies", "dies-sigprof", "continues"})) {
+    if (FaultMatrix::recordsLibmms(r.row) == libmms) chosen.push_back(r);
+  }
+  return chosen;
+}
 
 TEST_P(FaultMatrix, Outcome) {
   const FaultCase& c = GetParam().row;
@@ -127,15 +173,20 @@ TEST_P(FaultMatrix, Outcome) {
       {"continues", &FaultMatrix::continues}};
   start = nowMs();
   (this->*runners.at(c.outcome))();
-  if (c.outcome.compare(0, 4, "dies") != 0) expectOnlyCcheckReply(nextEcho());  // serves on
+  if (!died) expectOnlyCcheckReply(nextEcho());  // serves on
   std::cout << "[ observed ] " << GetParam().name << ": " << observed << " after "
             << secondsSince(start) << " s" << std::endl;
+  if (!notice.empty() && !HasFailure()) {
+    GTEST_SKIP() << "notice: libmms no longer behaves as the table records (" << c.observed
+                 << "): " << notice;
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, FaultMatrix,
-                         ::testing::ValuesIn(support::faultRows(
-                             {"open-fails", "waits-whole", "short-read", "garbage", "long-url",
-                              "nul-in-url", "dies", "dies-sigprof", "continues"})),
+// What the worker and its controller must do.
+INSTANTIATE_TEST_SUITE_P(Rows, FaultMatrix, ::testing::ValuesIn(rows(false)),
+                         ::testing::PrintToStringParamName());
+// What libmms does, recorded.
+INSTANTIATE_TEST_SUITE_P(Libmms, FaultMatrix, ::testing::ValuesIn(rows(true)),
                          ::testing::PrintToStringParamName());
 
 }  // namespace

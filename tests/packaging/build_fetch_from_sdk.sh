@@ -7,8 +7,8 @@
 # With a build dir, that tree's library is installed (cmake --install) into a
 # scratch prefix first; with --prefix, the SDK already installed there is
 # used (/usr for the libhalvarine-controller-dev package). The tool's own
-# sources (tools/fetch, tools/asf and the MMS wire header it shares with the
-# test server) are copied apart from the rest of the tree, so that a header
+# sources (tools/fetch, tools/asf, tools/common and the MMS wire header it
+# shares with the test server) are copied apart from the rest of the tree, so that a header
 # of the library's internals (base/, channel/) cannot be found: only
 # <halvarine/...> from the prefix, through pkg-config. CXX names the
 # compiler (c++) and CXXFLAGS its options (-O0: a proof that it builds), CMAKE
@@ -35,13 +35,13 @@ PC=$(find "$PREFIX" -name halvarine-controller.pc -path '*pkgconfig*' 2>/dev/nul
 pc() { pkg-config --define-variable=prefix="$PREFIX" "$@" "$PC"; }
 
 mkdir -p "$OUT/src/tools/mmsserver"
-cp -r "$SOURCE/tools/fetch" "$SOURCE/tools/asf" "$OUT/src/tools/"
+cp -r "$SOURCE/tools/fetch" "$SOURCE/tools/asf" "$SOURCE/tools/common" "$OUT/src/tools/"
 cp "$SOURCE/tools/mmsserver/mmst_wire.h" "$OUT/src/tools/mmsserver/"
 
 # shellcheck disable=SC2046,SC2086  # pkg-config's and CXXFLAGS's words are separate arguments
 "$CXX" -std=c++17 ${CXXFLAGS:--O0} -Wall -Werror -I"$OUT/src" $(pc --cflags) \
   -DHALVARINE_VERSION="\"$(pc --modversion)\"" \
-  "$OUT"/src/tools/fetch/*.cc "$OUT"/src/tools/asf/*.cc \
+  "$OUT"/src/tools/fetch/*.cc "$OUT"/src/tools/asf/*.cc "$OUT"/src/tools/common/*.cc \
   -o "$OUT/halvarine-fetch" $(pc --libs) ||
   fail "halvarine-fetch does not build against the SDK in $PREFIX"
 

@@ -69,7 +69,7 @@ case "${HALVARINE_CLEAN_ROOT_STEP:-}" in
     cp tests/packaging/installed.sh tests/packaging/build_fetch_from_sdk.sh "$ROOT$CHECK/"
     # The tool's own sources, to build it against the installed SDK alone.
     mkdir -p "$ROOT$CHECK/src/tools/mmsserver"
-    cp -r tools/fetch tools/asf "$ROOT$CHECK/src/tools/"
+    cp -r tools/fetch tools/asf tools/common "$ROOT$CHECK/src/tools/"
     cp tools/mmsserver/mmst_wire.h "$ROOT$CHECK/src/tools/mmsserver/"
     started=$SECONDS
     chroot "$ROOT" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \

@@ -88,7 +88,7 @@ TEST_F(Peers, WorkerReadsVlcMmshOutputInBothUrlForms) {
   const support::TempDir home;  // nobody's, with a copy of the sample it can read
   chmod(home.path().c_str(), 0755);
   ASSERT_TRUE(support::writeFile(home.file("s.asf"), support::readFile(HALVARINE_SAMPLE_ASF)));
-  const std::string headerGuid(reinterpret_cast<const char*>(kHeaderObject.bytes), kGuidSize);
+  const std::string headerGuid(reinterpret_cast<const char*>(HEADER_OBJECT.bytes), GUID_SIZE);
   for (const char* scheme : {"mmsh://", "http://"}) {
     SCOPED_TRACE(scheme);
     const uint16_t port = support::freeTcpPort("127.0.0.1");
@@ -109,7 +109,7 @@ TEST_F(Peers, WorkerReadsVlcMmshOutputInBothUrlForms) {
     const Fetched got = readStream(32768, 200 * 1024, 10);  // about 36 kB a second for 6 s
     EXPECT_TRUE(got.lastStatus == "OK_" || got.lastStatus == "EOF") << got.lastStatus;
     const uint64_t headerLength = asfStreamHeaderLength(got.bytes);
-    EXPECT_GT(headerLength, kHeaderObjectFixedSize);
+    EXPECT_GT(headerLength, HEADER_OBJECT_FIXED_SIZE);
     EXPECT_GT(got.bytes.size(), headerLength);
     EXPECT_EQ("OK_", command("CLOSE").status());
   }

@@ -18,6 +18,8 @@
 #include <iostream>
 #include <sstream>
 
+#include "tools/common/table.h"
+
 using halvarine::Reply;
 using halvarine::Request;
 using halvarine::UniqueFd;
@@ -92,16 +94,9 @@ bool fileExists(const std::string& path) {
 }
 
 std::vector<std::vector<std::string>> tableRows(const std::string& path) {
-  std::vector<std::vector<std::string>> rows;
-  for (const std::string& line : halvarine::splitLines(readFile(path))) {
-    if (line.empty() || line[0] == '#') continue;
-    rows.emplace_back();
-    for (size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
-      end = line.find('\t', begin);
-      rows.back().push_back(line.substr(begin, end == std::string::npos ? end : end - begin));
-    }
-  }
-  if (rows.empty()) ADD_FAILURE() << "no rows in " << path;
+  std::vector<tools::TableRow> rows;
+  std::string error;
+  if (!tools::readTable(path, rows, error)) ADD_FAILURE() << error;
   return rows;
 }
 
@@ -131,12 +126,13 @@ std::string framemd5(const std::string& input, const TempDir& dir) {
 
 std::vector<FaultRow> faultRows(const std::vector<std::string>& outcomes) {
   std::vector<FaultRow> rows;
-  for (const FaultCase& c : faultCases()) {
+  for (const FaultCase& c : mmsserver::faultCases()) {
     if (std::find(outcomes.begin(), outcomes.end(), c.outcome) == outcomes.end()) continue;
     FaultRow r;
     r.row = c;
     std::string error;
-    if (!parseFaults(c.arguments, r.faults, error)) ADD_FAILURE() << c.id << ": " << error;
+    if (!mmsserver::parseFaults(c.arguments, r.faults, error))
+      ADD_FAILURE() << c.id << ": " << error;
     const bool both = c.transport == "both";
     if (both || c.transport == "mmst" || c.transport == "-") {
       r.name = c.id + (c.transport == "-" ? "" : "Mmst");

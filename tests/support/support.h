@@ -22,9 +22,17 @@
 #include "tools/libmms-fetch/libmms_stream.h"
 #include "tools/mmsserver/server.h"
 
+namespace mmsserver {
 inline void PrintTo(Transport t, std::ostream* os) {
   *os << (t == Transport::MMST ? "MMST" : "MMSH");
 }
+}  // namespace mmsserver
+
+// The test servers' and the reference client's names, as every test uses
+// them.
+using libmmsfetch::LibmmsStream;
+using mmsserver::FaultCase;
+using mmsserver::Faults;
 
 namespace support {
 

@@ -13,56 +13,56 @@ Guid guid(uint32_t d1, uint16_t d2, uint16_t d3, uint64_t d4) {
   return g;
 }
 
-const Guid kHeaderObject = guid(0x75B22630, 0x668E, 0x11CF, 0xA6D900AA0062CE6CULL);
-const Guid kDataObject = guid(0x75B22636, 0x668E, 0x11CF, 0xA6D900AA0062CE6CULL);
-const Guid kFileProperties = guid(0x8CABDCA1, 0xA947, 0x11CF, 0x8EE400C00C205365ULL);
-const Guid kStreamProperties = guid(0xB7DC0791, 0xA9B7, 0x11CF, 0x8EE600C00C205365ULL);
-const Guid kHeaderExtension = guid(0x5FBF03B5, 0xA92E, 0x11CF, 0x8EE300C00C205365ULL);
-const Guid kExtensionReserved = guid(0xABD3D211, 0xA9BA, 0x11CF, 0x8EE600C00C205365ULL);
-const Guid kAudioMedia = guid(0xF8699E40, 0x5B4D, 0x11CF, 0xA8FD00805F5C442BULL);
-const Guid kNoErrorCorrection = guid(0x20FB5700, 0x5B55, 0x11CF, 0xA8FD00805F5C442BULL);
-const Guid kStreamBitrateProperties = guid(0x7BF875CE, 0x468D, 0x11D1, 0x8D82006097C9A2B2ULL);
-const Guid kPadding = guid(0x1806D474, 0xCADF, 0x4509, 0xA4BA9AABCB96AAE8ULL);
+const Guid HEADER_OBJECT = guid(0x75B22630, 0x668E, 0x11CF, 0xA6D900AA0062CE6CULL);
+const Guid DATA_OBJECT = guid(0x75B22636, 0x668E, 0x11CF, 0xA6D900AA0062CE6CULL);
+const Guid FILE_PROPERTIES = guid(0x8CABDCA1, 0xA947, 0x11CF, 0x8EE400C00C205365ULL);
+const Guid STREAM_PROPERTIES = guid(0xB7DC0791, 0xA9B7, 0x11CF, 0x8EE600C00C205365ULL);
+const Guid HEADER_EXTENSION = guid(0x5FBF03B5, 0xA92E, 0x11CF, 0x8EE300C00C205365ULL);
+const Guid EXTENSION_RESERVED = guid(0xABD3D211, 0xA9BA, 0x11CF, 0x8EE600C00C205365ULL);
+const Guid AUDIO_MEDIA = guid(0xF8699E40, 0x5B4D, 0x11CF, 0xA8FD00805F5C442BULL);
+const Guid NO_ERROR_CORRECTION = guid(0x20FB5700, 0x5B55, 0x11CF, 0xA8FD00805F5C442BULL);
+const Guid STREAM_BITRATE_PROPERTIES = guid(0x7BF875CE, 0x468D, 0x11D1, 0x8D82006097C9A2B2ULL);
+const Guid PADDING = guid(0x1806D474, 0xCADF, 0x4509, 0xA4BA9AABCB96AAE8ULL);
 
 bool guidAt(const std::string& s, size_t at, const Guid& g) {
-  return at + kGuidSize <= s.size() &&
-         s.compare(at, kGuidSize, reinterpret_cast<const char*>(g.bytes), kGuidSize) == 0;
+  return at + GUID_SIZE <= s.size() &&
+         s.compare(at, GUID_SIZE, reinterpret_cast<const char*>(g.bytes), GUID_SIZE) == 0;
 }
 
 void putGuid(std::string& out, const Guid& g) {
-  out.append(reinterpret_cast<const char*>(g.bytes), kGuidSize);
+  out.append(reinterpret_cast<const char*>(g.bytes), GUID_SIZE);
 }
 
 namespace {
 
-constexpr size_t kDataObjectHeaderSize = 50;
-constexpr size_t kFilePropertiesSize = 104;
+constexpr size_t DATA_OBJECT_HEADER_SIZE = 50;
+constexpr size_t FILE_PROPERTIES_SIZE = 104;
 
 // Offsets inside the File Properties Object.
-constexpr size_t kFpFileId = 24;
-constexpr size_t kFpFileSize = 40;
-constexpr size_t kFpPacketCount = 56;
-constexpr size_t kFpPlayDuration = 64;
-constexpr size_t kFpSendDuration = 72;
-constexpr size_t kFpPreroll = 80;
-constexpr size_t kFpFlags = 88;
-constexpr size_t kFpMinPacketSize = 92;
-constexpr size_t kFpMaxPacketSize = 96;
+constexpr size_t FP_FILE_ID = 24;
+constexpr size_t FP_FILE_SIZE = 40;
+constexpr size_t FP_PACKET_COUNT = 56;
+constexpr size_t FP_PLAY_DURATION = 64;
+constexpr size_t FP_SEND_DURATION = 72;
+constexpr size_t FP_PREROLL = 80;
+constexpr size_t FP_FLAGS = 88;
+constexpr size_t FP_MIN_PACKET_SIZE = 92;
+constexpr size_t FP_MAX_PACKET_SIZE = 96;
 // Offsets inside the Data Object.
-constexpr size_t kDoSize = 16;
-constexpr size_t kDoTotalPackets = 40;
+constexpr size_t DO_SIZE = 16;
+constexpr size_t DO_TOTAL_PACKETS = 40;
 
-constexpr uint32_t kFlagBroadcast = 0x01;
-constexpr uint32_t kFlagSeekable = 0x02;
+constexpr uint32_t FLAG_BROADCAST = 0x01;
+constexpr uint32_t FLAG_SEEKABLE = 0x02;
 
 // Finds the File Properties Object among the Header Object's children.
 // Returns its offset, or 0 when absent or when a child's size is broken.
 size_t findFileProperties(const std::string& header, uint64_t headerSize) {
-  size_t at = kHeaderObjectFixedSize;
-  while (at + kObjectHeadSize <= headerSize) {
-    uint64_t size = getLe64(header, at + kGuidSize);
-    if (size < kObjectHeadSize || size > headerSize - at) return 0;
-    if (guidAt(header, at, kFileProperties)) return size >= kFilePropertiesSize ? at : 0;
+  size_t at = HEADER_OBJECT_FIXED_SIZE;
+  while (at + OBJECT_HEAD_SIZE <= headerSize) {
+    uint64_t size = getLe64(header, at + GUID_SIZE);
+    if (size < OBJECT_HEAD_SIZE || size > headerSize - at) return 0;
+    if (guidAt(header, at, FILE_PROPERTIES)) return size >= FILE_PROPERTIES_SIZE ? at : 0;
     at += size;
   }
   return 0;
@@ -96,13 +96,13 @@ uint64_t getLe64(const std::string& in, size_t at) {
 }
 
 bool parseAsf(const std::string& bytes, AsfFile& out, std::string& error) {
-  if (!guidAt(bytes, 0, kHeaderObject) || bytes.size() < kHeaderObjectFixedSize) {
+  if (!guidAt(bytes, 0, HEADER_OBJECT) || bytes.size() < HEADER_OBJECT_FIXED_SIZE) {
     error = "no ASF Header Object at the start";
     return false;
   }
-  uint64_t headerSize = getLe64(bytes, kGuidSize);
-  if (headerSize < kHeaderObjectFixedSize || headerSize > bytes.size() ||
-      bytes.size() - headerSize < kDataObjectHeaderSize) {
+  uint64_t headerSize = getLe64(bytes, GUID_SIZE);
+  if (headerSize < HEADER_OBJECT_FIXED_SIZE || headerSize > bytes.size() ||
+      bytes.size() - headerSize < DATA_OBJECT_HEADER_SIZE) {
     error = "Header Object size " + std::to_string(headerSize) + " does not fit a file of " +
             std::to_string(bytes.size()) + " bytes with a Data Object";
     return false;
@@ -112,35 +112,35 @@ bool parseAsf(const std::string& bytes, AsfFile& out, std::string& error) {
     error = "no well-formed File Properties Object in the header";
     return false;
   }
-  uint32_t minPacket = getLe32(bytes, fp + kFpMinPacketSize);
-  uint32_t maxPacket = getLe32(bytes, fp + kFpMaxPacketSize);
+  uint32_t minPacket = getLe32(bytes, fp + FP_MIN_PACKET_SIZE);
+  uint32_t maxPacket = getLe32(bytes, fp + FP_MAX_PACKET_SIZE);
   if (minPacket != maxPacket || minPacket == 0) {
     error = "packet sizes " + std::to_string(minPacket) + " and " + std::to_string(maxPacket) +
             " are not one fixed size";
     return false;
   }
   size_t data = static_cast<size_t>(headerSize);
-  if (!guidAt(bytes, data, kDataObject)) {
+  if (!guidAt(bytes, data, DATA_OBJECT)) {
     error = "no Data Object after the Header Object";
     return false;
   }
 
   AsfFile file;
-  file.header = bytes.substr(0, data + kDataObjectHeaderSize);
+  file.header = bytes.substr(0, data + DATA_OBJECT_HEADER_SIZE);
   file.packetSize = minPacket;
-  file.fileId = bytes.substr(fp + kFpFileId, kGuidSize);
-  file.fileSize = getLe64(bytes, fp + kFpFileSize);
-  file.playDuration100ns = getLe64(bytes, fp + kFpPlayDuration);
-  file.sendDuration100ns = getLe64(bytes, fp + kFpSendDuration);
-  file.broadcast = (getLe32(bytes, fp + kFpFlags) & kFlagBroadcast) != 0;
+  file.fileId = bytes.substr(fp + FP_FILE_ID, GUID_SIZE);
+  file.fileSize = getLe64(bytes, fp + FP_FILE_SIZE);
+  file.playDuration100ns = getLe64(bytes, fp + FP_PLAY_DURATION);
+  file.sendDuration100ns = getLe64(bytes, fp + FP_SEND_DURATION);
+  file.broadcast = (getLe32(bytes, fp + FP_FLAGS) & FLAG_BROADCAST) != 0;
 
   // The Data Object's own size bounds the packets (an index may follow); a
   // broadcast-style file leaves it 0, and then the packets run to the end.
-  uint64_t dataSize = getLe64(bytes, data + kGuidSize);
+  uint64_t dataSize = getLe64(bytes, data + GUID_SIZE);
   size_t end = bytes.size();
-  if (dataSize >= kDataObjectHeaderSize && dataSize <= bytes.size() - data) end = data + dataSize;
-  uint64_t declared = getLe64(bytes, data + kDoTotalPackets);
-  for (size_t at = data + kDataObjectHeaderSize; at < end; at += file.packetSize) {
+  if (dataSize >= DATA_OBJECT_HEADER_SIZE && dataSize <= bytes.size() - data) end = data + dataSize;
+  uint64_t declared = getLe64(bytes, data + DO_TOTAL_PACKETS);
+  for (size_t at = data + DATA_OBJECT_HEADER_SIZE; at < end; at += file.packetSize) {
     if (declared != 0 && file.packets.size() == declared) break;
     std::string packet = bytes.substr(at, std::min<size_t>(file.packetSize, end - at));
     packet.resize(file.packetSize, '\0');
@@ -180,12 +180,12 @@ namespace {
 // Where the File Properties Object and the Data Object start in `header`;
 // false when either is missing.
 bool locateObjects(const std::string& header, size_t& fp, size_t& data) {
-  if (header.size() < kHeaderObjectFixedSize || !guidAt(header, 0, kHeaderObject)) return false;
-  const uint64_t headerSize = std::min<uint64_t>(getLe64(header, kGuidSize), header.size());
+  if (header.size() < HEADER_OBJECT_FIXED_SIZE || !guidAt(header, 0, HEADER_OBJECT)) return false;
+  const uint64_t headerSize = std::min<uint64_t>(getLe64(header, GUID_SIZE), header.size());
   fp = findFileProperties(header, headerSize);
   data = static_cast<size_t>(headerSize);
-  return fp != 0 && header.size() - data >= kDataObjectHeaderSize &&
-         guidAt(header, data, kDataObject);
+  return fp != 0 && header.size() - data >= DATA_OBJECT_HEADER_SIZE &&
+         guidAt(header, data, DATA_OBJECT);
 }
 
 void setLe32(std::string& s, size_t at, uint32_t v) {
@@ -203,23 +203,23 @@ void setLe64(std::string& s, size_t at, uint64_t v) {
 }  // namespace
 
 bool patchPacketSize(std::string& header, uint32_t packetSize) {
-  if (header.size() < kHeaderObjectFixedSize || !guidAt(header, 0, kHeaderObject)) return false;
-  uint64_t headerSize = std::min<uint64_t>(getLe64(header, kGuidSize), header.size());
+  if (header.size() < HEADER_OBJECT_FIXED_SIZE || !guidAt(header, 0, HEADER_OBJECT)) return false;
+  uint64_t headerSize = std::min<uint64_t>(getLe64(header, GUID_SIZE), header.size());
   size_t fp = findFileProperties(header, headerSize);
   if (fp == 0) return false;
-  setLe32(header, fp + kFpMinPacketSize, packetSize);
-  setLe32(header, fp + kFpMaxPacketSize, packetSize);
+  setLe32(header, fp + FP_MIN_PACKET_SIZE, packetSize);
+  setLe32(header, fp + FP_MAX_PACKET_SIZE, packetSize);
   return true;
 }
 
 bool declarePackets(std::string& header, uint64_t packets, uint32_t packetSize) {
   size_t fp = 0, data = 0;
   if (!locateObjects(header, fp, data)) return false;
-  const uint64_t dataSize = kDataObjectHeaderSize + packets * packetSize;
-  setLe64(header, fp + kFpFileSize, data + dataSize);
-  setLe64(header, fp + kFpPacketCount, packets);
-  setLe64(header, data + kDoSize, dataSize);
-  setLe64(header, data + kDoTotalPackets, packets);
+  const uint64_t dataSize = DATA_OBJECT_HEADER_SIZE + packets * packetSize;
+  setLe64(header, fp + FP_FILE_SIZE, data + dataSize);
+  setLe64(header, fp + FP_PACKET_COUNT, packets);
+  setLe64(header, data + DO_SIZE, dataSize);
+  setLe64(header, data + DO_TOTAL_PACKETS, packets);
   return true;
 }
 
@@ -230,25 +230,25 @@ bool declareRecording(std::string& header, uint64_t packets, uint32_t packetSize
   }
   // Both durations are in 100 ns; the preroll, in ms, is the time players
   // hold back before the first packet plays, and the play duration counts it.
-  const uint64_t prerollMs = getLe64(header, fp + kFpPreroll);
-  setLe64(header, fp + kFpSendDuration, spanMs * 10000);
-  setLe64(header, fp + kFpPlayDuration, (spanMs + prerollMs) * 10000);
-  const uint32_t flags = getLe32(header, fp + kFpFlags);
-  setLe32(header, fp + kFpFlags, (flags & ~kFlagBroadcast) | kFlagSeekable);
+  const uint64_t prerollMs = getLe64(header, fp + FP_PREROLL);
+  setLe64(header, fp + FP_SEND_DURATION, spanMs * 10000);
+  setLe64(header, fp + FP_PLAY_DURATION, (spanMs + prerollMs) * 10000);
+  const uint32_t flags = getLe32(header, fp + FP_FLAGS);
+  setLe32(header, fp + FP_FLAGS, (flags & ~FLAG_BROADCAST) | FLAG_SEEKABLE);
   return true;
 }
 
 bool markBroadcast(std::string& header) {
   size_t fp = 0, data = 0;
   if (!locateObjects(header, fp, data)) return false;
-  for (size_t field : {kFpFileSize, kFpPacketCount, kFpPlayDuration, kFpSendDuration}) {
+  for (size_t field : {FP_FILE_SIZE, FP_PACKET_COUNT, FP_PLAY_DURATION, FP_SEND_DURATION}) {
     setLe64(header, fp + field, 0);
   }
-  setLe32(header, fp + kFpFlags, kFlagBroadcast);
+  setLe32(header, fp + FP_FLAGS, FLAG_BROADCAST);
   // The Data Object's own head and nothing known behind it, as live servers
   // send it: a size of 0 would stop any reader that walks objects by size.
-  setLe64(header, data + kDoSize, kDataObjectHeaderSize);
-  setLe64(header, data + kDoTotalPackets, 0);
+  setLe64(header, data + DO_SIZE, DATA_OBJECT_HEADER_SIZE);
+  setLe64(header, data + DO_TOTAL_PACKETS, 0);
   return true;
 }
 
@@ -257,22 +257,22 @@ namespace {
 // The generated stream is 16-bit stereo PCM at 44.1 kHz, so a player can
 // time it; the samples are a counter, which makes every packet distinct and
 // a misplaced byte visible.
-constexpr uint32_t kSampleRate = 44100;
-constexpr uint16_t kChannels = 2;
-constexpr uint16_t kBlockAlign = 4;
-constexpr uint32_t kByteRate = kSampleRate * kBlockAlign;
-constexpr uint8_t kStreamNumber = 1;
+constexpr uint32_t SAMPLE_RATE = 44100;
+constexpr uint16_t CHANNELS = 2;
+constexpr uint16_t BLOCK_ALIGN = 4;
+constexpr uint32_t BYTE_RATE = SAMPLE_RATE * BLOCK_ALIGN;
+constexpr uint8_t STREAM_NUMBER = 1;
 // Fixed part of one generated data packet: error correction (3), length
 // flags and property flags (2), padding length (2), send time (4), duration
 // (2); then the one payload's head: stream, object number, offset,
 // replicated length (7) and replicated data (8).
-constexpr uint32_t kPacketOverhead = 3 + 2 + 2 + 4 + 2 + 7 + 8;
+constexpr uint32_t PACKET_OVERHEAD = 3 + 2 + 2 + 4 + 2 + 7 + 8;
 
 std::string fileProperties(uint64_t fileSize, uint64_t packets, uint32_t packetSize,
                            uint64_t duration100ns) {
   std::string o;
-  putGuid(o, kFileProperties);
-  putLe64(o, kFilePropertiesSize);
+  putGuid(o, FILE_PROPERTIES);
+  putLe64(o, FILE_PROPERTIES_SIZE);
   putGuid(o, guid(0x48414C56, 0x4152, 0x494E, 0x4547454E45524154ULL));  // file id
   putLe64(o, fileSize);
   putLe64(o, 0);  // creation date
@@ -283,29 +283,29 @@ std::string fileProperties(uint64_t fileSize, uint64_t packets, uint32_t packetS
   putLe32(o, 0x02);           // seekable
   putLe32(o, packetSize);
   putLe32(o, packetSize);
-  putLe32(o, kByteRate * 8);  // maximum bitrate
+  putLe32(o, BYTE_RATE * 8);  // maximum bitrate
   return o;
 }
 
 std::string streamProperties() {
   std::string wave;       // WAVEFORMATEX
   putLe16(wave, 0x0001);  // PCM
-  putLe16(wave, kChannels);
-  putLe32(wave, kSampleRate);
-  putLe32(wave, kByteRate);
-  putLe16(wave, kBlockAlign);
+  putLe16(wave, CHANNELS);
+  putLe32(wave, SAMPLE_RATE);
+  putLe32(wave, BYTE_RATE);
+  putLe16(wave, BLOCK_ALIGN);
   putLe16(wave, 16);  // bits per sample
   putLe16(wave, 0);   // no extra bytes
 
   std::string o;
-  putGuid(o, kStreamProperties);
+  putGuid(o, STREAM_PROPERTIES);
   putLe64(o, 78 + wave.size());
-  putGuid(o, kAudioMedia);
-  putGuid(o, kNoErrorCorrection);
+  putGuid(o, AUDIO_MEDIA);
+  putGuid(o, NO_ERROR_CORRECTION);
   putLe64(o, 0);  // time offset
   putLe32(o, static_cast<uint32_t>(wave.size()));
   putLe32(o, 0);  // error correction data length
-  putLe16(o, kStreamNumber);
+  putLe16(o, STREAM_NUMBER);
   putLe32(o, 0);  // reserved
   o += wave;
   return o;
@@ -313,18 +313,18 @@ std::string streamProperties() {
 
 std::string headerExtension() {
   std::string o;
-  putGuid(o, kHeaderExtension);
+  putGuid(o, HEADER_EXTENSION);
   putLe64(o, 46);
-  putGuid(o, kExtensionReserved);
+  putGuid(o, EXTENSION_RESERVED);
   putLe16(o, 6);
   putLe32(o, 0);  // no extension objects
   return o;
 }
 
 std::string dataPacket(uint32_t index, uint32_t packetSize) {
-  uint32_t payload = packetSize - kPacketOverhead;
-  uint32_t sendMs = static_cast<uint32_t>(uint64_t{index} * payload * 1000 / kByteRate);
-  uint32_t nextMs = static_cast<uint32_t>(uint64_t{index + 1} * payload * 1000 / kByteRate);
+  uint32_t payload = packetSize - PACKET_OVERHEAD;
+  uint32_t sendMs = static_cast<uint32_t>(uint64_t{index} * payload * 1000 / BYTE_RATE);
+  uint32_t nextMs = static_cast<uint32_t>(uint64_t{index + 1} * payload * 1000 / BYTE_RATE);
   std::string p;
   p.push_back('\x82');  // error correction data of 2 bytes follows
   p.append(2, '\0');
@@ -333,7 +333,7 @@ std::string dataPacket(uint32_t index, uint32_t packetSize) {
   putLe16(p, 0);        // padding
   putLe32(p, sendMs);
   putLe16(p, static_cast<uint16_t>(nextMs - sendMs));
-  p.push_back(static_cast<char>(0x80 | kStreamNumber));  // key frame
+  p.push_back(static_cast<char>(0x80 | STREAM_NUMBER));  // key frame
   p.push_back(static_cast<char>(index & 0xff));          // media object number
   putLe32(p, 0);                                         // offset into the media object
   p.push_back(8);  // replicated data: object size, presentation time
@@ -348,29 +348,29 @@ std::string dataPacket(uint32_t index, uint32_t packetSize) {
 }  // namespace
 
 std::string generateAsf(uint64_t bytes, uint32_t packetSize) {
-  packetSize = std::max(packetSize, kPacketOverhead + kBlockAlign);
+  packetSize = std::max(packetSize, PACKET_OVERHEAD + BLOCK_ALIGN);
   std::string children =
       fileProperties(0, 0, packetSize, 0) + streamProperties() + headerExtension();
-  uint64_t headerSize = kHeaderObjectFixedSize + children.size();
-  uint64_t fixed = headerSize + kDataObjectHeaderSize;
+  uint64_t headerSize = HEADER_OBJECT_FIXED_SIZE + children.size();
+  uint64_t fixed = headerSize + DATA_OBJECT_HEADER_SIZE;
   uint64_t packets = bytes > fixed ? std::max<uint64_t>(1, (bytes - fixed) / packetSize) : 1;
-  uint64_t payloadBytes = packets * (packetSize - kPacketOverhead);
-  uint64_t duration100ns = payloadBytes * 10000000 / kByteRate;
+  uint64_t payloadBytes = packets * (packetSize - PACKET_OVERHEAD);
+  uint64_t duration100ns = payloadBytes * 10000000 / BYTE_RATE;
   uint64_t fileSize = fixed + packets * packetSize;
-  children.replace(0, kFilePropertiesSize,
+  children.replace(0, FILE_PROPERTIES_SIZE,
                    fileProperties(fileSize, packets, packetSize, duration100ns));
 
   std::string out;
   out.reserve(fileSize);
-  putGuid(out, kHeaderObject);
+  putGuid(out, HEADER_OBJECT);
   putLe64(out, headerSize);
   putLe32(out, 3);  // child objects
   out.push_back('\x01');
   out.push_back('\x02');
   out += children;
-  putGuid(out, kDataObject);
-  putLe64(out, kDataObjectHeaderSize + packets * packetSize);
-  out.append(children, kFpFileId, kGuidSize);
+  putGuid(out, DATA_OBJECT);
+  putLe64(out, DATA_OBJECT_HEADER_SIZE + packets * packetSize);
+  out.append(children, FP_FILE_ID, GUID_SIZE);
   putLe64(out, packets);
   out.push_back('\x01');
   out.push_back('\x01');

@@ -72,14 +72,14 @@ struct Guid {
   unsigned char bytes[16];
 };
 Guid guid(uint32_t d1, uint16_t d2, uint16_t d3, uint64_t d4);
-extern const Guid kHeaderObject, kDataObject, kFileProperties, kStreamProperties, kHeaderExtension,
-    kExtensionReserved, kAudioMedia, kNoErrorCorrection, kStreamBitrateProperties, kPadding;
+extern const Guid HEADER_OBJECT, DATA_OBJECT, FILE_PROPERTIES, STREAM_PROPERTIES, HEADER_EXTENSION,
+    EXTENSION_RESERVED, AUDIO_MEDIA, NO_ERROR_CORRECTION, STREAM_BITRATE_PROPERTIES, PADDING;
 bool guidAt(const std::string& s, size_t at, const Guid& g);
 void putGuid(std::string& out, const Guid& g);
 
-constexpr size_t kGuidSize = 16;
-constexpr size_t kObjectHeadSize = 24;         // GUID + 64-bit object size
-constexpr size_t kHeaderObjectFixedSize = 30;  // + object count, two reserved bytes
+constexpr size_t GUID_SIZE = 16;
+constexpr size_t OBJECT_HEAD_SIZE = 24;          // GUID + 64-bit object size
+constexpr size_t HEADER_OBJECT_FIXED_SIZE = 30;  // + object count, two reserved bytes
 
 // Little-endian wire fields, as ASF and both MMS framings use them. The
 // readers take an offset that the caller has checked against the size.

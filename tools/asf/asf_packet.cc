@@ -4,8 +4,8 @@ namespace {
 
 // Width of a field whose 2-bit length type is `type`: none, byte, word, dword.
 size_t fieldWidth(unsigned type) {
-  static const size_t kWidths[] = {0, 1, 2, 4};
-  return kWidths[type & 3];
+  static const size_t WIDTHS[] = {0, 1, 2, 4};
+  return WIDTHS[type & 3];
 }
 
 uint32_t readField(const std::string& p, size_t at, size_t width) {

@@ -4,11 +4,11 @@
 #include "tools/asf/asf_packet.h"
 
 uint64_t asfStreamHeaderLength(const std::string& start) {
-  if (start.size() < kHeaderObjectFixedSize || !guidAt(start, 0, kHeaderObject)) return 0;
-  const uint64_t headerObject = getLe64(start, kGuidSize);
+  if (start.size() < HEADER_OBJECT_FIXED_SIZE || !guidAt(start, 0, HEADER_OBJECT)) return 0;
+  const uint64_t headerObject = getLe64(start, GUID_SIZE);
   // The Data Object's start: GUID, size, file id, packet count, reserved.
   const uint64_t dataObjectStart = 50;
-  if (headerObject < kHeaderObjectFixedSize || headerObject > UINT64_MAX - dataObjectStart)
+  if (headerObject < HEADER_OBJECT_FIXED_SIZE || headerObject > UINT64_MAX - dataObjectStart)
     return 0;
   return headerObject + dataObjectStart;
 }

@@ -12,7 +12,7 @@
 #include <string>
 
 // The stream header's whole length, read from its first
-// kHeaderObjectFixedSize bytes; 0 when they do not begin an ASF Header
+// HEADER_OBJECT_FIXED_SIZE bytes; 0 when they do not begin an ASF Header
 // Object.
 uint64_t asfStreamHeaderLength(const std::string& start);
 

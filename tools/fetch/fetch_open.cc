@@ -113,7 +113,7 @@ Fetch::Opened Fetch::open(bool first) {
 
 Fetch::Opened Fetch::readHeader(std::string& header) {
   Opened opened;
-  uint64_t need = kHeaderObjectFixedSize;
+  uint64_t need = HEADER_OBJECT_FIXED_SIZE;
   bool sized = false;
   while (header.size() < need) {
     halvarine::Reply reply;

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <iostream>
 
+#include "tools/common/number.h"
+
 namespace fetch {
 
 namespace {
@@ -38,11 +40,9 @@ bool parseScaled(const std::string& text, const std::vector<std::pair<std::strin
 }
 
 // A plain decimal number within [min, max].
-bool parseCount(const std::string& text, int64_t min, int64_t max, int64_t& out) {
-  if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos)
-    return false;
-  out = atoll(text.c_str());
-  return out >= min && out <= max;
+bool parseCount(const std::string& text, long long min, long long max, long long& out) {
+  std::string ignored;  // the option's own line says what is wanted
+  return tools::parseNumber(text, min, max, out, ignored);
 }
 
 enum LongOnly {
@@ -182,7 +182,7 @@ Parsed parseOptions(int argc, char** argv, Options& out) {
       name = name.substr(0, name.find('='));
     }
     const std::string value = optarg != nullptr ? optarg : "";
-    int64_t n = 0;
+    long long n = 0;
     // A value checked against its kind and range; `what` says what is wanted.
     auto need = [&](bool ok, const std::string& what) {
       return ok ? Parsed::RUN : usageError(name + " needs " + what + ", not \"" + value + "\"");

@@ -116,7 +116,7 @@ std::string command(uint16_t id, uint32_t sequence, uint32_t prefix1, uint32_t p
   std::string body;
   putLe32(body, prefix1);
   putLe32(body, prefix2);
-  return mmst::makeCommand(mmst::kToServer, id, sequence, 0, body + rest);
+  return mmst::makeCommand(mmst::TO_SERVER, id, sequence, 0, body + rest);
 }
 
 std::string lowerCase(std::string s) {
@@ -221,7 +221,7 @@ ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path
   auto report = [&](mmst::Command& out) {
     auto whole = [](const std::string& got) {
       const size_t size = mmst::messageSize(got);
-      return got.size() >= mmst::kLeadBytes && (size == 0 || got.size() >= size);
+      return got.size() >= mmst::LEAD_BYTES && (size == 0 || got.size() >= size);
     };
     if (!receiveUntil(fd.get(), received, deadline, whole)) {
       if (!received.empty()) a.kind = ProbeAnswer::OTHER;
@@ -230,7 +230,7 @@ ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path
     const size_t size = mmst::messageSize(received);
     std::string why;
     if (size == 0 || !mmst::parseCommand(received.substr(0, size), out, why) ||
-        out.direction != mmst::kToClient) {
+        out.direction != mmst::TO_CLIENT) {
       a.kind = ProbeAnswer::OTHER;
       return false;
     }
@@ -250,10 +250,10 @@ ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path
     std::string message;
     uint16_t answer;
   } steps[] = {
-      {command(mmst::cs::kConnect, 0, 0, 0x0004000B, hello), mmst::sc::kReportConnected},
-      {command(mmst::cs::kConnectFunnel, 1, 0, 0xFFFFFFFF, funnel),
-       mmst::sc::kReportConnectedFunnel},
-      {command(mmst::cs::kOpenFile, 2, 0, 0, file), mmst::sc::kReportOpenFile},
+      {command(mmst::cs::CONNECT, 0, 0, 0x0004000B, hello), mmst::sc::REPORT_CONNECTED},
+      {command(mmst::cs::CONNECT_FUNNEL, 1, 0, 0xFFFFFFFF, funnel),
+       mmst::sc::REPORT_CONNECTED_FUNNEL},
+      {command(mmst::cs::OPEN_FILE, 2, 0, 0, file), mmst::sc::REPORT_OPEN_FILE},
   };
   for (const Step& step : steps) {
     if (!sendAll(fd.get(), step.message, deadline)) return a;
@@ -261,17 +261,17 @@ ProbeAnswer probeMmst(const std::string& host, int port, const std::string& path
     // Pings may come between.
     do {
       if (!report(reply)) return a;
-    } while (reply.id == mmst::sc::kPing);
+    } while (reply.id == mmst::sc::PING);
     a.mmsResult = mmst::fits(reply.body, 0, 4) ? getLe32(reply.body, 0) : 0;
     if (reply.id != step.answer || a.mmsResult != 0) return a;
-    if (reply.id == mmst::sc::kReportOpenFile) {
+    if (reply.id == mmst::sc::REPORT_OPEN_FILE) {
       a.opened = true;
       a.mms = true;
       a.live = mmst::fits(reply.body, OPEN_FILE_FLAGS_AT, 4) &&
                (getLe32(reply.body, OPEN_FILE_FLAGS_AT) & OPEN_FILE_BROADCAST) != 0;
     }
   }
-  sendAll(fd.get(), command(mmst::cs::kCloseFile, 3, 1, 1, ""), deadline);
+  sendAll(fd.get(), command(mmst::cs::CLOSE_FILE, 3, 1, 1, ""), deadline);
   return a;
 }
 

@@ -83,7 +83,7 @@ bool readEarlierFetch(const std::string& path, EarlierFetch& out, ResumeCheck& c
     return false;
   }
   out.fileBytes = static_cast<uint64_t>(st.st_size);
-  std::string start(kHeaderObjectFixedSize, '\0');
+  std::string start(HEADER_OBJECT_FIXED_SIZE, '\0');
   const uint64_t length =
       pread(fd.get(), &start[0], start.size(), 0) == static_cast<ssize_t>(start.size())
           ? asfStreamHeaderLength(start)

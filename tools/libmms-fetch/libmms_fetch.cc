@@ -15,6 +15,7 @@
 // URL), 2 on bad usage or a failed write.
 
 #include <errno.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -27,8 +28,10 @@
 
 #include "base/clock.h"
 #include "base/proc_status.h"
+#include "tools/common/number.h"
 #include "tools/libmms-fetch/libmms_stream.h"
 
+namespace libmmsfetch {
 namespace {
 
 struct FileCloser {
@@ -54,9 +57,18 @@ bool copyStream(LibmmsStream& stream, FILE* out, long long count, int readSize, 
   return true;
 }
 
+// The value of `option` as a number from `min` to `max`, or a line on
+// standard error.
+bool number(const char* option, const char* text, long long min, long long max, long long& value) {
+  std::string why;
+  if (tools::parseNumber(text, min, max, value, why)) return true;
+  fprintf(stderr, "libmms-fetch: %s\n", tools::numberWanted(option, min, max, text).c_str());
+  return false;
+}
+
 }  // namespace
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   if (argc < 3) {
     fprintf(stderr,
             "usage: libmms-fetch URL OUT [--count N] [--bandwidth BPS] [--read-size N] "
@@ -68,6 +80,7 @@ int main(int argc, char** argv) {
   int bandwidth = 1000 * 1000 * 1000;  // every stream fits: libmms keeps the header intact
   int readSize = 64 * 1024;
   bool stats = false;
+  long long n = 0;
   for (int i = 3; i < argc; i += 2) {
     if (strcmp(argv[i], "--stats") == 0) {
       stats = true;
@@ -76,15 +89,13 @@ int main(int argc, char** argv) {
       fprintf(stderr, "libmms-fetch: %s needs a value\n", argv[i]);
       return 2;
     } else if (strcmp(argv[i], "--read-size") == 0) {
-      readSize = atoi(argv[i + 1]);
-      if (readSize <= 0) {
-        fprintf(stderr, "libmms-fetch: bad --read-size %s\n", argv[i + 1]);
-        return 2;
-      }
+      if (!number(argv[i], argv[i + 1], 1, INT_MAX, n)) return 2;
+      readSize = static_cast<int>(n);
     } else if (strcmp(argv[i], "--count") == 0) {
-      count = atoll(argv[i + 1]);
+      if (!number(argv[i], argv[i + 1], 0, LLONG_MAX, count)) return 2;
     } else if (strcmp(argv[i], "--bandwidth") == 0) {
-      bandwidth = atoi(argv[i + 1]);
+      if (!number(argv[i], argv[i + 1], 1, INT_MAX, n)) return 2;
+      bandwidth = static_cast<int>(n);
     } else {
       fprintf(stderr, "libmms-fetch: unknown option %s\n", argv[i]);
       return 2;
@@ -117,4 +128,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   return 0;
+}
+
+}  // namespace libmmsfetch
+
+int main(int argc, char** argv) {
+  return libmmsfetch::run(argc, argv);
 }

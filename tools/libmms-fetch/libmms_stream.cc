@@ -1,5 +1,7 @@
 #include "tools/libmms-fetch/libmms_stream.h"
 
+namespace libmmsfetch {
+
 namespace {
 
 bool startsWith(const std::string& s, const char* prefix) {
@@ -48,3 +50,5 @@ bool LibmmsStream::readAll(const std::string& url, int bandwidth, std::string& o
     out.append(buf, static_cast<size_t>(got));
   return true;
 }
+
+}  // namespace libmmsfetch

@@ -12,6 +12,8 @@
 
 #include <string>
 
+namespace libmmsfetch {
+
 class LibmmsStream {
  public:
   LibmmsStream() = default;
@@ -35,5 +37,7 @@ class LibmmsStream {
   mms_t* mms_ = nullptr;
   mmsh_t* mmsh_ = nullptr;
 };
+
+}  // namespace libmmsfetch
 
 #endif

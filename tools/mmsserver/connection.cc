@@ -8,12 +8,14 @@
 #include "base/clock.h"
 #include "base/wait.h"
 
+namespace mmsserver {
+
 namespace {
 
-constexpr int kReadSilenceMs = 10000;
-constexpr size_t kMaxHttpHead = 64 * 1024;
+constexpr int READ_SILENCE_MS = 10000;
+constexpr size_t MAX_HTTP_HEAD = 64 * 1024;
 // How long a reset waits, at most, for its send queue to drain.
-constexpr int kResetDrainMs = 2000;
+constexpr int RESET_DRAIN_MS = 2000;
 
 }  // namespace
 
@@ -39,7 +41,7 @@ bool Connection::readExact(void* buf, size_t n) {
     if (got == 0) return false;
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
-    if (!readable(kReadSilenceMs)) return false;
+    if (!readable(READ_SILENCE_MS)) return false;
   }
   return n == 0;
 }
@@ -47,7 +49,7 @@ bool Connection::readExact(void* buf, size_t n) {
 bool Connection::readHttpHead(std::string& head) {
   head.clear();
   char c;
-  while (head.size() < kMaxHttpHead) {
+  while (head.size() < MAX_HTTP_HEAD) {
     if (!readExact(&c, 1)) return false;
     head.push_back(c);
     const size_t size = head.size();
@@ -103,7 +105,7 @@ void Connection::reset() {
   if (!fd_.valid()) return;
   // A reset drops whatever still waits in the send queue, so a client that
   // reads slowly would lose some of the bytes before it, by timing.
-  const int64_t deadline = nowMs() + kResetDrainMs;
+  const int64_t deadline = nowMs() + RESET_DRAIN_MS;
   for (int queued = 0; ioctl(fd_.get(), SIOCOUTQ, &queued) == 0 && queued > 0;) {
     if (nowMs() >= deadline || !pause(10)) break;
   }
@@ -111,3 +113,5 @@ void Connection::reset() {
   setsockopt(fd_.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
   fd_.reset();
 }
+
+}  // namespace mmsserver

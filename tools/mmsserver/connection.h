@@ -11,6 +11,8 @@
 
 #include <string>
 
+namespace mmsserver {
+
 class Connection {
  public:
   // `stopFd`, when not -1, turns readable when the server stops; every wait
@@ -49,5 +51,7 @@ class Connection {
   halvarine::UniqueFd fd_;
   int stopFd_;
 };
+
+}  // namespace mmsserver
 
 #endif

@@ -1,11 +1,12 @@
 #include "tools/mmsserver/fault_table.h"
 
-#include <errno.h>
-#include <stdlib.h>
-
 #include <algorithm>
 #include <sstream>
 #include <type_traits>
+
+#include "tools/common/number.h"
+
+namespace mmsserver {
 
 namespace {
 
@@ -17,7 +18,7 @@ struct Option {
   void (*set)(Faults& faults, int64_t value);
 };
 
-const Option kOptions[] = {
+const Option OPTIONS[] = {
 #define HALVARINE_FAULT_OPTION(flag, field, type, init, max, help) \
   {flag, !std::is_same<type, bool>::value, max, help,              \
    [](Faults& f, int64_t v) { f.field = static_cast<type>(v); }},
@@ -28,20 +29,18 @@ const Option kOptions[] = {
 
 FaultWord takeFaultOption(const std::vector<std::string>& words, size_t& i, Faults& faults,
                           std::string& error) {
-  for (const Option& o : kOptions) {
+  for (const Option& o : OPTIONS) {
     if (words[i] != o.flag) continue;
     if (!o.takesValue) {
       o.set(faults, 1);
       ++i;
       return FaultWord::TAKEN;
     }
-    const char* text = i + 1 < words.size() ? words[i + 1].c_str() : "";
-    char* end = nullptr;
-    errno = 0;
-    const long long value = strtoll(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value < 0 || value > o.max) {
-      error = std::string(o.flag) + " needs a number from 0 to " + std::to_string(o.max) +
-              (*text ? std::string(", not ") + text : std::string());
+    const std::string text = i + 1 < words.size() ? words[i + 1] : "";
+    long long value = 0;
+    std::string why;
+    if (!tools::parseNumber(text, 0, o.max, value, why)) {
+      error = tools::numberWanted(o.flag, 0, o.max, text);
       return FaultWord::BAD;
     }
     o.set(faults, value);
@@ -65,7 +64,7 @@ bool parseFaults(const std::string& arguments, Faults& faults, std::string& erro
 
 std::string faultUsage() {
   std::string usage;
-  for (const Option& o : kOptions) {
+  for (const Option& o : OPTIONS) {
     std::string flag = std::string("  ") + o.flag + (o.takesValue ? " N" : "");
     flag.resize(std::max<size_t>(flag.size() + 1, 28), ' ');
     usage += flag + o.help + "\n";
@@ -82,3 +81,5 @@ const std::vector<FaultCase>& faultCases() {
   };
   return cases;
 }
+
+}  // namespace mmsserver

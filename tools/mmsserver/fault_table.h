@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+namespace mmsserver {
+
 // What a server does wrong: one field per option row, with its default
 // (-1 or 0 for "not at all").
 struct Faults {
@@ -40,5 +42,7 @@ struct FaultCase {
   std::string test;  // the test that checks a covered row
 };
 const std::vector<FaultCase>& faultCases();
+
+}  // namespace mmsserver
 
 #endif

@@ -4,40 +4,42 @@
 
 #include "base/clock.h"
 
+namespace mmsserver {
+
 namespace {
 
 // Declared by the absurd-packet-size fault: far past what either client
 // buffers (libmms takes up to 100 KiB, ffmpeg 64 KiB), yet not so near 2^32
 // that a client's arithmetic wraps.
-constexpr uint32_t kAbsurdPacketBytes = 0x10000000;
+constexpr uint32_t ABSURD_PACKET_BYTES = 0x10000000;
 
 // The first stream number the extra streams of the extraStreams fault take:
 // four digits each, so 23 of them overflow any buffer sized for two.
-constexpr uint16_t kFirstExtraStream = 1000;
-constexpr size_t kHeaderObjectCountAt = 24;
+constexpr uint16_t FIRST_EXTRA_STREAM = 1000;
+constexpr size_t HEADER_OBJECT_COUNT_AT = 24;
 
 // Appends `object` to the Header Object's children in `header`, fixing the
 // Header Object's size and child count; the Data Object's start stays last.
 void appendHeaderObject(std::string& header, const std::string& object) {
-  if (header.size() < kHeaderObjectFixedSize || !guidAt(header, 0, kHeaderObject)) return;
-  const uint64_t size = getLe64(header, kGuidSize);
+  if (header.size() < HEADER_OBJECT_FIXED_SIZE || !guidAt(header, 0, HEADER_OBJECT)) return;
+  const uint64_t size = getLe64(header, GUID_SIZE);
   if (size > header.size()) return;
   header.insert(static_cast<size_t>(size), object);
   std::string field;
   putLe64(field, size + object.size());
-  header.replace(kGuidSize, 8, field);
+  header.replace(GUID_SIZE, 8, field);
   field.clear();
-  putLe32(field, getLe32(header, kHeaderObjectCountAt) + 1);
-  header.replace(kHeaderObjectCountAt, 4, field);
+  putLe32(field, getLe32(header, HEADER_OBJECT_COUNT_AT) + 1);
+  header.replace(HEADER_OBJECT_COUNT_AT, 4, field);
 }
 
 std::string streamBitrateProperties(int streams) {
   std::string o;
-  putGuid(o, kStreamBitrateProperties);
-  putLe64(o, kObjectHeadSize + 2 + 6 * static_cast<uint64_t>(streams));
+  putGuid(o, STREAM_BITRATE_PROPERTIES);
+  putLe64(o, OBJECT_HEAD_SIZE + 2 + 6 * static_cast<uint64_t>(streams));
   putLe16(o, static_cast<uint16_t>(streams));
   for (int i = 0; i < streams; ++i) {
-    putLe16(o, static_cast<uint16_t>(kFirstExtraStream + i));
+    putLe16(o, static_cast<uint16_t>(FIRST_EXTRA_STREAM + i));
     putLe32(o, 8000);  // average bit rate
   }
   return o;
@@ -53,11 +55,11 @@ std::string objectHead(const Guid& g, uint64_t declared) {
 
 // A Header Extension Object whose one child declares `childSize` bytes.
 std::string headerExtensionWithChild(uint64_t childSize) {
-  const std::string child = objectHead(kPadding, childSize);
+  const std::string child = objectHead(PADDING, childSize);
   std::string o;
-  putGuid(o, kHeaderExtension);
+  putGuid(o, HEADER_EXTENSION);
   putLe64(o, 46 + child.size());
-  putGuid(o, kExtensionReserved);
+  putGuid(o, EXTENSION_RESERVED);
   putLe16(o, 6);
   putLe32(o, static_cast<uint32_t>(child.size()));
   return o + child;
@@ -111,8 +113,8 @@ Link::Delivery Link::mutate(std::string& bytes) {
       bytes.insert(at + length, bytes, at, length);
       break;
     case 3: {  // an absurd value where the length fields of frame heads sit
-      static const uint32_t kAbsurd[] = {0xFFFFFFFF, 0, 0x7FFFFFFF, 0x80000000};
-      const uint32_t value = kAbsurd[below(4)];
+      static const uint32_t ABSURD[] = {0xFFFFFFFF, 0, 0x7FFFFFFF, 0x80000000};
+      const uint32_t value = ABSURD[below(4)];
       const size_t width = below(2) == 0 ? 2 : 4;
       const size_t field = static_cast<size_t>(below(std::min<size_t>(16, bytes.size())));
       for (size_t i = 0; i < width && field + i < bytes.size(); ++i) {
@@ -188,9 +190,9 @@ std::string Link::header(const AsfFile& file) const {
     appendHeaderObject(header, headerExtensionWithChild(uint64_t{1} << 32));
   }
   // Last, so that every other object has been seen when a walk stops here.
-  if (faults_.zeroSizeObject) appendHeaderObject(header, objectHead(kPadding, 0));
+  if (faults_.zeroSizeObject) appendHeaderObject(header, objectHead(PADDING, 0));
   // Clients take the packet size from the File Properties Object.
-  if (faults_.absurdPacketSize) patchPacketSize(header, kAbsurdPacketBytes);
+  if (faults_.absurdPacketSize) patchPacketSize(header, ABSURD_PACKET_BYTES);
   return header;
 }
 
@@ -199,7 +201,7 @@ uint64_t Link::declaredHeaderSize(uint64_t real, const HeaderFraming& framing) c
 }
 
 uint32_t Link::declaredPacketSize(uint32_t real) const {
-  return faults_.absurdPacketSize ? kAbsurdPacketBytes : real;
+  return faults_.absurdPacketSize ? ABSURD_PACKET_BYTES : real;
 }
 
 bool Link::sendHeader(const std::string& header, const HeaderFraming& framing) {
@@ -262,3 +264,5 @@ bool Link::sendResponseHead(const std::string& head) {
 void Link::streamEnded() {
   if (mutateOneIn_ != 0) conn_.finishSending();
 }
+
+}  // namespace mmsserver

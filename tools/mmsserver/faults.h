@@ -18,6 +18,8 @@
 #include "tools/mmsserver/connection.h"
 #include "tools/mmsserver/fault_table.h"
 
+namespace mmsserver {
+
 // The faults connection `index` (from 0) of a server meets: all of
 // `configured`, or none past its firstConnections.
 Faults faultsForConnection(const Faults& configured, int index);
@@ -96,5 +98,7 @@ class Link {
   std::mt19937_64 random_;
   uint64_t mutateOneIn_ = 0;  // a send in this many is mutated; 0: none
 };
+
+}  // namespace mmsserver
 
 #endif

@@ -2,17 +2,18 @@
 // and benchmarks. Prints the URL it serves on standard output, then serves
 // until SIGINT or SIGTERM, or until --max-connections connections are done.
 
-#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <time.h>
 
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "tools/common/number.h"
 #include "tools/mmsserver/server.h"
+
+namespace mmsserver {
 
 namespace {
 
@@ -34,16 +35,9 @@ int usage(const std::string& error) {
   return 2;
 }
 
-bool parseNumber(const std::string& text, long long max, long long& out) {
-  char* end = nullptr;
-  errno = 0;
-  out = strtoll(text.c_str(), &end, 10);
-  return errno == 0 && end != text.c_str() && *end == '\0' && out >= 0 && out <= max;
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   ServerOptions options;
   std::string path = HALVARINE_SAMPLE_ASF;
   std::string name;
@@ -64,7 +58,14 @@ int main(int argc, char** argv) {
     if (i == words.size())
       return usage(arg == "--help" ? "" : "unknown option or no value: " + arg);
     const std::string& value = words[i++];
+    // The option's value as a number up to `max`, or false with `bad` set.
+    std::string bad;
     long long n = 0;
+    const auto number = [&](long long max) {
+      if (tools::parseNumber(value, 0, max, n, bad)) return true;
+      bad = tools::numberWanted(arg, 0, max, value);
+      return false;
+    };
     if (arg == "--transport" && (value == "mmsh" || value == "mmst")) {
       options.transport = value == "mmsh" ? Transport::MMSH : Transport::MMST;
     } else if (arg == "--address") {
@@ -73,18 +74,20 @@ int main(int argc, char** argv) {
       path = value;
     } else if (arg == "--name") {
       name = value;
-    } else if (arg == "--port" && parseNumber(value, 65535, n)) {
+    } else if (arg == "--port" && number(65535)) {
       options.port = static_cast<uint16_t>(n);
-    } else if (arg == "--generate" && parseNumber(value, INT64_MAX, n)) {
+    } else if (arg == "--generate" && number(INT64_MAX)) {
       generate = n;
-    } else if (arg == "--packet-size" && parseNumber(value, 0xFFFFFFFF, n)) {
+    } else if (arg == "--packet-size" && number(0xFFFFFFFF)) {
       packetSize = n;
-    } else if (arg == "--max-connections" && parseNumber(value, INT64_MAX, n)) {
+    } else if (arg == "--max-connections" && number(INT64_MAX)) {
       maxConnections = n;
-    } else if (arg == "--rate" && parseNumber(value, INT64_MAX, n)) {
+    } else if (arg == "--rate" && number(INT64_MAX)) {
       options.rate = n;
-    } else if (arg == "--declared-packets" && parseNumber(value, INT64_MAX, n)) {
+    } else if (arg == "--declared-packets" && number(INT64_MAX)) {
       options.declaredPackets = n;
+    } else if (!bad.empty()) {
+      return usage(bad);
     } else {
       return usage("bad option or value: " + arg + " " + value);
     }
@@ -127,4 +130,10 @@ int main(int argc, char** argv) {
   }
   std::cerr << "served " << server.connectionsServed() << " connections\n";
   return 0;
+}
+
+}  // namespace mmsserver
+
+int main(int argc, char** argv) {
+  return mmsserver::run(argc, argv);
 }

@@ -22,6 +22,8 @@
 
 #include "tools/mmsserver/sessions.h"
 
+namespace mmsserver {
+
 namespace {
 
 constexpr uint16_t CHUNK_ASF_HEADER = 0x4824;  // "$H"
@@ -109,7 +111,7 @@ std::string responseHead(int status, const char* reason, const char* contentType
 // The header goes in chunks of at most MAX_CHUNK_BODY bytes (libmms joins
 // them); an absurd size is the most one chunk can declare, with only the
 // real header behind it.
-const HeaderFraming kHeaderFraming = {
+const HeaderFraming HEADER_FRAMING = {
     MAX_CHUNK_BODY, MAX_CHUNK_BODY, false, [](uint64_t, size_t n, uint64_t) {
       return chunkHead(CHUNK_ASF_HEADER, 0, HEADER_AF_FLAGS,
                        static_cast<uint16_t>(n + EXT_HEADER_LENGTH));
@@ -149,7 +151,7 @@ void serveMmshConnection(Link& link, const AsfFile& file, const ServerOptions& o
   if (!link.sendResponseHead(responseHead(
           200, "OK", play ? "application/x-mms-framed" : "application/vnd.ms.wms-hdr.asfv1",
           options.live ? "broadcast" : "seekable,stridx")) ||
-      !link.sendHeader(link.header(file), kHeaderFraming) || !play) {
+      !link.sendHeader(link.header(file), HEADER_FRAMING) || !play) {
     return;
   }
   auto declared = static_cast<uint16_t>(file.packetSize + EXT_HEADER_LENGTH);
@@ -163,3 +165,5 @@ void serveMmshConnection(Link& link, const AsfFile& file, const ServerOptions& o
   link.send(endChunk(link.anotherStreamFollows()));
   link.streamEnded();
 }
+
+}  // namespace mmsserver

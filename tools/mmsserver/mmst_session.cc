@@ -15,6 +15,8 @@
 #include "tools/mmsserver/mmst_wire.h"
 #include "tools/mmsserver/sessions.h"
 
+namespace mmsserver {
+
 namespace {
 
 using mmst::Command;
@@ -22,20 +24,20 @@ using mmst::Command;
 // Declared by an absurd header size, zeros behind the real header. Far
 // beyond what any client buffers, yet not so near 2^32 that a client's
 // arithmetic wraps.
-constexpr uint32_t kAbsurdHeaderBytes = 0x10000000;
+constexpr uint32_t ABSURD_HEADER_BYTES = 0x10000000;
 
 // Reported in replies outside a play run; neither client reads it.
-constexpr uint32_t kPlayIncarnationIdle = 0xF0F0F0EF;
-constexpr uint32_t kOpenFileId = 1;
+constexpr uint32_t PLAY_INCARNATION_IDLE = 0xF0F0F0EF;
+constexpr uint32_t OPEN_FILE_ID = 1;
 // The result a server reports for a file it does not have.
-constexpr uint32_t kResultNoSuchFile = 0x80070002;
+constexpr uint32_t RESULT_NO_SUCH_FILE = 0x80070002;
 // A stored file can seek and stride; a live one is a broadcast, which is
 // what libmms looks for in these attributes.
-constexpr uint32_t kFileCanSeekCanStride = 0x01800000;
-constexpr uint32_t kFileBroadcast = 0x02000000;
+constexpr uint32_t FILE_CAN_SEEK_CAN_STRIDE = 0x01800000;
+constexpr uint32_t FILE_BROADCAST = 0x02000000;
 
-const char kServerVersion[] = "9.0.0.0";
-const char kFunnelName[] = "Funnel Of The Gods";
+const char SERVER_VERSION[] = "9.0.0.0";
+const char FUNNEL_NAME[] = "Funnel Of The Gods";
 
 void logLine(const std::string& text) {
   fprintf(stderr, "mmst: %s\n", text.c_str());
@@ -79,13 +81,13 @@ class MmstSession {
   void run();
 
  private:
-  enum class Next { kGoOn, kEnd };
+  enum class Next { GO_ON, END };
   using Handler = Next (MmstSession::*)(const Command&);
   struct Entry {
     uint16_t id;
     Handler handler;
   };
-  static const Entry kCommands[];
+  static const Entry COMMANDS[];
 
   bool readCommand(Command& cmd);
   Next dispatch(const Command& cmd);
@@ -120,16 +122,16 @@ class MmstSession {
   size_t nextPacket_ = 0;
 };
 
-const MmstSession::Entry MmstSession::kCommands[] = {
-    {mmst::cs::kConnect, &MmstSession::onConnect},
-    {mmst::cs::kFunnelInfo, &MmstSession::onFunnelInfo},
-    {mmst::cs::kConnectFunnel, &MmstSession::onConnectFunnel},
-    {mmst::cs::kOpenFile, &MmstSession::onOpenFile},
-    {mmst::cs::kReadBlock, &MmstSession::onReadBlock},
-    {mmst::cs::kStreamSwitch, &MmstSession::onStreamSwitch},
-    {mmst::cs::kStartPlaying, &MmstSession::onStartPlaying},
-    {mmst::cs::kPong, &MmstSession::onPong},
-    {mmst::cs::kCloseFile, &MmstSession::onCloseFile},
+const MmstSession::Entry MmstSession::COMMANDS[] = {
+    {mmst::cs::CONNECT, &MmstSession::onConnect},
+    {mmst::cs::FUNNEL_INFO, &MmstSession::onFunnelInfo},
+    {mmst::cs::CONNECT_FUNNEL, &MmstSession::onConnectFunnel},
+    {mmst::cs::OPEN_FILE, &MmstSession::onOpenFile},
+    {mmst::cs::READ_BLOCK, &MmstSession::onReadBlock},
+    {mmst::cs::STREAM_SWITCH, &MmstSession::onStreamSwitch},
+    {mmst::cs::START_PLAYING, &MmstSession::onStartPlaying},
+    {mmst::cs::PONG, &MmstSession::onPong},
+    {mmst::cs::CLOSE_FILE, &MmstSession::onCloseFile},
 };
 
 void MmstSession::run() {
@@ -141,12 +143,12 @@ void MmstSession::run() {
       continue;
     }
     Command cmd;
-    if (!readCommand(cmd) || dispatch(cmd) == Next::kEnd) return;
+    if (!readCommand(cmd) || dispatch(cmd) == Next::END) return;
   }
 }
 
 bool MmstSession::readCommand(Command& cmd) {
-  std::string bytes(mmst::kLeadBytes, '\0');
+  std::string bytes(mmst::LEAD_BYTES, '\0');
   if (!conn_.readExact(&bytes[0], bytes.size())) return false;  // gone or silent
   const size_t total = mmst::messageSize(bytes);
   if (total == 0) {
@@ -154,13 +156,13 @@ bool MmstSession::readCommand(Command& cmd) {
     return false;
   }
   bytes.resize(total);
-  if (!conn_.readExact(&bytes[mmst::kLeadBytes], total - mmst::kLeadBytes)) return false;
+  if (!conn_.readExact(&bytes[mmst::LEAD_BYTES], total - mmst::LEAD_BYTES)) return false;
   std::string why;
   if (!mmst::parseCommand(bytes, cmd, why)) {
     logLine("bad command message: " + why);
     return false;
   }
-  if (cmd.direction != mmst::kToServer) {
+  if (cmd.direction != mmst::TO_SERVER) {
     logLine("command " + hex16(cmd.id) + " does not go client to server");
     return false;
   }
@@ -168,16 +170,16 @@ bool MmstSession::readCommand(Command& cmd) {
 }
 
 MmstSession::Next MmstSession::dispatch(const Command& cmd) {
-  for (const Entry& e : kCommands) {
+  for (const Entry& e : COMMANDS) {
     if (e.id == cmd.id) return (this->*e.handler)(cmd);
   }
   logLine("unexpected command " + hex16(cmd.id));
-  return Next::kEnd;
+  return Next::END;
 }
 
 bool MmstSession::reply(uint16_t id, const std::string& body) {
   const uint64_t time100ns = static_cast<uint64_t>(msSince(startedMs_)) * 10000;
-  return link_.send(mmst::makeCommand(mmst::kToClient, id, sequence_++, time100ns, body));
+  return link_.send(mmst::makeCommand(mmst::TO_CLIENT, id, sequence_++, time100ns, body));
 }
 
 // Every report starts with a result (0: success) and a play incarnation.
@@ -191,10 +193,10 @@ std::string MmstSession::replyPrefix(uint32_t playIncarnation) const {
 MmstSession::Next MmstSession::onConnect(const Command&) {
   if (connected_) {
     logLine("second connect on one session");
-    return Next::kEnd;
+    return Next::END;
   }
   connected_ = true;
-  std::string body = replyPrefix(kPlayIncarnationIdle);
+  std::string body = replyPrefix(PLAY_INCARNATION_IDLE);
   putLe32(body, 0x0004000B);  // our protocol revision
   putLe32(body, 0x0003001C);  // the client revision we speak
   putDouble(body, 1.0);       // block group play time
@@ -202,20 +204,20 @@ MmstSession::Next MmstSession::onConnect(const Command&) {
   putLe32(body, 1);           // open files at once
   putLe32(body, 0x8000);      // largest block
   putLe32(body, 0x00989680);  // largest bit rate
-  putLe32(body, utf16Units(kServerVersion));
+  putLe32(body, utf16Units(SERVER_VERSION));
   putLe32(body, 0);  // no version info
   putLe32(body, 0);  // no version URL
   putLe32(body, 0);  // no authentication package
-  putUtf16(body, kServerVersion);
-  return reply(mmst::sc::kReportConnected, body) ? Next::kGoOn : Next::kEnd;
+  putUtf16(body, SERVER_VERSION);
+  return reply(mmst::sc::REPORT_CONNECTED, body) ? Next::GO_ON : Next::END;
 }
 
 MmstSession::Next MmstSession::onFunnelInfo(const Command&) {
   if (!connected_) {
     logLine("funnel info before connect");
-    return Next::kEnd;
+    return Next::END;
   }
-  std::string body = replyPrefix(kPlayIncarnationIdle);
+  std::string body = replyPrefix(PLAY_INCARNATION_IDLE);
   putLe32(body, 0);  // transport mask
   putLe32(body, 1);  // block fragments
   putLe32(body, 0);  // fragment bytes
@@ -224,7 +226,7 @@ MmstSession::Next MmstSession::onFunnelInfo(const Command&) {
   putLe32(body, 1);  // disks
   putLe32(body, 0);  // decluster
   putLe32(body, 0);  // datagram size
-  return reply(mmst::sc::kReportFunnelInfo, body) ? Next::kGoOn : Next::kEnd;
+  return reply(mmst::sc::REPORT_FUNNEL_INFO, body) ? Next::GO_ON : Next::END;
 }
 
 // The client names a transport (always TCP from our clients); the data will
@@ -232,19 +234,19 @@ MmstSession::Next MmstSession::onFunnelInfo(const Command&) {
 MmstSession::Next MmstSession::onConnectFunnel(const Command&) {
   if (!connected_) {
     logLine("protocol select before connect");
-    return Next::kEnd;
+    return Next::END;
   }
-  std::string body = replyPrefix(kPlayIncarnationIdle);
+  std::string body = replyPrefix(PLAY_INCARNATION_IDLE);
   putLe32(body, 0x00040000);  // packet payload size
-  putUtf16(body, kFunnelName);
-  return reply(mmst::sc::kReportConnectedFunnel, body) ? Next::kGoOn : Next::kEnd;
+  putUtf16(body, FUNNEL_NAME);
+  return reply(mmst::sc::REPORT_CONNECTED_FUNNEL, body) ? Next::GO_ON : Next::END;
 }
 
 // Any file name opens the one file this server has.
 MmstSession::Next MmstSession::onOpenFile(const Command&) {
   if (!connected_ || opened_) {
     logLine("open file out of order");
-    return Next::kEnd;
+    return Next::END;
   }
   opened_ = true;
   const auto headerBytes =
@@ -261,17 +263,17 @@ MmstSession::Next MmstSession::onOpenFile(const Command&) {
 
   if (link_.noSuchFile()) {
     std::string refusal;
-    putLe32(refusal, kResultNoSuchFile);
-    putLe32(refusal, kPlayIncarnationIdle);
+    putLe32(refusal, RESULT_NO_SUCH_FILE);
+    putLe32(refusal, PLAY_INCARNATION_IDLE);
     refusal.append(88, '\0');
-    reply(mmst::sc::kReportOpenFile, refusal);
-    return Next::kEnd;
+    reply(mmst::sc::REPORT_OPEN_FILE, refusal);
+    return Next::END;
   }
-  std::string body = replyPrefix(kPlayIncarnationIdle);
-  putLe32(body, kOpenFileId);
+  std::string body = replyPrefix(PLAY_INCARNATION_IDLE);
+  putLe32(body, OPEN_FILE_ID);
   putLe32(body, 0);  // padding
   putLe32(body, 0);  // file name (unused)
-  putLe32(body, options_.live ? kFileBroadcast : kFileCanSeekCanStride);
+  putLe32(body, options_.live ? FILE_BROADCAST : FILE_CAN_SEEK_CAN_STRIDE);
   putDouble(body, seconds);
   putLe32(body, static_cast<uint32_t>(packets));  // blocks
   body.append(16, '\0');
@@ -280,35 +282,35 @@ MmstSession::Next MmstSession::onOpenFile(const Command&) {
   putLe32(body, bitRate);
   putLe32(body, headerBytes);
   body.append(36, '\0');
-  return reply(mmst::sc::kReportOpenFile, body) ? Next::kGoOn : Next::kEnd;
+  return reply(mmst::sc::REPORT_OPEN_FILE, body) ? Next::GO_ON : Next::END;
 }
 
 MmstSession::Next MmstSession::onReadBlock(const Command& cmd) {
   // The client names the incarnation it wants on header packets.
-  constexpr size_t kOffHeaderIncarnation = 40;
+  constexpr size_t OFF_HEADER_INCARNATION = 40;
   if (!opened_) {
     logLine("header request before open file");
-    return Next::kEnd;
+    return Next::END;
   }
-  const uint32_t incarnation = mmst::fits(cmd.body, kOffHeaderIncarnation, 4)
-                                   ? getLe32(cmd.body, kOffHeaderIncarnation)
+  const uint32_t incarnation = mmst::fits(cmd.body, OFF_HEADER_INCARNATION, 4)
+                                   ? getLe32(cmd.body, OFF_HEADER_INCARNATION)
                                    : 0x100;
   if (incarnation > 0xFF) {
     logLine("header request without a usable packet incarnation");
-    return Next::kEnd;
+    return Next::END;
   }
   std::string body = replyPrefix(incarnation);
   putLe32(body, 0);  // play sequence
-  if (!reply(mmst::sc::kReportReadBlock, body)) return Next::kEnd;
+  if (!reply(mmst::sc::REPORT_READ_BLOCK, body)) return Next::END;
   HeaderFraming framing = framing_;
   framing.prefix = [piece = framing.piece, incarnation](uint64_t at, size_t n, uint64_t total) {
-    const uint8_t flags = at == 0 && at + n == total ? mmst::kHeaderWhole
-                          : at + n == total          ? mmst::kHeaderLast
-                                                     : mmst::kHeaderMore;
+    const uint8_t flags = at == 0 && at + n == total ? mmst::HEADER_WHOLE
+                          : at + n == total          ? mmst::HEADER_LAST
+                                                     : mmst::HEADER_MORE;
     return mmst::makeDataPrefix(static_cast<uint32_t>(at / piece),
                                 static_cast<uint8_t>(incarnation), flags, n);
   };
-  return link_.sendHeader(header_, framing) ? Next::kGoOn : Next::kEnd;
+  return link_.sendHeader(header_, framing) ? Next::GO_ON : Next::END;
 }
 
 // The header goes in data packets of at most one ASF packet's size,
@@ -316,56 +318,56 @@ MmstSession::Next MmstSession::onReadBlock(const Command& cmd) {
 // named in its header request.
 HeaderFraming MmstSession::headerFraming(uint32_t packetSize) {
   HeaderFraming framing;
-  framing.piece = packetSize == 0 ? 4096 : std::min<size_t>(packetSize, mmst::kMaxDataPayload);
-  framing.absurdBytes = kAbsurdHeaderBytes;
+  framing.piece = packetSize == 0 ? 4096 : std::min<size_t>(packetSize, mmst::MAX_DATA_PAYLOAD);
+  framing.absurdBytes = ABSURD_HEADER_BYTES;
   framing.fillAbsurd = true;
   return framing;
 }
 
 MmstSession::Next MmstSession::onStreamSwitch(const Command& cmd) {
   // A count, then one 6-byte entry (flags, stream id, selection) per stream.
-  constexpr size_t kEntryBytes = 6;
+  constexpr size_t ENTRY_BYTES = 6;
   if (!opened_) {
     logLine("stream selection before open file");
-    return Next::kEnd;
+    return Next::END;
   }
   const uint32_t count = mmst::fits(cmd.body, 0, 4) ? getLe32(cmd.body, 0) : 0;
-  if (count == 0 || count > (cmd.body.size() - 4) / kEntryBytes) {
+  if (count == 0 || count > (cmd.body.size() - 4) / ENTRY_BYTES) {
     logLine("stream selection count does not match its entries");
-    return Next::kEnd;
+    return Next::END;
   }
   // Every stream of the file is served whatever the selection says: libmms
   // picks the best audio and the best video stream and ffmpeg asks for all,
   // which for our files (one of each at most) is every stream.
-  return reply(mmst::sc::kReportStreamSwitch, replyPrefix(kPlayIncarnationIdle)) ? Next::kGoOn
-                                                                                 : Next::kEnd;
+  return reply(mmst::sc::REPORT_STREAM_SWITCH, replyPrefix(PLAY_INCARNATION_IDLE)) ? Next::GO_ON
+                                                                                   : Next::END;
 }
 
 MmstSession::Next MmstSession::onStartPlaying(const Command& cmd) {
-  constexpr size_t kOffLocation = 20;     // first packet wanted, ~0 for "from the start"
-  constexpr size_t kOffIncarnation = 28;  // to mark this run's data packets
+  constexpr size_t OFF_LOCATION = 20;     // first packet wanted, ~0 for "from the start"
+  constexpr size_t OFF_INCARNATION = 28;  // to mark this run's data packets
   if (!opened_) {
     logLine("start playing before open file");
-    return Next::kEnd;
+    return Next::END;
   }
-  if (!mmst::fits(cmd.body, kOffIncarnation, 4) || getLe32(cmd.body, kOffIncarnation) > 0xFF) {
+  if (!mmst::fits(cmd.body, OFF_INCARNATION, 4) || getLe32(cmd.body, OFF_INCARNATION) > 0xFF) {
     logLine("start playing request too short or with a bad incarnation");
-    return Next::kEnd;
+    return Next::END;
   }
-  const uint32_t location = getLe32(cmd.body, kOffLocation);
-  const uint32_t incarnation = getLe32(cmd.body, kOffIncarnation);
-  if (file_.packetSize > mmst::kMaxDataPayload) {
+  const uint32_t location = getLe32(cmd.body, OFF_LOCATION);
+  const uint32_t incarnation = getLe32(cmd.body, OFF_INCARNATION);
+  if (file_.packetSize > mmst::MAX_DATA_PAYLOAD) {
     logLine("ASF packets too large for MMS over TCP");
-    return Next::kEnd;
+    return Next::END;
   }
   // A time position is not honoured: without an index, play from the start.
   nextPacket_ = location == 0xFFFFFFFFu ? 0 : std::min<size_t>(location, file_.packets.size());
   mediaIncarnation_ = static_cast<uint8_t>(incarnation);
   playing_ = true;
   std::string body = replyPrefix(incarnation);
-  putLe32(body, kOpenFileId);  // file id
+  putLe32(body, OPEN_FILE_ID);  // file id
   body.append(16, '\0');
-  return reply(mmst::sc::kReportStartedPlaying, body) ? Next::kGoOn : Next::kEnd;
+  return reply(mmst::sc::REPORT_STARTED_PLAYING, body) ? Next::GO_ON : Next::END;
 }
 
 bool MmstSession::sendNextPacket() {
@@ -377,7 +379,7 @@ bool MmstSession::sendNextPacket() {
     return link_.sendPacket(index, prefix, payload);
   }
   playing_ = false;
-  const bool sent = reply(mmst::sc::kReportEndOfStream, replyPrefix(mediaIncarnation_));
+  const bool sent = reply(mmst::sc::REPORT_END_OF_STREAM, replyPrefix(mediaIncarnation_));
   link_.streamEnded();
   return sent;
 }
@@ -385,11 +387,11 @@ bool MmstSession::sendNextPacket() {
 // A client sends 0x1B only to answer a ping. Answering it with another 0x1B
 // would start an endless exchange, as both clients answer every 0x1B.
 MmstSession::Next MmstSession::onPong(const Command&) {
-  return Next::kGoOn;
+  return Next::GO_ON;
 }
 
 MmstSession::Next MmstSession::onCloseFile(const Command&) {
-  return Next::kEnd;
+  return Next::END;
 }
 
 }  // namespace
@@ -397,3 +399,5 @@ MmstSession::Next MmstSession::onCloseFile(const Command&) {
 void serveMmstConnection(Link& link, const AsfFile& file, const ServerOptions& options) {
   MmstSession(link, file, options).run();
 }
+
+}  // namespace mmsserver

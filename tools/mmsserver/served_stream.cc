@@ -7,6 +7,8 @@
 #include "tools/mmsserver/server.h"
 #include "tools/mmsserver/sessions.h"
 
+namespace mmsserver {
+
 AsfFile announcedFile(const AsfFile& file, const ServerOptions& options) {
   AsfFile announced = file;
   if (options.live && !options.faults.liveUnmarked) markBroadcast(announced.header);
@@ -30,3 +32,5 @@ const std::string& PacketSource::at(size_t index) {
   shiftPacketTimes(shifted_, static_cast<uint32_t>(round * roundMs_));
   return shifted_;
 }
+
+}  // namespace mmsserver

@@ -12,6 +12,8 @@
 #include "base/wait.h"
 #include "tools/mmsserver/sessions.h"
 
+namespace mmsserver {
+
 using halvarine::UniqueFd;
 
 struct MmsTestServer::Impl {
@@ -112,3 +114,5 @@ void MmsTestServer::Impl::serveOne(UniqueFd fd) {
     serveMmstConnection(link, file, options);
   }
 }
+
+}  // namespace mmsserver

@@ -16,6 +16,8 @@
 #include "tools/asf/asf_file.h"
 #include "tools/mmsserver/fault_table.h"
 
+namespace mmsserver {
+
 enum class Transport { MMSH, MMST };
 
 struct ServerOptions {
@@ -64,5 +66,13 @@ class MmsTestServer {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+}  // namespace mmsserver
+
+// bench/main.cc names these unqualified; the declarations go when it names
+// them from their namespace.
+using mmsserver::MmsTestServer;
+using mmsserver::ServerOptions;
+using mmsserver::Transport;
 
 #endif

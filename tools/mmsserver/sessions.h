@@ -13,6 +13,8 @@
 #include "tools/mmsserver/faults.h"
 #include "tools/mmsserver/server.h"
 
+namespace mmsserver {
+
 // One whole session of each protocol on an accepted connection: reads the
 // client's requests, answers them and streams `file`, the file as announced
 // (announcedFile). Returns when the session is over.
@@ -35,5 +37,7 @@ class PacketSource {
   const uint32_t roundMs_;  // the file's send duration
   std::string shifted_;
 };
+
+}  // namespace mmsserver
 
 #endif

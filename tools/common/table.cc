@@ -1,0 +1,37 @@
+#include "tools/common/table.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace tools {
+
+std::vector<TableRow> tableRows(const std::string& text) {
+  std::vector<TableRow> rows;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.empty() || line[0] == '#') continue;
+    TableRow row;
+    for (size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
+      end = line.find('\t', begin);
+      row.push_back(line.substr(begin, end == std::string::npos ? end : end - begin));
+    }
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+bool readTable(const std::string& path, std::vector<TableRow>& rows, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot read " + path;
+    return false;
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  rows = tableRows(text.str());
+  if (rows.empty()) error = "no rows in " + path;
+  return !rows.empty();
+}
+
+}  // namespace tools
