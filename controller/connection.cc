@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "base/clock.h"
+#include "base/text.h"
 #include "base/wait.h"
 #include "channel/packet.h"
 
@@ -21,10 +22,6 @@ namespace {
 const int SEND_WAIT_MS = 5000;
 // A READ reply is one 64 KiB frame: read it in a few large pieces.
 const size_t RECEIVE_CHUNK = 65536;
-
-std::string errnoText(const std::string& what) {
-  return what + ": " + strerror(errno);
-}
 
 bool socketAddress(const std::string& path, sockaddr_un& addr) {
   memset(&addr, 0, sizeof addr);

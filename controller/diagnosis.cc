@@ -6,6 +6,8 @@
 #include <halvarine/diagnosis.h>
 #include <stdlib.h>
 
+#include "base/text.h"
+
 namespace halvarine {
 
 namespace {
@@ -22,13 +24,6 @@ const char CONNECT_ERRNO[] = " errno = ";
 const char CONNECT_ERR_LATER[] = "ERR - connect with select : ";
 const char CONNECT_TIMEOUT[] = "ERR - timeout";
 const char READ_TIMEOUT[] = "[WrapperMms::io_read()] select timeout!";
-
-bool startsWith(const std::string& line, const char* prefix, std::string* rest = nullptr) {
-  const std::string p(prefix);
-  if (line.compare(0, p.size(), p) != 0) return false;
-  if (rest != nullptr) *rest = line.substr(p.size());
-  return true;
-}
 
 ConnectFailure connectErrno(int error) {
   if (error == ECONNREFUSED) return ConnectFailure::REFUSED;
