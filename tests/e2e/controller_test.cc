@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <tuple>
@@ -166,6 +167,186 @@ TEST(Listener, SaysWhatIsInTheWayAndWhoseAndLeavesIt) {
     EXPECT_TRUE(support::fileExists(path)) << "removed";
     chmod(sub.c_str(), 0755);
   }
+}
+
+// The worker's lines from a CONNECT to its "ERR", as it writes them, and what
+// they say: the attempt that got furthest names the failure.
+TEST(Diagnosis, TheFurthestAttemptNamesTheFailure) {
+  using F = halvarine::ConnectFailure;
+  const std::string mmst = "[WrapperMms::connect()] open MMST stream!";
+  const std::string mmsh = "[WrapperMms::connect()] open MMSH stream!";
+  const std::string connected = "[WrapperMms::io_tcp_connect]";
+  const std::string unresolved = "[WrapperMms::io_tcp_connect] unable to resolve host: ";
+  const std::string quiet = "[WrapperMms::io_read()] select timeout!";
+  const std::string refused = " errno = 111 / msg = Connection refused";
+  const struct Row {
+    std::vector<std::string> lines;
+    F failure;
+    std::string host;
+    int error;
+    bool proxy;
+  } rows[] = {
+      {{}, F::UNKNOWN, "", 0, false},
+      {{connected, quiet, "ERR - connect", refused}, F::UNKNOWN, "", 0, false},
+      {{mmst}, F::URL_REFUSED, "", 0, false},
+      {{mmst, quiet}, F::URL_REFUSED, "", 0, false},
+      {{mmst, connected}, F::NOT_MMS, "", 0, false},
+      {{mmst, connected, quiet}, F::NO_ANSWER, "", 0, false},
+      {{mmst, connected, "[WrapperMms::io_write()] select timeout!"}, F::NOT_MMS, "", 0, false},
+      {{mmst, unresolved + "nowhere.invalid"}, F::UNRESOLVED, "nowhere.invalid", 0, false},
+      {{mmst, "[WrapperMms::io_tcp_connect] failed to create socket: 24"},
+       F::UNREACHABLE,
+       "",
+       24,
+       false},
+      {{mmst, "ERR - connect", refused}, F::REFUSED, "", 111, false},
+      {{mmst, "ERR - connect", " errno = 101 / msg = Network is unreachable"},
+       F::UNREACHABLE,
+       "",
+       101,
+       false},
+      {{mmst, "ERR - connect"}, F::UNREACHABLE, "", 0, false},
+      {{mmst, "ERR - connect with select : 110"}, F::CONNECT_TIMED_OUT, "", 110, false},
+      {{mmst, "ERR - connect with select : 111"}, F::REFUSED, "", 111, false},
+      {{mmst, "ERR - timeout"}, F::CONNECT_TIMED_OUT, "", 0, false},
+      // Two attempts: the later one wins only by getting further.
+      {{mmst, "ERR - connect", refused, mmsh, connected}, F::NOT_MMS, "", 0, false},
+      {{mmst, connected, mmsh, "ERR - connect", refused}, F::NOT_MMS, "", 0, false},
+      {{mmst, unresolved + "a", mmsh, unresolved + "b"}, F::UNRESOLVED, "a", 0, false},
+      {{"[WrapperMms::connect()] set proxy! : http://proxy:3128", mmsh, unresolved + "proxy"},
+       F::UNRESOLVED,
+       "proxy",
+       0,
+       true},
+      {{"set proxy! : http://proxy:3128", mmsh}, F::URL_REFUSED, "", 0, false},
+  };
+  for (const Row& row : rows) {
+    std::string trace;
+    for (const std::string& line : row.lines) trace += line + " | ";
+    SCOPED_TRACE(trace);
+    const halvarine::ConnectDiagnosis d = halvarine::diagnoseConnect(row.lines);
+    EXPECT_EQ(static_cast<int>(row.failure), static_cast<int>(d.failure));
+    EXPECT_EQ(row.host, d.host);
+    EXPECT_EQ(row.error, d.error);
+    EXPECT_EQ(row.proxy, d.viaProxy);
+  }
+  // Each failure has words of its own; these two a person knows from
+  // other tools.
+  std::vector<std::string> texts;
+  for (int f = 0; f <= static_cast<int>(F::NOT_MMS); ++f)
+    texts.push_back(halvarine::connectFailureText(static_cast<F>(f)));
+  std::sort(texts.begin(), texts.end());
+  EXPECT_EQ(texts.end(), std::adjacent_find(texts.begin(), texts.end()));
+  EXPECT_STREQ("connection refused", halvarine::connectFailureText(F::REFUSED));
+  EXPECT_STREQ("cannot resolve host", halvarine::connectFailureText(F::UNRESOLVED));
+}
+
+// A child starts as asked whatever this process has set up, ends as it
+// ended, and a program that cannot run says so at the start.
+TEST(ChildProcess, StartsCleanEndsAsItEndedAndAFailedStartSaysWhy) {
+  halvarine::ChildProcess missing;
+  EXPECT_FALSE(missing.start({"halvarine-no-such-program"}));
+  EXPECT_EQ(halvarine::ChildProcess::StartFailure::EXEC, missing.startFailure());
+  EXPECT_EQ("exec \"halvarine-no-such-program\": No such file or directory", missing.error());
+  EXPECT_EQ(-1, missing.pid());
+
+  // Ignored and blocked here, default in the child; stdin is /dev/null; the
+  // environment's own HALVARINE_TEST_A is replaced, not doubled.
+  setenv("HALVARINE_TEST_A", "old", 1);
+  setenv("HALVARINE_TEST_B", "kept", 1);
+  signal(SIGTERM, SIG_IGN);
+  sigset_t blocked, was;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGINT);
+  sigprocmask(SIG_BLOCK, &blocked, &was);
+  const struct Row {
+    std::string script;
+    bool captureStdout;
+    std::string status;
+    std::string output;
+  } rows[] = {
+      {"exit 3", false, "exit 3", ""},
+      {"kill -9 $$", false, "signal 9", ""},
+      {"kill -TERM $$; exit 7", false, "signal 15", ""},
+      {"kill -INT $$; exit 7", false, "signal 2", ""},
+      {"cat; echo \"$HALVARINE_TEST_A $HALVARINE_TEST_B\" >&2; env | grep -c ^HALVARINE_TEST_A=",
+       true, "exit 0", "new kept\n1\n"},
+      {"echo out; echo err >&2", false, "exit 0", "err\n"},
+      {"echo out; echo err >&2", true, "exit 0", "out\nerr\n"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.script);
+    halvarine::ChildProcess child;
+    halvarine::ChildProcess::Options o;
+    o.captureStdout = row.captureStdout;
+    o.env = {"HALVARINE_TEST_A=new"};
+    ASSERT_TRUE(child.start({"sh", "-c", row.script}, o)) << child.error();
+    halvarine::ExitStatus st;
+    ASSERT_TRUE(child.waitExit(10000, st)) << child.error();
+    EXPECT_EQ(row.status, st.toString());
+    EXPECT_EQ(row.output, child.output());
+  }
+  sigprocmask(SIG_SETMASK, &was, nullptr);
+  signal(SIGTERM, SIG_DFL);
+  unsetenv("HALVARINE_TEST_A");
+  unsetenv("HALVARINE_TEST_B");
+
+  // Waits that run out say so and leave the child running; the end of a
+  // child that never writes the text ends the wait for it.
+  halvarine::ChildProcess slow;
+  ASSERT_TRUE(slow.start({"sh", "-c", "echo ready >&2; exec sleep 30"})) << slow.error();
+  EXPECT_TRUE(slow.waitForOutput("ready", 10000));
+  halvarine::ExitStatus st;
+  EXPECT_FALSE(slow.waitExit(100, st));
+  EXPECT_EQ("the child did not end within 100 ms", slow.error());
+  EXPECT_TRUE(slow.running());
+  EXPECT_TRUE(slow.sendSignal(SIGTERM)) << slow.error();
+  EXPECT_TRUE(slow.waitExit(10000, st) && st.toString() == "signal 15") << st.toString();
+  EXPECT_FALSE(slow.sendSignal(SIGTERM));
+  halvarine::ChildProcess silent;
+  ASSERT_TRUE(silent.start({"sh", "-c", "echo other >&2; sleep 0.2"})) << silent.error();
+  const int64_t began = halvarine::monotonicMs();
+  EXPECT_FALSE(silent.waitForOutput("never", 20000));
+  EXPECT_LT(halvarine::monotonicMs() - began, 10000);
+}
+
+TEST(Programs, RunToTheEndOrKilledLinesAndThePath) {
+  const halvarine::ProgramRun ran =
+      halvarine::runProgram({"sh", "-c", "echo out; echo err >&2; exit 2"}, 10000);
+  EXPECT_TRUE(ran.ended && !ran.succeeded());
+  EXPECT_EQ("exit 2", ran.status.toString());
+  EXPECT_EQ("out\nerr\n", ran.output);
+  EXPECT_TRUE(halvarine::runProgram({"true"}, 10000).succeeded());
+  const halvarine::ProgramRun stuck = halvarine::runProgram({"sleep", "30"}, 100);
+  EXPECT_FALSE(stuck.ended || stuck.succeeded());
+  const halvarine::ProgramRun missing = halvarine::runProgram({"halvarine-no-such-program"}, 100);
+  EXPECT_FALSE(missing.ended);
+  EXPECT_NE(std::string::npos, missing.output.find("No such file")) << missing.output;
+
+  using Lines = std::vector<std::string>;
+  EXPECT_EQ(Lines(), halvarine::splitLines(""));
+  EXPECT_EQ(Lines({"a"}), halvarine::splitLines("a"));
+  EXPECT_EQ(Lines({"a"}), halvarine::splitLines("a\n"));
+  EXPECT_EQ(Lines({"a", "", "b"}), halvarine::splitLines("a\n\nb"));
+
+  // Only a regular file that may be run counts, in PATH's order.
+  const support::TempDir bin;
+  ASSERT_EQ(0, mkdir(bin.file("d").c_str(), 0755));
+  ASSERT_EQ(0, mkdir(bin.file("d/tool").c_str(), 0755));
+  ASSERT_EQ(0, mkdir(bin.file("e").c_str(), 0755));
+  ASSERT_EQ(0, mkdir(bin.file("f").c_str(), 0755));
+  ASSERT_TRUE(support::writeFile(bin.file("e/tool"), "#!/bin/sh\n") &&
+              support::writeFile(bin.file("f/tool"), "#!/bin/sh\n"));
+  ASSERT_EQ(0, chmod(bin.file("f/tool").c_str(), 0755));
+  ASSERT_EQ(0, chmod(bin.file("e/tool").c_str(), 0644));
+  const std::string path = getenv("PATH");
+  setenv("PATH", (bin.file("d") + ":" + bin.file("e") + ":" + bin.file("f")).c_str(), 1);
+  const std::string found = halvarine::findOnPath("tool");
+  setenv("PATH", (bin.file("d") + "::" + bin.file("e")).c_str(), 1);
+  const std::string none = halvarine::findOnPath("tool");
+  setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(bin.file("f/tool"), found);
+  EXPECT_EQ("", none);
 }
 
 // Two workers at once, each on a socket of its own in a directory that
