@@ -12,6 +12,7 @@
 #include "base/clock.h"
 #include "base/text.h"
 #include "base/wait.h"
+#include "base/write_all.h"
 #include "channel/packet.h"
 
 namespace halvarine {
@@ -67,20 +68,11 @@ bool ControllerConnection::send(const Request& req) {
 bool ControllerConnection::sendRaw(const std::string& bytes) {
   if (!fd_.valid()) return fail("send: not connected", Failure::LOST);
   size_t sent = 0;
-  while (sent < bytes.size()) {
-    // MSG_NOSIGNAL: a worker that has gone away must not kill the controller.
-    const ssize_t n =
-        ::send(fd_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n >= 0) {
-      sent += static_cast<size_t>(n);
-      continue;
-    }
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return fail(errnoText("send"), Failure::LOST);
-    const WaitResult w = waitFdUntil(fd_.get(), WAIT_WRITABLE, nowMs() + SEND_WAIT_MS);
-    if (w == WAIT_TIMEOUT) return fail("send: the worker takes no data", Failure::TIMED_OUT);
-    if (w == WAIT_ERROR) return fail(errnoText("send: wait"), Failure::LOST);
-  }
+  // Sent without SIGPIPE: a worker that has gone away must not kill the
+  // controller.
+  const WaitResult w = writeAll(fd_.get(), bytes.data(), bytes.size(), SEND_WAIT_MS, sent);
+  if (w == WAIT_TIMEOUT) return fail("send: the worker takes no data", Failure::TIMED_OUT);
+  if (w != WAIT_READY) return fail(errnoText("send"), Failure::LOST);
   return true;
 }
 
