@@ -11,7 +11,8 @@
 
 // Writes `n` bytes from `p` to `fd` without ever blocking inside a call: a
 // socket is sent to with MSG_DONTWAIT and MSG_NOSIGNAL (a peer that has gone
-// is EPIPE, not a signal), a pipe or terminal is written, once it says it
+// is EPIPE, not a signal; a pipe's caller ignores SIGPIPE for that), a pipe
+// or terminal is written, once it says it
 // has room, at most PIPE_BUF bytes at a time, a regular file plainly. When
 // the descriptor takes no more, waits for room up to `stallMs` each time
 // (negative: no limit; 0: no wait), or until `stopFd`, when not -1, turns

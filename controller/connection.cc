@@ -11,6 +11,7 @@
 
 #include "base/clock.h"
 #include "base/text.h"
+#include "base/unix_address.h"
 #include "base/wait.h"
 #include "base/write_all.h"
 #include "channel/packet.h"
@@ -23,14 +24,6 @@ namespace {
 const int SEND_WAIT_MS = 5000;
 // A READ reply is one 64 KiB frame: read it in a few large pieces.
 const size_t RECEIVE_CHUNK = 65536;
-
-bool socketAddress(const std::string& path, sockaddr_un& addr) {
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof addr.sun_path) return false;
-  memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-  return true;
-}
 
 // "name (uid 1000)", or "uid 1000" for a user without a name here.
 std::string ownerText(uid_t uid) {
@@ -192,7 +185,7 @@ bool ControllerListener::listen(const std::string& path) {
   close();
   failure_ = Failure::NONE;
   sockaddr_un addr;
-  if (!socketAddress(path, addr)) {
+  if (!unixAddress(path.c_str(), addr)) {
     return fail(Failure::UNUSABLE, "socket path unusable: \"" + path + "\"");
   }
   const sockaddr* sa = reinterpret_cast<const sockaddr*>(&addr);

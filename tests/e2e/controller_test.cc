@@ -4,6 +4,7 @@
 // sessions run at once.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -13,10 +14,13 @@
 #include <algorithm>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "base/unix_address.h"
+#include "base/write_all.h"
 #include "tests/support/support.h"
 
 using std::string_literals::operator""s;
@@ -347,6 +351,73 @@ TEST(Programs, RunToTheEndOrKilledLinesAndThePath) {
   setenv("PATH", path.c_str(), 1);
   EXPECT_EQ(bin.file("f/tool"), found);
   EXPECT_EQ("", none);
+}
+
+// The write-everything loop on each kind of descriptor, its waits, and the
+// sleep and address helpers beside it.
+TEST(Helpers, WriteAllTakesEachKindOfDescriptorAndStopsAsTold) {
+  const std::string big(1 << 20, 'x');
+  size_t n = 0;
+  int p[2];
+  ASSERT_EQ(0, pipe(p));
+  halvarine::UniqueFd readEnd(p[0]), writeEnd(p[1]);
+  // A pipe nobody reads: what fits goes, then no wait, or a wait that runs
+  // out, or a stop.
+  EXPECT_EQ(WAIT_TIMEOUT, writeAll(writeEnd.get(), big.data(), big.size(), 0, n));
+  EXPECT_GT(n, 0u);
+  EXPECT_LT(n, big.size());
+  const int64_t began = halvarine::monotonicMs();
+  EXPECT_EQ(WAIT_TIMEOUT, writeAll(writeEnd.get(), big.data(), big.size(), 150, n));
+  EXPECT_EQ(0u, n);
+  EXPECT_GE(halvarine::monotonicMs() - began, 150);
+  int stop[2];
+  ASSERT_EQ(0, pipe(stop));
+  halvarine::UniqueFd stopRead(stop[0]), stopWrite(stop[1]);
+  ASSERT_EQ(1, write(stopWrite.get(), "s", 1));
+  EXPECT_EQ(WAIT_STOPPED, writeAll(writeEnd.get(), big.data(), big.size(), -1, n, stopRead.get()));
+  // A reader that went: EPIPE, where SIGPIPE is ignored (a pipe has no
+  // MSG_NOSIGNAL).
+  readEnd.reset();
+  signal(SIGPIPE, SIG_IGN);
+  EXPECT_EQ(WAIT_ERROR, writeAll(writeEnd.get(), "a", 1, -1, n));
+  EXPECT_EQ(EPIPE, errno);
+  signal(SIGPIPE, SIG_DFL);
+
+  // A socket whose reader keeps reading gets all of it, in order.
+  int fds[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+  halvarine::UniqueFd a(fds[0]), b(fds[1]);
+  std::string got;
+  const std::string file = dir.file("written");
+  ASSERT_TRUE(support::writeFile(file, ""));
+  {
+    halvarine::UniqueFd out(open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    std::string counted;
+    for (int i = 0; i < 100000; ++i) counted += std::to_string(i) + ",";
+    EXPECT_EQ(WAIT_READY, writeAll(out.get(), counted.data(), counted.size(), 0, n));
+    EXPECT_EQ(counted.size(), n);
+    std::thread drain([&] {
+      char chunk[4096];
+      for (ssize_t r; (r = read(b.get(), chunk, sizeof chunk)) > 0;) got.append(chunk, r);
+    });
+    EXPECT_EQ(WAIT_READY, writeAll(a.get(), counted.data(), counted.size(), 5000, n));
+    a.reset();
+    drain.join();
+    // The socket's reader has gone: EPIPE, and no signal even so.
+    EXPECT_EQ(WAIT_ERROR, writeAll(b.get(), "a", 1, -1, n));
+    EXPECT_EQ(EPIPE, errno);
+    EXPECT_TRUE(got == counted) << got.size() << " bytes of " << counted.size();
+  }
+
+  const int64_t deadline = halvarine::monotonicMs() + 120;
+  sleepUntil(deadline);
+  EXPECT_GE(halvarine::monotonicMs(), deadline);
+
+  sockaddr_un addr;
+  EXPECT_TRUE(unixAddress("/run/x", addr) && std::string(addr.sun_path) == "/run/x");
+  EXPECT_FALSE(unixAddress("", addr));
+  EXPECT_FALSE(unixAddress(std::string(sizeof addr.sun_path, 'p').c_str(), addr));
+  EXPECT_TRUE(unixAddress(std::string(sizeof addr.sun_path - 1, 'p').c_str(), addr));
 }
 
 // Two workers at once, each on a socket of its own in a directory that
