@@ -12,8 +12,8 @@
 #include "base/allocator.h"
 #include "base/unix_address.h"
 #include "base/wait.h"
+#include "channel/control_socket.h"
 #include "channel/protocol.h"
-#include "channel/transport.h"
 #include "core/termination.h"
 #include "mms/wrapper_mms.h"
 
