@@ -353,6 +353,133 @@ TEST(Programs, RunToTheEndOrKilledLinesAndThePath) {
   EXPECT_EQ("", none);
 }
 
+// A worker end that answers only what it is told to: the request pipeline's
+// watchdog, order and ending without a worker's own timing in the way.
+struct PipelineBench {
+  halvarine::UniqueFd worker;
+  halvarine::ControllerConnection conn;
+  PipelineBench() {
+    int fds[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    worker.reset(fds[0]);
+    conn = halvarine::ControllerConnection(halvarine::UniqueFd(fds[1]));
+  }
+  void reply(unsigned char echo, const std::string& word, const std::string& status = "OK_") {
+    const std::string frame = support::expectedReply(echo, {word, status});
+    EXPECT_EQ(static_cast<ssize_t>(frame.size()), write(worker.get(), frame.data(), frame.size()));
+  }
+  // Receives until something other than NOT_YET; the milliseconds it took.
+  int64_t receive(halvarine::RequestPipeline& p, halvarine::Reply& r, std::string& word,
+                  halvarine::RequestPipeline::Received& how) {
+    const int64_t began = halvarine::monotonicMs();
+    while ((how = p.receive(r, word)) == halvarine::RequestPipeline::Received::NOT_YET) {
+    }
+    return halvarine::monotonicMs() - began;
+  }
+};
+
+class Stopper : public halvarine::FetchObserver {
+ public:
+  bool stop = false;
+  int ticks = 0;
+  void tick() override { ++ticks; }
+  bool stopRequested() override { return stop; }
+};
+
+TEST(Pipeline, TheWatchdogCountsFromTheLaterOfSendingAndTheLastReply) {
+  using Received = halvarine::RequestPipeline::Received;
+  PipelineBench bench;
+  halvarine::PipelineOptions o;
+  o.replyTimeoutMs = 600;
+  o.keepAliveMs = 0;
+  halvarine::RequestPipeline p(bench.conn, o);
+  halvarine::Reply r;
+  std::string word;
+  Received how;
+  // A later request does not excuse the overdue reply to an earlier one.
+  ASSERT_TRUE(p.send("GSIZE"));
+  sleepUntil(halvarine::monotonicMs() + 400);
+  ASSERT_TRUE(p.send("CCHECK"));
+  EXPECT_LT(bench.receive(p, r, word, how), 450);
+  EXPECT_EQ(Received::FAILED, how);
+  EXPECT_EQ(halvarine::FetchStatus::TIMED_OUT, p.failure());
+  EXPECT_EQ("no reply to GSIZE within 0.6 s", p.error());
+
+  // A reply gives the next request in flight its full time again.
+  PipelineBench again;
+  halvarine::RequestPipeline q(again.conn, o);
+  ASSERT_TRUE(q.send("GSIZE") && q.send("CCHECK"));
+  sleepUntil(halvarine::monotonicMs() + 400);
+  again.reply(1, "GSIZE");
+  EXPECT_EQ(Received::REPLY, (again.receive(q, r, word, how), how));
+  EXPECT_EQ("GSIZE", word);
+  const int64_t waited = again.receive(q, r, word, how);
+  EXPECT_EQ(Received::FAILED, how);
+  EXPECT_GE(waited, 500) << "timed out from the request's sending";
+  EXPECT_EQ("no reply to CCHECK within 0.6 s", q.error());
+  halvarine::RequestPipeline idle(again.conn, o);
+  EXPECT_EQ(Received::FAILED, idle.receive(r, word));
+  EXPECT_EQ(halvarine::FetchStatus::BAD_REPLY, idle.failure()) << idle.error();
+}
+
+// call() passes the replies to earlier requests by; a stop, the run's
+// deadline and the end of the connection each end a wait as what they are.
+TEST(Pipeline, CallsKeepAliveStopsDeadlinesAndThePoliteEnd) {
+  halvarine::Reply r;
+  {
+    PipelineBench bench;
+    halvarine::PipelineOptions o;
+    o.keepAliveMs = 150;
+    Stopper observer;
+    halvarine::RequestPipeline p(bench.conn, o, &observer);
+    EXPECT_TRUE(p.keepAlive());
+    EXPECT_EQ(0u, p.inFlight()) << "a keep-alive before its time";
+    ASSERT_TRUE(p.send("READ", {"10"}));
+    bench.reply(1, "READ", "EOF");
+    bench.reply(2, "GSIZE");
+    EXPECT_EQ(halvarine::FetchStatus::DONE, p.call("GSIZE", {}, r));
+    EXPECT_EQ(2, r.echo);
+    EXPECT_EQ("GSIZE", r.word());
+    sleepUntil(halvarine::monotonicMs() + 200);
+    EXPECT_TRUE(p.keepAlive());
+    EXPECT_EQ(1u, p.inFlight()) << "no keep-alive after its time";
+    bench.reply(3, "CCHECK");
+    std::string word;
+    halvarine::RequestPipeline::Received how;
+    bench.receive(p, r, word, how);
+    EXPECT_EQ("CCHECK", word);
+    observer.stop = true;
+    EXPECT_EQ(halvarine::FetchStatus::STOPPED, p.call("GSIZE", {}, r));
+    EXPECT_GT(observer.ticks, 0);
+    // PEND is answered in spite of the stop, after the reply still due.
+    bench.reply(4, "GSIZE");
+    bench.reply(5, "PEND");
+    EXPECT_TRUE(p.finish(1000)) << p.error();
+    EXPECT_EQ(0u, p.inFlight());
+  }
+  {
+    PipelineBench bench;
+    halvarine::PipelineOptions o;
+    o.deadlineMs = halvarine::monotonicMs() + 200;
+    halvarine::RequestPipeline p(bench.conn, o);
+    EXPECT_EQ(halvarine::FetchStatus::DEADLINE, p.call("CONNECT", {"mms://x/y"}, r));
+    EXPECT_TRUE(p.deadlinePassed());
+    EXPECT_FALSE(p.finish(200));
+    EXPECT_EQ(halvarine::FetchStatus::TIMED_OUT, p.failure());
+    EXPECT_EQ("PEND not answered within 0.2 s", p.error());
+    bench.reply(1, "CONNECT");
+    bench.reply(2, "PEND", "ERR");
+    EXPECT_FALSE(p.finish(1000)) << "PEND refused is no polite end";
+    bench.worker.reset();
+    EXPECT_EQ(halvarine::FetchStatus::LOST, p.call("CCHECK", {}, r));
+  }
+  std::vector<std::string> texts;
+  for (int s = 0; s <= static_cast<int>(halvarine::FetchStatus::STOPPED); ++s)
+    texts.push_back(halvarine::statusText(static_cast<halvarine::FetchStatus>(s)));
+  std::sort(texts.begin(), texts.end());
+  EXPECT_EQ(texts.end(), std::adjacent_find(texts.begin(), texts.end()));
+}
+
 // The write-everything loop on each kind of descriptor, its waits, and the
 // sleep and address helpers beside it.
 TEST(Helpers, WriteAllTakesEachKindOfDescriptorAndStopsAsTold) {
