@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +33,17 @@ ExitStatus decodeStatus(int status) {
     s.signal = WTERMSIG(status);
   }
   return s;
+}
+
+// A descriptor that turns readable when `pid` ends (Linux 5.3 on); -1
+// where the kernel has none.
+int openProcessFd(pid_t pid) {
+#ifdef SYS_pidfd_open
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+  (void)pid;
+  return -1;
+#endif
 }
 
 }  // namespace
@@ -114,6 +126,16 @@ bool ChildProcess::reap(bool block) {
   return reaped_;
 }
 
+void ChildProcess::awaitEnd(int64_t untilMs) {
+  const UniqueFd ended(openProcessFd(pid_));
+  if (ended.valid()) {
+    waitFdUntil(ended.get(), WAIT_READABLE, untilMs);
+  } else {
+    // No process descriptor: look again every millisecond.
+    sleepUntil(std::min(untilMs, nowMs() + 1));
+  }
+}
+
 bool ChildProcess::running() {
   return pid_ > 0 && !reap(false);
 }
@@ -153,7 +175,7 @@ bool ChildProcess::waitExit(int timeoutMs, ExitStatus& out) {
     if (drain()) {
       waitFdUntil(pipe_.get(), WAIT_READABLE, slice);
     } else {
-      while (nowMs() < slice && !reap(false)) sleepUntil(std::min(slice, nowMs() + 1));
+      awaitEnd(slice);
     }
   }
   // What it wrote last; a grandchild holding the pipe must not make this wait.
@@ -175,7 +197,7 @@ bool ChildProcess::waitForOutput(const std::string& text, int timeoutMs) {
     if (open) {
       waitFdUntil(pipe_.get(), WAIT_READABLE, slice);
     } else {
-      sleepUntil(std::min(slice, nowMs() + 1));
+      awaitEnd(slice);
     }
   }
 }

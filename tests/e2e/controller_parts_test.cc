@@ -1,7 +1,5 @@
-// The controller library's parts that need no worker: the diagnosis of a
-// failed CONNECT, the child-process owner and the program helpers, the
-// request pipeline against a worker end that answers only when told, and
-// the write-everything loop with the helpers beside it.
+// The controller library's parts that need no worker: the diagnosis, child
+// processes, the request pipeline against a scripted worker end, helpers.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -120,6 +118,8 @@ TEST(ChildProcess, StartsCleanEndsAsItEndedAndAFailedStartSaysWhy) {
     std::string output;
   } rows[] = {
       {"exit 3", false, "exit 3", ""},
+      // The end of a child that closed its output first is seen too.
+      {"exec 2>&-; sleep 0.2; exit 4", false, "exit 4", ""},
       {"kill -9 $$", false, "signal 9", ""},
       {"kill -TERM $$; exit 7", false, "signal 15", ""},
       {"kill -INT $$; exit 7", false, "signal 2", ""},
