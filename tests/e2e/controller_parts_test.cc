@@ -128,9 +128,9 @@ TEST(ChildProcess, StartsCleanEndsAsItEndedAndAFailedStartSaysWhy) {
       {"echo out; echo err >&2", false, "exit 0", "err\n"},
       {"echo out; echo err >&2", true, "exit 0", "out\nerr\n"},
   };
+  halvarine::ChildProcess child;  // started again for each row: nothing of the last one stays
   for (const Row& row : rows) {
     SCOPED_TRACE(row.script);
-    halvarine::ChildProcess child;
     halvarine::ChildProcess::Options o;
     o.captureStdout = row.captureStdout;
     o.env = {"HALVARINE_TEST_A=new"};
