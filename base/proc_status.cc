@@ -3,20 +3,13 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <memory>
 #include <string>
 
-namespace {
-
-struct FileCloser {
-  void operator()(FILE* f) const { fclose(f); }
-};
-
-}  // namespace
+#include "base/file.h"
 
 long procStatusKb(pid_t pid, const char* field) {
   const std::string path = "/proc/" + std::to_string(pid) + "/status";
-  std::unique_ptr<FILE, FileCloser> status(fopen(path.c_str(), "re"));
+  UniqueFile status(fopen(path.c_str(), "re"));
   if (!status) return -1;
   const size_t len = strlen(field);
   char line[256];

@@ -2,28 +2,26 @@
 
 #include <errno.h>
 #include <poll.h>
-#include <signal.h>
 
 #include "base/clock.h"
 
 namespace {
 
-void (*g_safePointHook)() = nullptr;
-volatile sig_atomic_t g_sleeping = 0;
+SafePointHooks g_hooks;
 
 short eventsFor(WaitFor what) {
   return what == WAIT_READABLE ? POLLIN : POLLOUT;
 }
 
-// One poll as a safe point: the hook runs with g_sleeping already set, so a
-// signal that comes after the hook looked finds the thread asleep.
+// One poll as a safe point, between the hooks.
 int pollAsleep(pollfd* fds, nfds_t n, int timeoutMs) {
-  g_sleeping = 1;
-  safePoint();
+  if (g_hooks.enterWait != nullptr) g_hooks.enterWait();
   const int rc = poll(fds, n, timeoutMs);
-  const int err = errno;
-  g_sleeping = 0;
-  errno = err;
+  if (g_hooks.leaveWait != nullptr) {
+    const int err = errno;
+    g_hooks.leaveWait();
+    errno = err;
+  }
   return rc;
 }
 
@@ -38,16 +36,12 @@ WaitResult judge(short revents) {
 
 }  // namespace
 
-void setSafePointHook(void (*hook)()) {
-  g_safePointHook = hook;
+void setSafePointHooks(const SafePointHooks& hooks) {
+  g_hooks = hooks;
 }
 
 void safePoint() {
-  if (g_safePointHook != nullptr) g_safePointHook();
-}
-
-bool sleepingInWait() {
-  return g_sleeping != 0;
+  if (g_hooks.atSafePoint != nullptr) g_hooks.atSafePoint();
 }
 
 WaitResult waitFd(int fd, WaitFor what, int seconds) {
@@ -56,6 +50,12 @@ WaitResult waitFd(int fd, WaitFor what, int seconds) {
   if (rc < 0) return WAIT_ERROR;
   if (rc == 0) return WAIT_TIMEOUT;
   return judge(p.revents);
+}
+
+void sleepUntil(int64_t deadlineMs) {
+  for (int64_t left = deadlineMs - nowMs(); left > 0; left = deadlineMs - nowMs()) {
+    pollAsleep(nullptr, 0, left > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(left));
+  }
 }
 
 WaitResult waitFdUntil(int fd, WaitFor what, int64_t deadlineMs, int stopFd) {

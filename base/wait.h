@@ -26,19 +26,28 @@ WaitResult waitFd(int fd, WaitFor what, int seconds);
 // handlers return do not end the wait.
 WaitResult waitFdUntil(int fd, WaitFor what, int64_t deadlineMs, int stopFd = -1);
 
+// Sleeps until nowMs() reaches `deadlineMs`; a wait like the others (a safe
+// point), which signals whose handlers return do not end.
+void sleepUntil(int64_t deadlineMs);
+
 // ---- Safe points
 //
 // A wait is a place where the waiting thread holds no lock: not the
-// allocator's, not stdio's, not a library's. Code that may act only at such a
-// place (the worker ends itself there on SIGTERM) registers a hook, which every
-// wait runs on entry; code that knows it holds nothing either calls safePoint()
-// itself.
-void setSafePointHook(void (*hook)());
+// allocator's, not stdio's, not a library's. The one program that acts only
+// at such places (the worker ends itself there on SIGTERM) installs hooks:
+// `enterWait` runs at the start of every wait, just before its system call,
+// `leaveWait` right after the call returns, and `atSafePoint` wherever code
+// that knows it holds nothing calls safePoint(). What the hooks keep (the
+// worker's "asleep in a wait" flag) lives with the program that installs
+// them: the library, the tools and the test servers, whose threads wait at
+// the same time, install none and so share nothing here but the hook table,
+// set once before any thread starts.
+struct SafePointHooks {
+  void (*enterWait)() = nullptr;
+  void (*leaveWait)() = nullptr;
+  void (*atSafePoint)() = nullptr;
+};
+void setSafePointHooks(const SafePointHooks& hooks);
 void safePoint();
-
-// True from the hook's call at the start of a wait until its system call has
-// returned: a signal handler that finds it true has interrupted the thread in
-// a wait. Async-signal-safe.
-bool sleepingInWait();
 
 #endif

@@ -3,7 +3,7 @@
 
 // The frame that travels on the controller socket, and the conversions
 // between frames, byte streams and parameter lists. No I/O here: see
-// transport.h.
+// control_socket.h.
 //
 //   offset 0..2    0x16 0x16 0x02           start sequence
 //   offset 3..11   9-byte header            see HEADER_* below

@@ -2,8 +2,8 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "channel/control_socket.h"
 #include "channel/protocol.h"
-#include "channel/transport.h"
 
 bool acceptRequest(const ParamList& request, size_t minElements, const char* literal,
                    size_t replyTail) {

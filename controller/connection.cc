@@ -10,7 +10,10 @@
 #include <unistd.h>
 
 #include "base/clock.h"
+#include "base/text.h"
+#include "base/unix_address.h"
 #include "base/wait.h"
+#include "base/write_all.h"
 #include "channel/packet.h"
 
 namespace halvarine {
@@ -21,18 +24,6 @@ namespace {
 const int SEND_WAIT_MS = 5000;
 // A READ reply is one 64 KiB frame: read it in a few large pieces.
 const size_t RECEIVE_CHUNK = 65536;
-
-std::string errnoText(const std::string& what) {
-  return what + ": " + strerror(errno);
-}
-
-bool socketAddress(const std::string& path, sockaddr_un& addr) {
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof addr.sun_path) return false;
-  memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-  return true;
-}
 
 // "name (uid 1000)", or "uid 1000" for a user without a name here.
 std::string ownerText(uid_t uid) {
@@ -70,20 +61,11 @@ bool ControllerConnection::send(const Request& req) {
 bool ControllerConnection::sendRaw(const std::string& bytes) {
   if (!fd_.valid()) return fail("send: not connected", Failure::LOST);
   size_t sent = 0;
-  while (sent < bytes.size()) {
-    // MSG_NOSIGNAL: a worker that has gone away must not kill the controller.
-    const ssize_t n =
-        ::send(fd_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n >= 0) {
-      sent += static_cast<size_t>(n);
-      continue;
-    }
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return fail(errnoText("send"), Failure::LOST);
-    const WaitResult w = waitFdUntil(fd_.get(), WAIT_WRITABLE, nowMs() + SEND_WAIT_MS);
-    if (w == WAIT_TIMEOUT) return fail("send: the worker takes no data", Failure::TIMED_OUT);
-    if (w == WAIT_ERROR) return fail(errnoText("send: wait"), Failure::LOST);
-  }
+  // Sent without SIGPIPE: a worker that has gone away must not kill the
+  // controller.
+  const WaitResult w = writeAll(fd_.get(), bytes.data(), bytes.size(), SEND_WAIT_MS, sent);
+  if (w == WAIT_TIMEOUT) return fail("send: the worker takes no data", Failure::TIMED_OUT);
+  if (w != WAIT_READY) return fail(errnoText("send"), Failure::LOST);
   return true;
 }
 
@@ -203,7 +185,7 @@ bool ControllerListener::listen(const std::string& path) {
   close();
   failure_ = Failure::NONE;
   sockaddr_un addr;
-  if (!socketAddress(path, addr)) {
+  if (!unixAddress(path.c_str(), addr)) {
     return fail(Failure::UNUSABLE, "socket path unusable: \"" + path + "\"");
   }
   const sockaddr* sa = reinterpret_cast<const sockaddr*>(&addr);

@@ -6,29 +6,12 @@
 #include <halvarine/diagnosis.h>
 #include <stdlib.h>
 
+#include "base/text.h"
+#include "base/worker_log.h"
+
 namespace halvarine {
 
 namespace {
-
-const char SET_PROXY[] = "[WrapperMms::connect()] set proxy! : ";
-const char OPEN_MMST[] = "[WrapperMms::connect()] open MMST stream!";
-const char OPEN_MMSH[] = "[WrapperMms::connect()] open MMSH stream!";
-const char TCP_CONNECT[] = "[WrapperMms::io_tcp_connect]";
-const char UNRESOLVED_HOST[] = "[WrapperMms::io_tcp_connect] unable to resolve host: ";
-const char NO_SOCKET[] = "[WrapperMms::io_tcp_connect] failed to create socket: ";
-// A connect that failed at once writes its errno on the line after this one.
-const char CONNECT_ERR[] = "ERR - connect";
-const char CONNECT_ERRNO[] = " errno = ";
-const char CONNECT_ERR_LATER[] = "ERR - connect with select : ";
-const char CONNECT_TIMEOUT[] = "ERR - timeout";
-const char READ_TIMEOUT[] = "[WrapperMms::io_read()] select timeout!";
-
-bool startsWith(const std::string& line, const char* prefix, std::string* rest = nullptr) {
-  const std::string p(prefix);
-  if (line.compare(0, p.size(), p) != 0) return false;
-  if (rest != nullptr) *rest = line.substr(p.size());
-  return true;
-}
 
 ConnectFailure connectErrno(int error) {
   if (error == ECONNREFUSED) return ConnectFailure::REFUSED;
@@ -49,33 +32,34 @@ ConnectDiagnosis diagnoseConnect(const std::vector<std::string>& lines) {
   };
   std::string rest;
   for (const std::string& line : lines) {
-    if (startsWith(line, SET_PROXY)) {
+    if (startsWith(line, LOG_SET_PROXY)) {
       proxy = true;
-    } else if (line == OPEN_MMST || line == OPEN_MMSH) {
+    } else if (line == LOG_OPEN_MMST || line == LOG_OPEN_MMSH) {
       endAttempt();
       attempt = ConnectDiagnosis();
       attempt.failure = ConnectFailure::URL_REFUSED;
       inAttempt = true;
     } else if (!inAttempt) {
       continue;
-    } else if (line == TCP_CONNECT) {
+    } else if (line == LOG_TCP_CONNECT) {
       // Connected, unless a failure follows before the library talks.
       attempt.failure = ConnectFailure::NOT_MMS;
-    } else if (startsWith(line, UNRESOLVED_HOST, &rest)) {
+    } else if (startsWith(line, LOG_UNRESOLVED_HOST, &rest)) {
       attempt.failure = ConnectFailure::UNRESOLVED;
       attempt.host = rest;
-    } else if (startsWith(line, NO_SOCKET, &rest)) {
+    } else if (startsWith(line, LOG_NO_SOCKET, &rest)) {
       attempt.failure = ConnectFailure::UNREACHABLE;
       attempt.error = atoi(rest.c_str());
-    } else if (line == CONNECT_ERR) {
+    } else if (line == LOG_CONNECT_ERR) {
       attempt.failure = ConnectFailure::UNREACHABLE;
-    } else if (startsWith(line, CONNECT_ERRNO, &rest) ||
-               startsWith(line, CONNECT_ERR_LATER, &rest)) {
+    } else if (startsWith(line, LOG_CONNECT_ERRNO, &rest) ||
+               startsWith(line, LOG_CONNECT_ERR_LATER, &rest)) {
       attempt.error = atoi(rest.c_str());
       attempt.failure = connectErrno(attempt.error);
-    } else if (line == CONNECT_TIMEOUT) {
+    } else if (line == LOG_CONNECT_TIMEOUT) {
       attempt.failure = ConnectFailure::CONNECT_TIMED_OUT;
-    } else if (line == READ_TIMEOUT && attempt.failure == ConnectFailure::NOT_MMS) {
+    } else if (attempt.failure == ConnectFailure::NOT_MMS &&
+               startsWith(line, LOG_READ_NAME, &rest) && rest == LOG_SELECT_TIMEOUT) {
       attempt.failure = ConnectFailure::NO_ANSWER;
     }
   }

@@ -10,9 +10,10 @@
 #include <iostream>
 
 #include "base/allocator.h"
+#include "base/unix_address.h"
 #include "base/wait.h"
+#include "channel/control_socket.h"
 #include "channel/protocol.h"
-#include "channel/transport.h"
 #include "core/termination.h"
 #include "mms/wrapper_mms.h"
 
@@ -30,9 +31,7 @@ int runProcess() {
     return 1;
   }
   struct sockaddr_un address;
-  memset(&address, 0, sizeof address);
-  address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, CONTROLLER_SOCKET_PATH, strlen(CONTROLLER_SOCKET_PATH) + 1);
+  unixAddress(CONTROLLER_SOCKET_PATH, address);
   // The whole address structure, not the path's length: the controller
   // binds the same way.
   if (connect(g_controlFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {

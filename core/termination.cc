@@ -13,6 +13,10 @@ const char NOTICE[] = "\n**** SIGINT ****\n";
 
 volatile sig_atomic_t g_pending = 0;  // a SIGTERM waits for a safe point
 volatile sig_atomic_t g_ending = 0;   // the notice is written or being written
+// Set from the start of a wait (before its safe point looks at g_pending)
+// until its system call has returned: a handler that finds it set has
+// interrupted the thread in a wait. The worker has one thread.
+volatile sig_atomic_t g_sleeping = 0;
 timer_t g_graceTimer;
 bool g_haveGraceTimer = false;
 
@@ -39,6 +43,17 @@ void onSafePoint() {
   if (g_pending && !g_ending) endWithCleanup();
 }
 
+// The flag is set before the safe point looks, so a signal that comes after
+// the look finds the thread asleep.
+void onEnterWait() {
+  g_sleeping = 1;
+  onSafePoint();
+}
+
+void onLeaveWait() {
+  g_sleeping = 0;
+}
+
 // Both a SIGTERM from outside and the end of the grace come here: the grace
 // timer signals with SIGTERM itself, so that no other signal's disposition
 // is touched (a SIGALRM from outside does what it would do to any process),
@@ -51,7 +66,7 @@ void onTerminate(int, siginfo_t* info, void*) {
     if (g_pending) endWithoutCleanup();
     return;
   }
-  if (sleepingInWait()) endWithCleanup();
+  if (g_sleeping) endWithCleanup();
   if (!g_haveGraceTimer) endWithoutCleanup();
   if (g_pending) return;  // a second SIGTERM does not put the grace off
   g_pending = 1;
@@ -75,7 +90,11 @@ bool installTerminationHandler() {
   // Without a timer a SIGTERM away from a wait ends the process at once,
   // without the clean-up.
   g_haveGraceTimer = timer_create(CLOCK_MONOTONIC, &event, &g_graceTimer) == 0;
-  setSafePointHook(onSafePoint);
+  SafePointHooks hooks;
+  hooks.enterWait = onEnterWait;
+  hooks.leaveWait = onLeaveWait;
+  hooks.atSafePoint = onSafePoint;
+  setSafePointHooks(hooks);
   return true;
 }
 

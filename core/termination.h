@@ -13,7 +13,7 @@
 // the allocator or a log line, it could deadlock or corrupt the heap. So the
 // handler never runs it where the thread may hold a lock:
 //
-//  - In a wait (base/wait.h: sleepingInWait), the thread holds nothing: the
+//  - In a wait (the hooks of base/wait.h), the thread holds nothing: the
 //    handler writes the notice and exits with the clean-up, at once. Every
 //    blocking step of the worker but the name lookup is such a wait.
 //  - Anywhere else the handler only notes the signal and starts a grace

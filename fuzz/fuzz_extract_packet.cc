@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "channel/transport.h"
+#include "channel/control_socket.h"
 #include "fuzz/fuzz_check.h"
 
 namespace {

@@ -16,8 +16,8 @@
 
 #include <string>
 
+#include "channel/control_socket.h"
 #include "channel/packet.h"
-#include "channel/transport.h"
 #include "fuzz/fuzz_check.h"
 
 namespace {

@@ -24,7 +24,7 @@
 
 #include <string>
 
-#include "channel/transport.h"
+#include "channel/control_socket.h"
 #include "core/process.h"
 #include "fuzz/fuzz_check.h"
 #include "mms/wrapper_mms.h"

@@ -44,6 +44,35 @@ TEST(ReplyFrames, EveryDamagedOrMissingByteAndEveryBodyNotExactlyFieldsIsRejecte
     EXPECT_FALSE(halvarine::decodeReply(frame, 0x07, r, nullptr)) << halvarine::hex(frame);
 }
 
+// GSIZE's length field: sixteen digits, signed as the worker prints a 32-bit
+// length, so a length past 2^31 comes back from its minus sign.
+TEST(ReplyFrames, TheLengthIsReadOnlyFromAWellFormedOkReply) {
+  using halvarine::Field;
+  const struct Row {
+    std::vector<Field> fields;
+    int64_t length;
+  } rows[] = {
+      {{Field::text("GSIZE"), Field::text("OK_"), Field::text("0000000000001234")}, 1234},
+      {{Field::text("GSIZE"), Field::text("OK_"), Field::text("-000000000000001")}, 4294967295},
+      {{Field::text("GSIZE"), Field::text("OK_"), Field::text("-000002147483648")}, 2147483648},
+      {{Field::text("GSIZE"), Field::text("OK_"), Field::text("0000004294967296")}, -1},
+      {{Field::text("GSIZE"), Field::text("OK_"), Field::text("00000000000012x4")}, -1},
+      {{Field::text("GSIZE"), Field::text("OK_"), Field::text("000000000001234")}, -1},
+      {{Field::text("GSIZE"), Field::text("OK_"), Field::countedField("0000000000001234")}, -1},
+      {{Field::text("GSIZE"), Field::text("ERR"), Field::text("0000000000001234")}, -1},
+      {{Field::text("GSIZE"), Field::text("OK_")}, -1},
+  };
+  for (const Row& row : rows) {
+    halvarine::Reply r;
+    r.fields = row.fields;
+    EXPECT_EQ(row.length, halvarine::replyLength(r)) << r.fields.back().bytes;
+  }
+  halvarine::Reply r;
+  std::string why;
+  EXPECT_FALSE(halvarine::decodeReply(CCHECK_REPLY, 0x08, r, &why));
+  EXPECT_NE(std::string::npos, why.find("echo byte is 0x07, expected 0x08")) << why;
+}
+
 // What a worker sends is judged as it comes; a worker that has gone is an
 // error, not SIGPIPE.
 TEST(Connection, BytesOutsideAFrameAnEndInsideOneOrAGonePeerAreErrors) {

@@ -6,8 +6,8 @@
 
 #include <tuple>
 
+#include "channel/control_socket.h"
 #include "channel/packet.h"
-#include "channel/transport.h"
 #include "tests/support/support.h"
 
 using support::bytes;

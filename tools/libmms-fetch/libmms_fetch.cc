@@ -27,16 +27,13 @@
 #include <vector>
 
 #include "base/clock.h"
+#include "base/file.h"
 #include "base/proc_status.h"
 #include "tools/common/number.h"
 #include "tools/libmms-fetch/libmms_stream.h"
 
 namespace libmmsfetch {
 namespace {
-
-struct FileCloser {
-  void operator()(FILE* f) const { fclose(f); }
-};
 
 // Reads until libmms delivers nothing more or `count` bytes are in.
 bool copyStream(LibmmsStream& stream, FILE* out, long long count, int readSize, long long& total) {
@@ -101,7 +98,7 @@ int run(int argc, char** argv) {
       return 2;
     }
   }
-  std::unique_ptr<FILE, FileCloser> out(fopen(argv[2], "wb"));
+  UniqueFile out(fopen(argv[2], "wb"));
   if (!out) {
     fprintf(stderr, "libmms-fetch: cannot write %s: %s\n", argv[2], strerror(errno));
     return 2;

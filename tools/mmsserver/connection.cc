@@ -7,6 +7,7 @@
 
 #include "base/clock.h"
 #include "base/wait.h"
+#include "base/write_all.h"
 
 namespace mmsserver {
 
@@ -67,20 +68,11 @@ bool Connection::readable(int timeoutMs) {
 }
 
 bool Connection::write(const char* p, size_t n) {
-  while (n > 0 && fd_.valid()) {
-    const ssize_t put = ::send(fd_.get(), p, n, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (put > 0) {
-      p += put;
-      n -= static_cast<size_t>(put);
-      continue;
-    }
-    if (put < 0 && errno == EINTR) continue;
-    if (put < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return false;
-    // A client may pause its reading for as long as it likes; only its
-    // leaving or the server stopping ends the wait.
-    if (waitFdUntil(fd_.get(), WAIT_WRITABLE, -1, stopFd_) != WAIT_READY) return false;
-  }
-  return n == 0;
+  if (!fd_.valid()) return n == 0;
+  // A client may pause its reading for as long as it likes; only its leaving
+  // or the server stopping ends the wait.
+  size_t written = 0;
+  return writeAll(fd_.get(), p, n, -1, written, stopFd_) == WAIT_READY;
 }
 
 bool Connection::pause(int ms) {

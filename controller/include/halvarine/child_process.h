@@ -11,6 +11,7 @@
 // and SIGTERM, whatever the parent has set.
 
 #include <halvarine/fd.h>
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <string>
@@ -96,7 +97,8 @@ class ChildProcess {
 
  private:
   bool reap(bool block);
-  bool drain();  // reads what can be read now; false at the end of the pipe
+  bool drain();                    // reads what can be read now; false at the end of the pipe
+  void awaitEnd(int64_t untilMs);  // until the child ends or the clock reads untilMs
 
   pid_t pid_ = -1;
   bool reaped_ = false;

@@ -1,4 +1,4 @@
-#include "channel/transport.h"
+#include "channel/control_socket.h"
 
 #include <errno.h>
 #include <sys/socket.h>
@@ -15,7 +15,7 @@ ResultCode readPacket(Packet& out) {
 
   if (g_controlFd == -1) {
     std::cerr << "[readPacket()] not connected!" << std::endl;
-    return TRANSPORT_NOT_CONNECTED;
+    return CONTROL_NOT_CONNECTED;
   }
   if (extractPacket(g_recvBuffer, out) == RESULT_OK) return RESULT_OK;
 
@@ -24,20 +24,20 @@ ResultCode readPacket(Packet& out) {
     const WaitResult ready = waitFd(g_controlFd, WAIT_READABLE, CONTROL_READ_TIMEOUT_S);
     if (ready == WAIT_TIMEOUT) {
       std::cerr << "[readPacket()] select timeout!" << std::endl;
-      return TRANSPORT_TIMEOUT;
+      return CONTROL_TIMEOUT;
     }
     if (ready == WAIT_ERROR) {
       std::cerr << "[readPacket()] select error!" << std::endl;
-      return TRANSPORT_READ_ERROR;
+      return CONTROL_READ_ERROR;
     }
     const ssize_t n = read(g_controlFd, chunk, sizeof chunk);
     if (n == 0) {
       std::cerr << "[readPacket()] read EOF!" << std::endl;
-      return TRANSPORT_PEER_CLOSED;
+      return CONTROL_PEER_CLOSED;
     }
     if (n < 0) {
       std::cerr << "[readPacket()] read error!" << std::endl;
-      return TRANSPORT_READ_ERROR;
+      return CONTROL_READ_ERROR;
     }
     g_recvBuffer.append(chunk, static_cast<size_t>(n));
     if (extractPacket(g_recvBuffer, out) == RESULT_OK) return RESULT_OK;
@@ -53,19 +53,19 @@ void reserveReplyRoom() {
 }
 
 ResultCode writePacket(const Packet& frame) {
-  if (g_controlFd == -1) return TRANSPORT_NOT_CONNECTED;
+  if (g_controlFd == -1) return CONTROL_NOT_CONNECTED;
   size_t sent = 0;
   while (sent < frame.size()) {
     const WaitResult ready = waitFd(g_controlFd, WAIT_WRITABLE, CONTROL_WRITE_TIMEOUT_S);
-    if (ready == WAIT_TIMEOUT) return TRANSPORT_TIMEOUT;
-    if (ready == WAIT_ERROR) return TRANSPORT_WRITE_ERROR;
+    if (ready == WAIT_TIMEOUT) return CONTROL_TIMEOUT;
+    if (ready == WAIT_ERROR) return CONTROL_WRITE_ERROR;
     // Writable means room for some bytes, not for the whole frame: a
     // blocking write of more would wait for the controller without limit.
     // No MSG_NOSIGNAL: a controller that has gone ends the worker by SIGPIPE.
     const ssize_t n = send(g_controlFd, frame.data() + sent, frame.size() - sent, MSG_DONTWAIT);
     if (n == -1) {
       if (errno == EAGAIN) continue;  // EWOULDBLOCK is the same number on Linux
-      return TRANSPORT_WRITE_ERROR;
+      return CONTROL_WRITE_ERROR;
     }
     sent += static_cast<size_t>(n);
   }

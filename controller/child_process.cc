@@ -1,21 +1,19 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <halvarine/child_process.h>
-#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "base/clock.h"
+#include "base/text.h"
 #include "base/wait.h"
-
-extern char** environ;
+#include "controller/spawn.h"
 
 namespace halvarine {
 
@@ -24,27 +22,6 @@ namespace {
 // A child whose own child still holds the pipe ends before the pipe does:
 // waits look at the child itself at least this often.
 const int REAP_SLICE_MS = 20;
-
-std::vector<std::string> childEnvironment(const std::vector<std::string>& extra) {
-  std::vector<std::string> env;
-  for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
-    const std::string entry(*e);
-    const std::string name = entry.substr(0, entry.find('=') + 1);
-    const bool replaced = std::any_of(extra.begin(), extra.end(), [&](const std::string& x) {
-      return x.compare(0, name.size(), name) == 0;
-    });
-    if (!replaced) env.push_back(entry);
-  }
-  env.insert(env.end(), extra.begin(), extra.end());
-  return env;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-  std::vector<char*> p;
-  for (std::string& s : strings) p.push_back(&s[0]);
-  p.push_back(nullptr);
-  return p;
-}
 
 ExitStatus decodeStatus(int status) {
   ExitStatus s;
@@ -58,103 +35,15 @@ ExitStatus decodeStatus(int status) {
   return s;
 }
 
-std::string errnoText(const std::string& what) {
-  return what + ": " + strerror(errno);
-}
-
-// What the child reports when it cannot exec: the step that failed, and
-// its errno.
-enum ChildStep { STEP_EXEC, STEP_UNSHARE, STEP_ID_MAPS, STEP_PROPAGATION, STEP_MOUNT };
-struct ChildReport {
-  int step;
-  int error;
-};
-
-// Options::privateTmp as prepared before the fork, so that the child
-// allocates nothing.
-struct NamespacePlan {
-  const char* dir = nullptr;  // null: no namespace
-  bool root = false;
-  std::string uidMap, gidMap;
-};
-
-bool writeWhole(const char* path, const std::string& text) {
-  const int fd = open(path, O_WRONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  const int e = errno;
-  close(fd);
-  errno = e;
-  return ok;
-}
-
-// STEP_EXEC (0) when the child now sees `plan.dir` at /tmp, else the step
-// that failed, with errno set.
-int enterPrivateTmp(const NamespacePlan& plan) {
-  if (plan.root && unshare(CLONE_NEWNS) == 0) {
-    // The mount below must not reach the parent's namespace through a
-    // shared "/"; as a slave the child still sees what the host mounts.
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0) return STEP_PROPAGATION;
-  } else {
-    // In a mount namespace owned by a new user namespace the parent's
-    // shared mounts arrive as slaves already. The child keeps its ids;
-    // exec drops the capabilities the new namespace granted.
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return STEP_UNSHARE;
-    if (!writeWhole("/proc/self/setgroups", "deny") ||
-        !writeWhole("/proc/self/uid_map", plan.uidMap) ||
-        !writeWhole("/proc/self/gid_map", plan.gidMap)) {
-      return STEP_ID_MAPS;
-    }
-  }
-  return mount(plan.dir, "/tmp", nullptr, MS_BIND, nullptr) == 0 ? STEP_EXEC : STEP_MOUNT;
-}
-
-std::string childFailureText(const ChildReport& r, const std::string& program,
-                             const std::string& dir) {
-  std::string what;
-  switch (r.step) {
-    case STEP_EXEC:
-      return "exec \"" + program + "\": " + strerror(r.error);
-    case STEP_UNSHARE:
-      what = "cannot enter a new user and mount namespace";
-      break;
-    case STEP_ID_MAPS:
-      what = "cannot write the new user namespace's id maps";
-      break;
-    case STEP_PROPAGATION:
-      what = "cannot make the new mount namespace's mounts private";
-      break;
-    default:
-      what = "cannot mount " + dir + " over /tmp";
-      break;
-  }
-  what += std::string(": ") + strerror(r.error);
-  if (r.error == ENOSPC) what += " (a namespace limit in /proc/sys/user is reached)";
-  if (r.step == STEP_PROPAGATION && r.error == EINVAL)
-    what += " (\"/\" is no mount point: a chroot)";
-  return what;
-}
-
-// Between fork and exec only async-signal-safe calls; a failure goes to the
-// parent as a ChildReport through `report`.
-[[noreturn]] void execChild(char** argv, char** envp, int in, int out, int err, int report,
-                            const NamespacePlan& plan) {
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-  signal(SIGPIPE, SIG_DFL);
-  signal(SIGINT, SIG_DFL);
-  signal(SIGTERM, SIG_DFL);
-  ChildReport r{STEP_EXEC, 0};
-  if (plan.dir != nullptr) r.step = enterPrivateTmp(plan);
-  if (r.step == STEP_EXEC && dup2(in, STDIN_FILENO) >= 0 &&
-      (out < 0 || dup2(out, STDOUT_FILENO) >= 0) && dup2(err, STDERR_FILENO) >= 0) {
-    execvpe(argv[0], argv, envp);
-  }
-  r.error = errno;
-  ssize_t ignored = write(report, &r, sizeof r);
-  (void)ignored;
-  _exit(127);
+// A descriptor that turns readable when `pid` ends (Linux 5.3 on); -1
+// where the kernel has none.
+int openProcessFd(pid_t pid) {
+#ifdef SYS_pidfd_open
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+  (void)pid;
+  return -1;
+#endif
 }
 
 }  // namespace
@@ -203,50 +92,21 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const Options& op
     error_ = "start: no program";
     return false;
   }
-  NamespacePlan plan;
-  if (!options.privateTmp.empty()) {
-    plan.dir = options.privateTmp.c_str();
-    plan.root = geteuid() == 0;
-    plan.uidMap = std::to_string(geteuid()) + " " + std::to_string(geteuid()) + " 1";
-    plan.gidMap = std::to_string(getegid()) + " " + std::to_string(getegid()) + " 1";
-  }
-  std::vector<std::string> argvStrings = argv;
-  std::vector<std::string> envStrings = childEnvironment(options.env);
-  std::vector<char*> argvp = pointers(argvStrings);
-  std::vector<char*> envp = pointers(envStrings);
-
-  int outPipe[2], reportPipe[2];
+  int outPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0) return error_ = errnoText("pipe"), false;
   UniqueFd outRead(outPipe[0]), outWrite(outPipe[1]);
-  if (pipe2(reportPipe, O_CLOEXEC) != 0) return error_ = errnoText("pipe"), false;
-  UniqueFd reportRead(reportPipe[0]), reportWrite(reportPipe[1]);
   UniqueFd devNull(open("/dev/null", O_RDONLY | O_CLOEXEC));
   if (!devNull.valid()) return error_ = errnoText("open /dev/null"), false;
-
-  const pid_t pid = fork();
-  if (pid < 0) return error_ = errnoText("fork"), false;
-  if (pid == 0) {
-    execChild(argvp.data(), envp.data(), devNull.get(), options.captureStdout ? outWrite.get() : -1,
-              options.stderrFd >= 0 ? options.stderrFd : outWrite.get(), reportWrite.get(), plan);
-  }
-  pid_ = pid;
+  SpawnStreams streams;
+  streams.in = devNull.get();
+  streams.out = options.captureStdout ? outWrite.get() : -1;
+  streams.err = options.stderrFd >= 0 ? options.stderrFd : outWrite.get();
+  const Spawned spawned =
+      spawnChild(argv, childEnvironment(options.env), streams, options.privateTmp);
+  startFailure_ = spawned.failure;
+  if (spawned.pid < 0) return error_ = spawned.error, false;
+  pid_ = spawned.pid;
   outWrite.reset();
-  reportWrite.reset();
-
-  // The report pipe closes at exec (close-on-exec) or carries what failed.
-  ChildReport report{STEP_EXEC, 0};
-  ssize_t n;
-  do {
-    n = read(reportRead.get(), &report, sizeof report);
-  } while (n < 0 && errno == EINTR);
-  if (n > 0) {
-    reap(true);
-    pid_ = -1;
-    error_ = childFailureText(report, argv[0], options.privateTmp);
-    startFailure_ = report.step == STEP_EXEC ? StartFailure::EXEC : StartFailure::NAMESPACE;
-    return false;
-  }
-  startFailure_ = StartFailure::NONE;
   fcntl(outRead.get(), F_SETFL, fcntl(outRead.get(), F_GETFL) | O_NONBLOCK);
   pipe_ = std::move(outRead);
   return true;
@@ -264,6 +124,16 @@ bool ChildProcess::reap(bool block) {
     status_ = decodeStatus(status);
   }
   return reaped_;
+}
+
+void ChildProcess::awaitEnd(int64_t untilMs) {
+  const UniqueFd ended(openProcessFd(pid_));
+  if (ended.valid()) {
+    waitFdUntil(ended.get(), WAIT_READABLE, untilMs);
+  } else {
+    // No process descriptor: look again every millisecond.
+    sleepUntil(std::min(untilMs, nowMs() + 1));
+  }
 }
 
 bool ChildProcess::running() {
@@ -305,7 +175,7 @@ bool ChildProcess::waitExit(int timeoutMs, ExitStatus& out) {
     if (drain()) {
       waitFdUntil(pipe_.get(), WAIT_READABLE, slice);
     } else {
-      while (nowMs() < slice && !reap(false)) usleep(1000);
+      awaitEnd(slice);
     }
   }
   // What it wrote last; a grandchild holding the pipe must not make this wait.
@@ -327,7 +197,7 @@ bool ChildProcess::waitForOutput(const std::string& text, int timeoutMs) {
     if (open) {
       waitFdUntil(pipe_.get(), WAIT_READABLE, slice);
     } else {
-      usleep(1000);
+      awaitEnd(slice);
     }
   }
 }

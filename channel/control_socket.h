@@ -1,5 +1,5 @@
-#ifndef HALVARINE_CHANNEL_TRANSPORT_H
-#define HALVARINE_CHANNEL_TRANSPORT_H
+#ifndef HALVARINE_CHANNEL_CONTROL_SOCKET_H
+#define HALVARINE_CHANNEL_CONTROL_SOCKET_H
 
 // Moving whole frames over the controller socket. Cutting frames out of the
 // received bytes (extractPacket, packet.h) is apart from the reading so that
@@ -14,11 +14,11 @@ static const int CONTROL_READ_TIMEOUT_S = 60;
 static const int CONTROL_WRITE_TIMEOUT_S = 5;
 static const size_t CONTROL_READ_CHUNK = 1000;
 
-static const ResultCode TRANSPORT_WRITE_ERROR = 1;
-static const ResultCode TRANSPORT_READ_ERROR = 2;
-static const ResultCode TRANSPORT_PEER_CLOSED = 3;
-static const ResultCode TRANSPORT_NOT_CONNECTED = 8;
-static const ResultCode TRANSPORT_TIMEOUT = 9;
+static const ResultCode CONTROL_WRITE_ERROR = 1;
+static const ResultCode CONTROL_READ_ERROR = 2;
+static const ResultCode CONTROL_PEER_CLOSED = 3;
+static const ResultCode CONTROL_NOT_CONNECTED = 8;
+static const ResultCode CONTROL_TIMEOUT = 9;
 
 // Next whole frame into `out` (its old contents replaced). A frame already
 // buffered is returned without any system call.
