@@ -4,7 +4,6 @@
 #include <halvarine/runtime.h>
 
 #include "base/allocator.h"
-#include "base/clock.h"
 #include "base/wait.h"
 
 namespace halvarine {
@@ -35,7 +34,7 @@ Ready waitWritable(int fd, int64_t deadlineMs) {
 }
 
 void sleepUntil(int64_t deadlineMs) {
-  while (nowMs() < deadlineMs) waitFdUntil(-1, WAIT_READABLE, deadlineMs);
+  ::sleepUntil(deadlineMs);
 }
 
 void keepReplyBuffersResident() {
