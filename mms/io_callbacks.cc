@@ -1,7 +1,7 @@
-// The socket callbacks libmms uses for every connection of a stream. Each
-// wait is bounded by MEDIA_TIMEOUT_S of no readiness; a transfer that keeps
-// moving is never cut off. The sockets stay in blocking mode for the
-// library; the callbacks ask for non-blocking transfers call by call.
+// The socket callbacks libmms uses for every connection of a stream. A
+// transfer ends after MEDIA_TIMEOUT_S without progress (a read: without a
+// byte; a write: without room); one that keeps moving is never cut off. The sockets stay in
+// blocking mode for the library; the callbacks ask for non-blocking transfers call by call.
 //
 // The callbacks run inside library calls that hold no lock of their own, so
 // the points between their system calls are safe points (base/wait.h).
@@ -15,9 +15,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 
 #include "base/wait.h"
+#include "mms/read_batch.h"
 #include "mms/wrapper_mms.h"
 
 namespace {
@@ -126,12 +128,66 @@ bool tryAddress(int fd, const sockaddr_in& addr) {
   return true;
 }
 
+// ---- Waiting for the bytes of a whole READ
+//
+// A socket that is polled wakes the worker at every TCP segment, about every
+// 1.5 kB, though the library asks for whole packets and a READ takes many.
+// The read callback therefore tells the kernel, through the socket's receive
+// low-water mark, how many bytes to gather before it reports the socket
+// readable: what the current READ may still need (ReadBatch), or at least
+// the piece asked for. On a link of a few Mbit/s a 64 KiB READ then costs one
+// wake-up, and every library read within it finds its bytes queued. The
+// kernel still reports the socket readable at once on the end of the stream,
+// on an error, and when its receive buffer fills, so no batch can hold up
+// bytes that are there for good.
+//
+// With a batch to gather, readiness no longer comes with every byte, so the
+// wait is cut into slices: after each slice that ended without readiness, a
+// transfer takes what did arrive. Only MEDIA_TIMEOUT_S slices in a row that
+// brought nothing are a stall. The last byte came during the slice before
+// those, so a stall is reported 7 to 8 s after it, and a stream that trickles
+// however slowly is never cut off. At rates where a READ fills within a
+// slice, slices never end unready and cost nothing.
+
+const int READ_SLICE_S = 1;
+const int STALL_SLICES = MEDIA_TIMEOUT_S / READ_SLICE_S;
+
+// Far above a READ (65,511 bytes at most) and its packets' framing; what a
+// larger piece needs beyond the receive buffer, the kernel wakes for anyway.
+const long MAX_BATCH_BYTES = 1L << 18;
+
+// Bytes the current READ may still take from the socket; 0 outside a READ.
+long g_batchLeft = 0;
+
+// The low-water mark last set, and on which socket: setting it is a system
+// call, and successive waits often ask for the same.
+int g_lowWaterFd = -1;
+int g_lowWater = 1;
+
+void wakeWhenQueued(int fd, long bytes) {
+  const int want = static_cast<int>(std::min(std::max(bytes, 1L), MAX_BATCH_BYTES));
+  if (fd == g_lowWaterFd && want == g_lowWater) return;
+  // A socket that does not take the mark wakes at its first byte, as
+  // without it; nothing else changes.
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &want, sizeof want) == 0) {
+    g_lowWaterFd = fd;
+    g_lowWater = want;
+  }
+}
+
+// A new socket from io_tcp_connect may carry the number of one the library
+// has closed; its mark is the kernel's default.
+void forgetLowWater() {
+  g_lowWaterFd = -1;
+  g_lowWater = 1;
+}
+
 // io_read and io_write are one loop; this names the difference.
 struct Transfer {
   const char* name;  // "[WrapperMms::io_read()] " ...
   WaitFor waitFor;
   const char* transferError;  // "read error! errno=" / "write error! errno="
-  bool zeroIsEnd;             // a read of 0 is the end of the stream
+  bool reading;               // a read of 0 is the end; waits gather a batch
 };
 
 const Transfer READ_TRANSFER = {"[WrapperMms::io_read()] ", WAIT_READABLE,
@@ -142,7 +198,7 @@ const Transfer WRITE_TRANSFER = {"[WrapperMms::io_write()] ", WAIT_WRITABLE,
 // One transfer that does not block: it takes or gives what the socket has
 // room or bytes for now, and EAGAIN when there are none.
 ssize_t transferNow(const Transfer& t, int fd, char* buf, size_t len) {
-  if (t.waitFor == WAIT_READABLE) return ::recv(fd, buf, len, MSG_DONTWAIT);
+  if (t.reading) return ::recv(fd, buf, len, MSG_DONTWAIT);
   // A server that has gone away must cost the stream, not the process:
   // no SIGPIPE, the error comes back as EPIPE instead.
   return ::send(fd, buf, len, MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -151,6 +207,17 @@ ssize_t transferNow(const Transfer& t, int fd, char* buf, size_t len) {
 // EWOULDBLOCK is the same number as EAGAIN on Linux.
 bool mustWait(ssize_t n) {
   return n < 0 && errno == EAGAIN;
+}
+
+// One wait before a transfer. `quietSlices` counts the read's slices in a
+// row that brought nothing; a slice that ends unready is reported ready, so
+// that a transfer takes what came, until they add up to a stall.
+WaitResult waitBeforeTransfer(const Transfer& t, int fd, mms_off_t left, int& quietSlices) {
+  if (!t.reading) return waitFd(fd, WAIT_WRITABLE, MEDIA_TIMEOUT_S);
+  wakeWhenQueued(fd, std::max(static_cast<long>(left), g_batchLeft));
+  const WaitResult ready = waitFd(fd, WAIT_READABLE, READ_SLICE_S);
+  if (ready != WAIT_TIMEOUT) return ready;
+  return ++quietSlices < STALL_SLICES ? WAIT_READY : WAIT_TIMEOUT;
 }
 
 mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
@@ -165,17 +232,24 @@ mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
   }
   if (num <= 0) return 0;
 
-  // The first transfer goes ahead without a wait: on a stream that flows at
-  // full speed the bytes are already there, and one system call moves them.
-  // Once the socket has been found empty (or full), or a transfer moved less
-  // than was left, every further transfer waits first, as one that would
-  // find nothing costs a system call for nothing.
+  // The first transfer goes ahead without a wait: when the bytes are already
+  // there (at full speed, or queued by an earlier batched wait), one system
+  // call moves them. Once the socket has been found empty (or full), or a
+  // transfer moved less than was left, every further transfer waits first,
+  // as one that would find nothing costs a system call for nothing.
+  //
+  // Because a transfer comes first, a descriptor that is not a socket, or
+  // not open, is reported as a read or write error, never as a wait error:
+  // the wait-error lines can only come from a wait that failed on a good
+  // socket, which libmms, handing over only sockets it holds open, cannot
+  // bring about.
   bool waitFirst = false;
+  int quietSlices = 0;
   mms_off_t total = 0;
   while (total < num) {
     safePoint();
     if (waitFirst) {
-      const WaitResult ready = waitFd(fd, t.waitFor, MEDIA_TIMEOUT_S);
+      const WaitResult ready = waitBeforeTransfer(t, fd, num - total, quietSlices);
       if (ready == WAIT_TIMEOUT) {
         std::cerr << t.name << "select timeout!" << std::endl;
         return total > 0 ? total : -1;
@@ -194,11 +268,13 @@ mms_off_t transferAll(const Transfer& t, int fd, char* buf, mms_off_t num) {
       std::cerr << t.name << t.transferError << err << std::endl;
       return total;
     }
-    if (n == 0 && t.zeroIsEnd) {
+    if (n == 0 && t.reading) {
       std::cerr << t.name << "EOF" << std::endl;
       return total;
     }
     total += n;
+    quietSlices = 0;
+    if (t.reading) g_batchLeft = std::max(0L, g_batchLeft - static_cast<long>(n));
   }
   return total;
 }
@@ -243,7 +319,10 @@ int WrapperMms::io_tcp_connect(void* /*data*/, const char* host, int port) {
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port & 0xFFFF));
     memcpy(&addr.sin_addr, *entry, 4);
-    if (tryAddress(fd, addr)) return fd;
+    if (tryAddress(fd, addr)) {
+      forgetLowWater();
+      return fd;
+    }
     logConnect(" connect failed.");
     // A socket whose connect is still in progress cannot be pointed at
     // another address; anything else can be tried again as it is.
@@ -254,6 +333,14 @@ int WrapperMms::io_tcp_connect(void* /*data*/, const char* host, int port) {
   }
   ::close(fd);
   return -1;
+}
+
+ReadBatch::ReadBatch(long bytes) {
+  g_batchLeft = std::max(bytes, 0L);
+}
+
+ReadBatch::~ReadBatch() {
+  g_batchLeft = 0;
 }
 
 mms_off_t WrapperMms::io_read(void* /*data*/, int socket, char* buf, mms_off_t num) {
