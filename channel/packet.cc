@@ -2,7 +2,7 @@
 
 #include <string.h>
 #ifdef __SSE2__
-#include <emmintrin.h>
+#include <immintrin.h>
 #endif
 
 #include <algorithm>
@@ -19,6 +19,8 @@ const char START_SEQUENCE[FRAME_START_LEN] = {
 // Every byte of every READ reply passes through the checksum, so it is the
 // worker's hottest loop. The sum only needs 16 bits, which lets many bytes
 // be added per step.
+
+namespace {
 
 uint32_t byteSumByWords(const unsigned char* p, size_t len) {
   typedef uintptr_t Word;
@@ -45,28 +47,59 @@ uint32_t byteSumByWords(const unsigned char* p, size_t len) {
   return sum;
 }
 
-namespace {
-
 #ifdef __SSE2__
 // Every x86-64 processor has SSE2, whose psadbw adds 16 bytes into two
-// 64-bit lanes in one instruction.
-uint32_t byteSum(const unsigned char* p, size_t len) {
+// 64-bit lanes in one instruction: with its load and the 64-bit add after
+// it, under 0.25 instructions per byte, where a byte at a time takes 2.
+// Processors with AVX2 (most since 2013) do 32 bytes per instruction, and
+// take unaligned memory operands, for about 0.07 per byte.
+uint32_t byteSumSse2(const unsigned char* p, size_t len) {
   uint32_t sum = 0;
   size_t i = 0;
   for (; i < len && reinterpret_cast<uintptr_t>(p + i) % 16 != 0; ++i) sum += p[i];
   const __m128i zero = _mm_setzero_si128();
-  __m128i a = zero, b = zero;
-  for (; len - i >= 64; i += 64) {
-    const __m128i* v = reinterpret_cast<const __m128i*>(p + i);
-    a = _mm_add_epi64(a, _mm_sad_epu8(_mm_load_si128(v), zero));
-    b = _mm_add_epi64(b, _mm_sad_epu8(_mm_load_si128(v + 1), zero));
-    a = _mm_add_epi64(a, _mm_sad_epu8(_mm_load_si128(v + 2), zero));
-    b = _mm_add_epi64(b, _mm_sad_epu8(_mm_load_si128(v + 3), zero));
+  __m128i acc = zero;
+  const __m128i* v = reinterpret_cast<const __m128i*>(p + i);
+  const __m128i* const end = v + (len - i) / 128 * 8;
+  for (; v != end; v += 8) {
+    const __m128i a = _mm_add_epi64(_mm_sad_epu8(v[0], zero), _mm_sad_epu8(v[1], zero));
+    const __m128i b = _mm_add_epi64(_mm_sad_epu8(v[2], zero), _mm_sad_epu8(v[3], zero));
+    const __m128i c = _mm_add_epi64(_mm_sad_epu8(v[4], zero), _mm_sad_epu8(v[5], zero));
+    const __m128i d = _mm_add_epi64(_mm_sad_epu8(v[6], zero), _mm_sad_epu8(v[7], zero));
+    acc = _mm_add_epi64(acc, _mm_add_epi64(_mm_add_epi64(a, b), _mm_add_epi64(c, d)));
   }
+  i = static_cast<size_t>(reinterpret_cast<const unsigned char*>(end) - p);
   uint64_t lanes[2];
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), _mm_add_epi64(a, b));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), acc);
   sum += static_cast<uint32_t>(lanes[0] + lanes[1]);
   return sum + byteSumByWords(p + i, len - i);
+}
+
+__attribute__((target("avx2"))) uint32_t byteSumAvx2(const unsigned char* p, size_t len) {
+  const __m256i zero = _mm256_setzero_si256();
+  __m256i acc = zero;
+  size_t i = 0;
+  for (; len - i >= 128; i += 128) {
+    const __m256i* v = reinterpret_cast<const __m256i*>(p + i);
+    const __m256i a = _mm256_add_epi64(_mm256_sad_epu8(_mm256_loadu_si256(v), zero),
+                                       _mm256_sad_epu8(_mm256_loadu_si256(v + 1), zero));
+    const __m256i b = _mm256_add_epi64(_mm256_sad_epu8(_mm256_loadu_si256(v + 2), zero),
+                                       _mm256_sad_epu8(_mm256_loadu_si256(v + 3), zero));
+    acc = _mm256_add_epi64(acc, _mm256_add_epi64(a, b));
+  }
+  uint64_t lanes[4];
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), acc);
+  const uint32_t sum = static_cast<uint32_t>(lanes[0] + lanes[1] + lanes[2] + lanes[3]);
+  return sum + byteSumByWords(p + i, len - i);
+}
+
+bool hasAvx2() {
+  static const bool avx2 = __builtin_cpu_supports("avx2");
+  return avx2;
+}
+
+uint32_t byteSum(const unsigned char* p, size_t len) {
+  return hasAvx2() ? byteSumAvx2(p, len) : byteSumSse2(p, len);
 }
 #else
 uint32_t byteSum(const unsigned char* p, size_t len) {
@@ -75,6 +108,15 @@ uint32_t byteSum(const unsigned char* p, size_t len) {
 #endif
 
 }  // namespace
+
+std::vector<ByteSum> byteSumVariants() {
+  std::vector<ByteSum> all{byteSumByWords};
+#ifdef __SSE2__
+  all.push_back(byteSumSse2);
+  if (hasAvx2()) all.push_back(byteSumAvx2);
+#endif
+  return all;
+}
 
 uint16_t bodyChecksum(const char* body, size_t len) {
   const uint32_t sum = byteSum(reinterpret_cast<const unsigned char*>(body), len);
