@@ -199,17 +199,22 @@ double mbps(const FetchRun& r) {
 // 1. Throughput against the READ count.
 void throughput(const Settings& s, const bench::Programs& programs, Report& report) {
   Servers servers(s.streamMb);
-  const std::vector<Contender> contenders{
+  std::vector<Contender> contenders{
       {"worker w1", programs.worker, 1},
       {"worker w" + std::to_string(s.window), programs.worker, s.window},
       {"libmms", "", 0}};
+  // The worker from before a change, at the largest count only: did the
+  // change cost full-speed throughput?
+  const Contender before{"before w" + std::to_string(s.window), programs.beforeWorker, s.window};
   std::map<std::string, Samples> mb, rss;  // by transport, contender and count
   for (int round = 0; round < s.rounds; ++round) {
     for (Transport t : TRANSPORTS) {
       for (int count : s.counts) {
-        for (size_t k = 0; k < contenders.size(); ++k) {
+        std::vector<Contender> here = contenders;
+        if (!before.worker.empty() && count == s.counts.back()) here.push_back(before);
+        for (size_t k = 0; k < here.size(); ++k) {
           // Each round starts with a different contender.
-          const Contender& c = contenders[(k + round) % contenders.size()];
+          const Contender& c = here[(k + round) % here.size()];
           const FetchRun run = fetch(c, programs, servers, t, count);
           const std::string key = transportName(t) + "|" + c.name + "|" + std::to_string(count);
           mb[key].add(mbps(run));
@@ -246,6 +251,13 @@ void throughput(const Settings& s, const bench::Programs& programs, Report& repo
                   " | " + withSpread(wn, "%.0f") + " | " + withSpread(lm, "%.0f") + " | " +
                   fmt("%.3f", wn.median() / lm.median()) + " | " +
                   fmt("%.3f", w1.median() / lm.median()) + " |");
+    }
+    if (!before.worker.empty()) {
+      const std::string suffix = "|" + std::to_string(s.counts.back());
+      const Samples& b = mb[tn + "|" + before.name + suffix];
+      report.line("| " + tn + " | " + std::to_string(s.counts.back()) + ", worker before | | " +
+                  withSpread(b, "%.0f") + " | | " +
+                  fmt("%.3f", b.median() / mb[tn + "|libmms" + suffix].median()) + " | |");
     }
     report.line("| " + tn + " | ffmpeg -c copy | | | " +
                 withSpread(mb[tn + "|ffmpeg|" + std::to_string(s.counts[0])], "%.0f") +
