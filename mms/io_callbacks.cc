@@ -152,34 +152,45 @@ bool tryAddress(int fd, const sockaddr_in& addr) {
 const int READ_SLICE_S = 1;
 const int STALL_SLICES = MEDIA_TIMEOUT_S / READ_SLICE_S;
 
-// Far above a READ (65,511 bytes at most) and its packets' framing; what a
-// larger piece needs beyond the receive buffer, the kernel wakes for anyway.
+// Far above a READ (65,511 bytes at most) and its packets' framing.
 const long MAX_BATCH_BYTES = 1L << 18;
 
 // Bytes the current READ may still take from the socket; 0 outside a READ.
 long g_batchLeft = 0;
 
-// The low-water mark last set, and on which socket: setting it is a system
-// call, and successive waits often ask for the same.
+// The socket whose low-water mark was last set, the mark, and the most it
+// may be on that socket. Setting it is a system call, and successive waits
+// often ask for the same.
 int g_lowWaterFd = -1;
 int g_lowWater = 1;
+long g_lowWaterCap = MAX_BATCH_BYTES;
 
 void wakeWhenQueued(int fd, long bytes) {
-  const int want = static_cast<int>(std::min(std::max(bytes, 1L), MAX_BATCH_BYTES));
-  if (fd == g_lowWaterFd && want == g_lowWater) return;
+  if (fd != g_lowWaterFd) {
+    // A batch must fit in what the socket can hold unread, about half its
+    // receive buffer (the other half is the kernel's overhead): a mark above
+    // it would close the window before the kernel reports the socket ready.
+    // Recent kernels grow the buffer for the mark, older ones wake early
+    // when it fills; this bound is for those that do neither.
+    int buffer = 0;
+    socklen_t len = sizeof buffer;
+    g_lowWaterCap = getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, &len) == 0 && buffer > 1
+                        ? std::min(static_cast<long>(buffer / 2), MAX_BATCH_BYTES)
+                        : 1;
+    g_lowWaterFd = fd;
+    g_lowWater = 1;  // the kernel's default on a socket not seen before
+  }
+  const int want = static_cast<int>(std::min(std::max(bytes, 1L), g_lowWaterCap));
+  if (want == g_lowWater) return;
   // A socket that does not take the mark wakes at its first byte, as
   // without it; nothing else changes.
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &want, sizeof want) == 0) {
-    g_lowWaterFd = fd;
-    g_lowWater = want;
-  }
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &want, sizeof want) == 0) g_lowWater = want;
 }
 
 // A new socket from io_tcp_connect may carry the number of one the library
-// has closed; its mark is the kernel's default.
+// has closed, and starts with the kernel's default mark.
 void forgetLowWater() {
   g_lowWaterFd = -1;
-  g_lowWater = 1;
 }
 
 // io_read and io_write are one loop; this names the difference.
