@@ -515,8 +515,11 @@ void syscalls(const Settings& s, const bench::Programs& programs, Report& report
         for (const Contender& c : contenders) {
           const std::string key = transportName(t) + c.name,
                             base = transportName(t) + contenders[0].name;
+          // At full speed the context switches are a handful a run, and
+          // what is left of them after the start-up's can be 0 or less.
           auto ratio = [&](std::map<std::string, Samples>& m) {
-            return fmt("%.2f", m[key].median() / m[base].median());
+            const double b = m[base].median();
+            return b > 0 ? fmt("%.2f", m[key].median() / b) : std::string("–");
           };
           report.line("| " + std::string(link ? link->name : "full speed") + " | " +
                       std::to_string(packetSize) + " | " + transportName(t) + " | " + c.name +
