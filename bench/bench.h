@@ -9,6 +9,7 @@
 #include <halvarine/fd.h>
 #include <stdint.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,7 @@ struct Samples {
   double min() const { return quantile(0); }
   double max() const { return quantile(1); }
   // Half the range as a share of the median: 0.03 is "±3 %".
-  double spread() const { return median() == 0 ? 0 : (max() - min()) / 2 / median(); }
+  double spread() const { return median() == 0 ? 0 : (max() - min()) / 2 / std::abs(median()); }
   // Between the sorted values, linearly; 0 when there are none.
   double quantile(double q) const;
 };
