@@ -74,7 +74,7 @@ const ShapedLink LINKS[] = {{"8mbit", "8 Mbit/s", 8u << 20},
                             {"128kbit", "128 kbit/s", 512u << 10}};
 // Start-up, connect and end are measured on a stream of this many packets
 // and taken out of the counts per MB.
-const int BASELINE_PACKETS = 32;
+const int BASELINE_PACKETS = 8;
 
 // In the environment of the benchmark started as the raw peer.
 const char RAW_PEER_VAR[] = "HALVARINE_BENCH_RAW_PEER";
