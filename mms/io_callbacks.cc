@@ -10,6 +10,8 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -144,15 +146,16 @@ bool tryAddress(int fd, const sockaddr_in& addr) {
 //
 // With a batch to gather, readiness no longer comes with every byte, so the
 // wait is cut into slices of a second, and after each slice that ended
-// unready the callback asks how many bytes are queued (FIONREAD): more than
-// at the slice before, and the stream is still coming, so the wait gathers
-// on, at no more than two system calls a second on a slow link; no more,
-// and the stream has paused, so a transfer takes what came, which may be
-// all the library asked for. Only MEDIA_TIMEOUT_S slices in a row in which
-// nothing arrived are a stall: the last byte came during the slice before
-// those, so a stall is reported 7 to 8 s after it, and a stream that
-// trickles however slowly is never cut off. Where a READ fills within a
-// slice (above about 0.5 Mbit/s), slices never end unready.
+// unready the callback asks TCP how long ago the socket last received data
+// (TCP_INFO): under a second, and the stream is still coming, so the wait
+// gathers on, at two system calls a second on a slow link; a second or
+// more, and the stream has paused, so a transfer takes what came, which may
+// be all the library asked for; MEDIA_TIMEOUT_S or more, and it is a stall.
+// The kernel's clock runs across the library's reads, so a stall is
+// reported 7 to 8 s after the last byte wherever it falls, and a stream
+// that trickles however slowly is never cut off. (A socket that is not TCP
+// counts slices in which its queue did not grow instead.) Where a READ
+// fills within a slice (above about 0.5 Mbit/s), slices never end unready.
 
 const int READ_SLICE_S = 1;
 const int STALL_SLICES = MEDIA_TIMEOUT_S / READ_SLICE_S;
@@ -225,13 +228,26 @@ bool mustWait(ssize_t n) {
   return n < 0 && errno == EAGAIN;
 }
 
-// How a read's waits have gone: the slices in a row in which nothing
-// arrived, and the bytes queued at the end of the last one. A wait begins
-// after a transfer that found the queue empty or emptied it.
+// How a read's waits have gone, where the kernel does not say when the last
+// byte came: the slices in a row in which nothing arrived, and the bytes
+// queued at the end of the last one. A wait begins after a transfer that
+// found the queue empty or emptied it.
 struct Quiet {
   int slices = 0;
   int queued = 0;
 };
+
+// Milliseconds since the socket last received data, as TCP keeps it across
+// the library's reads; -1 when the socket is not TCP.
+long msSinceData(int fd) {
+  tcp_info info;
+  socklen_t len = sizeof info;
+  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) != 0 ||
+      len < offsetof(tcp_info, tcpi_last_data_recv) + sizeof info.tcpi_last_data_recv) {
+    return -1;
+  }
+  return static_cast<long>(info.tcpi_last_data_recv);
+}
 
 // One wait before a transfer: WAIT_READY when a transfer is to follow,
 // whether the batch is there or the stream has paused with bytes queued.
@@ -243,6 +259,12 @@ WaitResult waitBeforeTransfer(const Transfer& t, int fd, mms_off_t left, Quiet& 
     if (ready != WAIT_TIMEOUT) {
       quiet.slices = 0;
       return ready;
+    }
+    const long sinceData = msSinceData(fd);
+    if (sinceData >= 0) {
+      if (sinceData < READ_SLICE_S * 1000) continue;  // still coming
+      if (sinceData >= MEDIA_TIMEOUT_S * 1000) return WAIT_TIMEOUT;
+      return WAIT_READY;  // paused: take what came
     }
     int queued = 0;
     if (ioctl(fd, FIONREAD, &queued) != 0) queued = -1;  // not known: try a transfer

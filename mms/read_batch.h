@@ -12,9 +12,10 @@
 // `bytes` is the READ's count. It is an estimate of what the library will
 // take from the socket: the library may still hold part of a packet (then it
 // takes less) and frames each packet with a few bytes of its own (then it
-// takes more). Waiting for too much costs at most one wait slice of the read
-// callback (1 s) in latency, never a byte of data: the wait also ends on a
-// closed connection, and the kernel ends it when the receive buffer fills.
+// takes more). Waiting for too much costs latency, never a byte of data: a
+// wait that is not met ends a second or two after the bytes stop coming
+// (the read callback's slices), at once on a closed connection, and when
+// the receive buffer fills.
 class ReadBatch {
  public:
   explicit ReadBatch(long bytes);
