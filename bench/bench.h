@@ -9,6 +9,7 @@
 #include <halvarine/fd.h>
 #include <stdint.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,7 @@ struct Samples {
   double min() const { return quantile(0); }
   double max() const { return quantile(1); }
   // Half the range as a share of the median: 0.03 is "±3 %".
-  double spread() const { return median() == 0 ? 0 : (max() - min()) / 2 / median(); }
+  double spread() const { return median() == 0 ? 0 : (max() - min()) / 2 / std::abs(median()); }
   // Between the sorted values, linearly; 0 when there are none.
   double quantile(double q) const;
 };
@@ -89,10 +90,20 @@ bool ccheckSession(const std::string& worker, const std::vector<std::string>& en
 // What perf counted over a whole process, start-up included.
 struct Counts {
   double syscalls = 0;
-  double cpuMs = 0;  // user and system time
+  double cpuMs = 0;     // user and system time
+  double switches = 0;  // context switches: the times it went to sleep, mostly
+
+  Counts minus(const Counts& o) const {
+    Counts d;
+    d.syscalls = syscalls - o.syscalls;
+    d.cpuMs = cpuMs - o.cpuMs;
+    d.switches = switches - o.switches;
+    return d;
+  }
 };
 
-// Runs a program under perf, counting its system calls and CPU time into
+// Runs a program under perf, counting its system calls, CPU time and context
+// switches into
 // `file`; readCounts takes them back after the program has ended.
 Launcher countingLauncher(const std::string& file);
 // False, saying why, when perf cannot count here.
@@ -114,6 +125,8 @@ class PrivateNetwork {
   // Loopback as a link of `rate` (tc's form, "8mbit") with Ethernet-sized
   // packets, which arrive one at a time as from a real link.
   bool shapeLoopback(const std::string& rate, std::string& error);
+  // Loopback as it comes again: MTU 65,536, no queueing discipline.
+  bool fullSpeed(std::string& error);
 
  private:
   halvarine::UniqueFd home_;

@@ -215,7 +215,9 @@ bool ccheckSession(const std::string& worker, const std::vector<std::string>& en
 // ---- Counting
 
 Launcher countingLauncher(const std::string& file) {
-  return {"perf", "stat", "-x", ",", "-o", file, "-e", "raw_syscalls:sys_enter,task-clock", "--"};
+  return {"perf", "stat", "-x", ",",
+          "-o",   file,   "-e", "raw_syscalls:sys_enter,task-clock,context-switches",
+          "--"};
 }
 
 bool countingWorks(const std::string& file, std::string& error) {
@@ -237,10 +239,11 @@ bool readCounts(const std::string& file, Counts& out, std::string& error) {
     const std::string name = line.substr(unitEnd + 1, line.find(',', unitEnd + 1) - unitEnd - 1);
     double* value = name == "raw_syscalls:sys_enter" ? &out.syscalls
                     : name == "task-clock"           ? &out.cpuMs
+                    : name == "context-switches"     ? &out.switches
                                                      : nullptr;
     if (value != nullptr && sscanf(line.c_str(), "%lf", value) == 1) ++found;
   }
-  if (found == 2) return true;
+  if (found == 3) return true;
   error = "perf counted nothing into " + file;
   return false;
 }
@@ -268,6 +271,12 @@ bool PrivateNetwork::shapeLoopback(const std::string& rate, std::string& error) 
          runProgram({"tc", "qdisc", "replace", "dev", "lo", "root", "tbf", "rate", rate, "burst",
                      "16kb", "latency", "100ms"},
                     error);
+}
+
+bool PrivateNetwork::fullSpeed(std::string& error) {
+  std::string unused;
+  runProgram({"tc", "qdisc", "del", "dev", "lo", "root"}, unused);  // fails when there is none
+  return runProgram({"ip", "link", "set", "lo", "mtu", "65536"}, error);
 }
 
 }  // namespace bench

@@ -3,17 +3,19 @@
 // footprint of the worker, each beside a baseline measured in the same run.
 //
 //   halvarine-bench [--quick] [--out DIR] [--rounds N] [--mb N] [--cost-mb N]
-//                   [--calls N] [--only PARTS] [--before WORKER]
+//                   [--calls N] [--only PARTS] [--before WORKER] [--count-rounds N]
+//                   [--rates LIST] [--packet-sizes LIST]
 //
 // PARTS is a comma-separated choice of throughput, roundtrip, cost, startup
 // and syscalls (default: all). HALVARINE_WORKER names another worker binary;
 // --before names a worker from before a change, which the syscalls part
-// measures beside it. Contenders are alternated within each round and the
-// rounds repeated; tables give the median and the spread (half the range
-// over the median). Writes DIR/table.md (the tables, Markdown; the syscalls
-// part's in DIR/syscalls.md), DIR/throughput.dat (for the plot) and
-// DIR/callgrind.*.out (for callgrind_annotate), and prints the tables. No
-// goal is enforced here: the ratios are for people to judge.
+// measures beside it, at full speed and on the links of --rates (tc's rates:
+// 8mbit, 1mbit, 128kbit), for generated streams with the packet sizes of
+// --packet-sizes (real streams have 1,444 to 8,192 bytes). Contenders are alternated within each
+// round and the rounds repeated; tables give the median and the spread (half the range over the
+// median). Writes DIR/table.md (the tables, Markdown; the syscalls part's in DIR/syscalls.md),
+// DIR/throughput.dat (for the plot) and DIR/callgrind.*.out (for callgrind_annotate), and prints
+// the tables. No goal is enforced here: the ratios are for people to judge.
 
 #include <halvarine/controller.h>
 #include <signal.h>
@@ -48,18 +50,31 @@ struct Settings {
   int calls = 20000;
   int rttRounds = 7;
   int startups = 10;  // per sample: the clock reads milliseconds
-  // System calls and CPU time: streams at full speed and at the shaped rate.
+  // System calls, CPU time and context switches: streams at full speed and
+  // on shaped links (LINKS), of generated streams with these packet sizes.
   int fullSpeedMb = 64;
-  int shapedMb = 8;
-  int countRounds = 5;
+  int shapedScale = 1;  // divides the shaped links' stream sizes (--quick)
+  int countRounds = 3;
+  std::string rates = "8mbit,1mbit,128kbit";
+  std::string packetSizes = "8192,1444";
   std::string only = "throughput,roundtrip,cost,startup,syscalls";
   std::vector<int> counts{4096, 16384, 32768, 65511};
   int window = 4;
 };
 
-// The shaped link's rate, in tc's form and for people.
-const char SHAPED_RATE[] = "8mbit";
-const char SHAPED_LINK[] = "8 Mbit/s";
+// The shaped links: the rate in tc's form and for people, and a stream long
+// enough that a run takes 8 to 35 s.
+struct ShapedLink {
+  const char* rate;
+  const char* name;
+  uint64_t streamBytes;
+};
+const ShapedLink LINKS[] = {{"8mbit", "8 Mbit/s", 8u << 20},
+                            {"1mbit", "1 Mbit/s", 2u << 20},
+                            {"128kbit", "128 kbit/s", 512u << 10}};
+// Start-up, connect and end are measured on a stream of this many packets
+// and taken out of the counts per MB.
+const int BASELINE_PACKETS = 8;
 
 // In the environment of the benchmark started as the raw peer.
 const char RAW_PEER_VAR[] = "HALVARINE_BENCH_RAW_PEER";
@@ -101,9 +116,17 @@ std::string loadAverage() {
 struct Report {
   std::ostringstream md;
 
+  // A program by the last three parts of its path (worker-COMMIT/build/
+  // halvarine), so that the tables show no directory of this machine.
+  static std::string shortName(const std::string& path) {
+    size_t at = path.size();
+    for (int parts = 0; parts < 3 && at != std::string::npos && at > 0; ++parts)
+      at = path.find_last_of('/', at - 1);
+    return at == std::string::npos ? path : path.substr(at + 1);
+  }
   explicit Report(const bench::Programs& programs) {
     line("Worker: " + programs.worker.substr(programs.worker.find_last_of('/') + 1) +
-         (programs.beforeWorker.empty() ? "" : ", before: " + programs.beforeWorker) +
+         (programs.beforeWorker.empty() ? "" : ", before: " + shortName(programs.beforeWorker)) +
          "; load average at the start: " + loadAverage() + "\n");
   }
   void line(const std::string& s) { md << s << "\n"; }
@@ -121,10 +144,11 @@ struct Servers {
   std::unique_ptr<MmsTestServer> mmsh, mmst;
   uint64_t streamBytes = 0;
 
-  explicit Servers(int megabytes) {
+  explicit Servers(int megabytes, uint32_t packetSize = 8192)
+      : Servers(static_cast<uint64_t>(megabytes) << 20, packetSize) {}
+  Servers(uint64_t bytes, uint32_t packetSize) {
     std::string error;
-    if (!parseAsf(generateAsf(static_cast<uint64_t>(megabytes) << 20), file, error))
-      die("generated stream: " + error);
+    if (!parseAsf(generateAsf(bytes, packetSize), file, error)) die("generated stream: " + error);
     streamBytes = file.header.size() + uint64_t(file.packets.size()) * file.packetSize;
     ServerOptions o;
     o.transport = Transport::MMSH;
@@ -175,17 +199,22 @@ double mbps(const FetchRun& r) {
 // 1. Throughput against the READ count.
 void throughput(const Settings& s, const bench::Programs& programs, Report& report) {
   Servers servers(s.streamMb);
-  const std::vector<Contender> contenders{
+  std::vector<Contender> contenders{
       {"worker w1", programs.worker, 1},
       {"worker w" + std::to_string(s.window), programs.worker, s.window},
       {"libmms", "", 0}};
+  // The worker from before a change, at the largest count only: did the
+  // change cost full-speed throughput?
+  const Contender before{"before w" + std::to_string(s.window), programs.beforeWorker, s.window};
   std::map<std::string, Samples> mb, rss;  // by transport, contender and count
   for (int round = 0; round < s.rounds; ++round) {
     for (Transport t : TRANSPORTS) {
       for (int count : s.counts) {
-        for (size_t k = 0; k < contenders.size(); ++k) {
+        std::vector<Contender> here = contenders;
+        if (!before.worker.empty() && count == s.counts.back()) here.push_back(before);
+        for (size_t k = 0; k < here.size(); ++k) {
           // Each round starts with a different contender.
-          const Contender& c = contenders[(k + round) % contenders.size()];
+          const Contender& c = here[(k + round) % here.size()];
           const FetchRun run = fetch(c, programs, servers, t, count);
           const std::string key = transportName(t) + "|" + c.name + "|" + std::to_string(count);
           mb[key].add(mbps(run));
@@ -222,6 +251,13 @@ void throughput(const Settings& s, const bench::Programs& programs, Report& repo
                   " | " + withSpread(wn, "%.0f") + " | " + withSpread(lm, "%.0f") + " | " +
                   fmt("%.3f", wn.median() / lm.median()) + " | " +
                   fmt("%.3f", w1.median() / lm.median()) + " |");
+    }
+    if (!before.worker.empty()) {
+      const std::string suffix = "|" + std::to_string(s.counts.back());
+      const Samples& b = mb[tn + "|" + before.name + suffix];
+      report.line("| " + tn + " | " + std::to_string(s.counts.back()) + ", worker before | | " +
+                  withSpread(b, "%.0f") + " | | " +
+                  fmt("%.3f", b.median() / mb[tn + "|libmms" + suffix].median()) + " | |");
     }
     report.line("| " + tn + " | ffmpeg -c copy | | | " +
                 withSpread(mb[tn + "|ffmpeg|" + std::to_string(s.counts[0])], "%.0f") +
@@ -369,14 +405,22 @@ void startupAndSize(const Settings& s, const bench::Programs& programs, Report& 
               std::to_string(static_cast<long long>(sb.st_size)) + " bytes |\n");
 }
 
-// 5. System calls and CPU time per streamed MB, whole processes: at full
-// speed on the benchmark's own loopback, then with that loopback shaped to a
-// real-world rate, where every packet wakes the reader. The worker's counts
-// include its controller socket; libmms-fetch writes to /dev/null instead.
+// Comma-separated items of a list option.
+std::vector<std::string> items(const std::string& list) {
+  std::vector<std::string> out;
+  std::stringstream in(list);
+  for (std::string item; std::getline(in, item, ',');)
+    if (!item.empty()) out.push_back(item);
+  return out;
+}
+
+// 5. System calls, CPU time and context switches per streamed MB, whole
+// processes with their start-up taken out: at full speed on the benchmark's
+// own loopback, then with that loopback shaped to real-world rates, where
+// the packets come one at a time and each can wake the reader. The worker's
+// counts include its controller socket; libmms-fetch writes to /dev/null.
 void syscalls(const Settings& s, const bench::Programs& programs, Report& report) {
   const int count = s.counts.back();
-  report.line("### System calls and CPU time per streamed MB (10^6 bytes), whole process, " +
-              reads(s) + ", " + std::to_string(s.countRounds) + " rounds\n");
   std::vector<Contender> contenders{{"libmms-fetch", "", 0}};
   if (!programs.beforeWorker.empty())
     contenders.push_back({"worker before", programs.beforeWorker, s.window});
@@ -389,48 +433,114 @@ void syscalls(const Settings& s, const bench::Programs& programs, Report& report
   }
   bench::PrivateNetwork network;
   const bool own = network.enter(why);
-  report.line("| link | transport | program | MB/s | system calls per MB | × libmms-fetch | " +
-              std::string("CPU ms per MB | × libmms-fetch |"));
-  report.line("|---|---|---|---:|---:|---:|---:|---:|");
-  for (const bool shaped : {false, true}) {
-    if (shaped && !(own && network.shapeLoopback(SHAPED_RATE, why))) break;
-    Servers servers(shaped ? s.shapedMb : s.fullSpeedMb);
-    const double mb = servers.streamBytes / 1e6;
-    std::map<std::string, Samples> rate, calls, cpu;  // by transport and contender
-    for (int round = 0; round < s.countRounds; ++round) {
+  report.line("### System calls, CPU time and context switches per streamed MB (10^6 bytes), " +
+              reads(s) + ", " + std::to_string(s.countRounds) +
+              " rounds, start-up and connect taken out\n");
+  report.line(
+      "| link | packet | transport | program | MB/s | system calls per MB | × libmms-fetch | " +
+      std::string("CPU ms per MB | × libmms-fetch | context switches per MB | × libmms-fetch |"));
+  report.line("|---|---:|---|---|---:|---:|---:|---:|---:|---:|---:|");
+
+  auto counted = [&](const Contender& c, const Servers& servers, Transport t, FetchRun& run) {
+    run = fetch(c, programs, servers, t, count, bench::countingLauncher(file));
+    bench::Counts n;
+    if (!bench::readCounts(file, n, why)) die(c.name + ": " + why);
+    return n;
+  };
+
+  for (const std::string& sizeText : items(s.packetSizes)) {
+    const uint32_t packetSize = static_cast<uint32_t>(atoi(sizeText.c_str()));
+    if (packetSize < 512) die("bad packet size " + sizeText);
+    if (own && !network.fullSpeed(why)) die(why);
+    // What each program costs to start, connect and end, by transport and
+    // contender: a stream of a few packets at full speed.
+    std::map<std::string, bench::Counts> startCost;
+    uint64_t startBytes = 0;
+    {
+      Servers tiny(uint64_t(BASELINE_PACKETS) * packetSize, packetSize);
+      startBytes = tiny.streamBytes;
+      std::map<std::string, Samples> calls, cpu, switches;
+      for (int round = 0; round < s.countRounds; ++round) {
+        for (Transport t : TRANSPORTS) {
+          for (const Contender& c : contenders) {
+            FetchRun run;
+            const bench::Counts n = counted(c, tiny, t, run);
+            const std::string key = transportName(t) + c.name;
+            calls[key].add(n.syscalls);
+            cpu[key].add(n.cpuMs);
+            switches[key].add(n.switches);
+          }
+        }
+      }
+      for (auto& [key, v] : calls) {
+        startCost[key].syscalls = v.median();
+        startCost[key].cpuMs = cpu[key].median();
+        startCost[key].switches = switches[key].median();
+      }
+    }
+
+    std::vector<const ShapedLink*> links{nullptr};  // null: full speed
+    for (const std::string& rate : items(s.rates)) {
+      const ShapedLink* found = nullptr;
+      for (const ShapedLink& l : LINKS)
+        if (rate == l.rate) found = &l;
+      if (found == nullptr) die("unknown rate " + rate);
+      links.push_back(found);
+    }
+    for (const ShapedLink* link : links) {
+      if (link != nullptr && !(own && network.shapeLoopback(link->rate, why))) break;
+      Servers servers(link == nullptr ? uint64_t(s.fullSpeedMb) << 20
+                                      : link->streamBytes / static_cast<uint64_t>(s.shapedScale),
+                      packetSize);
+      const double mb = (servers.streamBytes - startBytes) / 1e6;
+      std::map<std::string, Samples> rate, calls, cpu, switches;  // by transport and contender
+      for (int round = 0; round < s.countRounds; ++round) {
+        for (Transport t : TRANSPORTS) {
+          for (size_t k = 0; k < contenders.size(); ++k) {
+            const Contender& c = contenders[(k + round) % contenders.size()];
+            FetchRun run;
+            const std::string key = transportName(t) + c.name;
+            const bench::Counts n = counted(c, servers, t, run).minus(startCost[key]);
+            rate[key].add(mbps(run));
+            calls[key].add(n.syscalls / mb);
+            cpu[key].add(n.cpuMs / mb);
+            switches[key].add(n.switches / mb);
+          }
+        }
+        std::cerr << "counts " << (link ? link->name : "full speed") << ", " << packetSize
+                  << "-byte packets: round " << round + 1 << "/" << s.countRounds << " done"
+                  << std::endl;
+      }
       for (Transport t : TRANSPORTS) {
-        for (size_t k = 0; k < contenders.size(); ++k) {
-          const Contender& c = contenders[(k + round) % contenders.size()];
-          const FetchRun run = fetch(c, programs, servers, t, count, bench::countingLauncher(file));
-          bench::Counts n;
-          if (!bench::readCounts(file, n, why)) die(c.name + ": " + why);
-          const std::string key = transportName(t) + c.name;
-          rate[key].add(mbps(run));
-          calls[key].add(n.syscalls / mb);
-          cpu[key].add(n.cpuMs / mb);
+        for (const Contender& c : contenders) {
+          const std::string key = transportName(t) + c.name,
+                            base = transportName(t) + contenders[0].name;
+          // At full speed the context switches are a handful a run, and
+          // what is left of them after the start-up's can be 0 or less.
+          auto ratio = [&](std::map<std::string, Samples>& m) {
+            const double b = m[base].median();
+            return b > 0 ? fmt("%.2f", m[key].median() / b) : std::string("–");
+          };
+          report.line("| " + std::string(link ? link->name : "full speed") + " | " +
+                      std::to_string(packetSize) + " | " + transportName(t) + " | " + c.name +
+                      " | " + fmt("%.2f", rate[key].median()) + " | " +
+                      withSpread(calls[key], "%.0f") + " | " + ratio(calls) + " | " +
+                      withSpread(cpu[key], "%.2f") + " | " + ratio(cpu) + " | " +
+                      withSpread(switches[key], "%.0f") + " | " + ratio(switches) + " |");
         }
       }
     }
-    for (Transport t : TRANSPORTS) {
-      for (const Contender& c : contenders) {
-        const std::string key = transportName(t) + c.name,
-                          base = transportName(t) + contenders[0].name;
-        report.line("| " + std::string(shaped ? SHAPED_LINK : "full speed") + " | " +
-                    transportName(t) + " | " + c.name + " | " + fmt("%.2f", rate[key].median()) +
-                    " | " + withSpread(calls[key], "%.0f") + " | " +
-                    fmt("%.2f", calls[key].median() / calls[base].median()) + " | " +
-                    withSpread(cpu[key], "%.2f") + " | " +
-                    fmt("%.2f", cpu[key].median() / cpu[base].median()) + " |");
-      }
-    }
+    if (!why.empty()) break;
   }
   report.line("");
-  if (!why.empty()) report.line("Shaped rate not measured: " + why + "\n");
+  if (!why.empty()) report.line("Shaped rates not measured: " + why + "\n");
 }
 
 void usage() {
-  std::cerr << "usage: halvarine-bench [--quick] [--out DIR] [--rounds N] [--mb N]\n"
-               "         [--cost-mb N] [--calls N] [--only PARTS] [--before WORKER]\n";
+  std::cerr
+      << "usage: halvarine-bench [--quick] [--out DIR] [--rounds N] [--mb N]\n"
+         "         [--cost-mb N] [--calls N] [--only PARTS] [--before WORKER]\n"
+         "         [--count-rounds N] [--rates 8mbit,1mbit,128kbit] [--packet-sizes 8192,1444]\n";
   exit(2);
 }
 
@@ -451,14 +561,21 @@ int main(int argc, char** argv) {
   const std::map<std::string, int*> numbers{{"--rounds", &s.rounds},
                                             {"--mb", &s.streamMb},
                                             {"--cost-mb", &s.costMb},
-                                            {"--calls", &s.calls}};
-  const std::map<std::string, std::string*> texts{
-      {"--only", &s.only}, {"--out", &s.outDir}, {"--before", &programs.beforeWorker}};
+                                            {"--calls", &s.calls},
+                                            {"--count-rounds", &s.countRounds}};
+  const std::map<std::string, std::string*> texts{{"--only", &s.only},
+                                                  {"--out", &s.outDir},
+                                                  {"--before", &programs.beforeWorker},
+                                                  {"--rates", &s.rates},
+                                                  {"--packet-sizes", &s.packetSizes}};
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if (a == "--quick") {
       s.rttRounds = s.startups = s.fullSpeedMb = 2;
-      s.rounds = s.costMb = s.shapedMb = s.countRounds = 1;
+      s.rounds = s.costMb = s.countRounds = 1;
+      s.shapedScale = 16;
+      s.rates = "8mbit";
+      s.packetSizes = "8192";
       s.streamMb = 4;
       s.calls = 500;
       s.counts = {4096, 65511};
@@ -470,7 +587,7 @@ int main(int argc, char** argv) {
       usage();
     }
   }
-  if (s.rounds < 1 || s.streamMb < 1 || s.costMb < 1 || s.calls < 1) usage();
+  if (s.rounds < 1 || s.streamMb < 1 || s.costMb < 1 || s.calls < 1 || s.countRounds < 1) usage();
   mkdir(s.outDir.c_str(), 0755);
 
   const std::string parts = "," + s.only + ",";

@@ -1,7 +1,11 @@
 #include "channel/packet.h"
 
 #include <string.h>
+#ifdef __SSE2__
+#include <immintrin.h>
+#endif
 
+#include <algorithm>
 #include <iostream>
 #include <string_view>
 
@@ -12,13 +16,110 @@ const char START_SEQUENCE[FRAME_START_LEN] = {
 
 }  // namespace
 
+// Every byte of every READ reply passes through the checksum, so it is the
+// worker's hottest loop. The sum only needs 16 bits, which lets many bytes
+// be added per step.
+
+namespace {
+
+uint32_t byteSumByWords(const unsigned char* p, size_t len) {
+  typedef uintptr_t Word;
+  // 0x00FF00FF...: the low byte of each 16-bit lane.
+  const Word LOW_BYTES = ~Word(0) / 0xFFFF * 0xFF;
+  // Each word adds at most 2 x 255 to a lane, so 128 words fit in a lane
+  // before it could carry into the next.
+  const size_t WORDS_PER_FOLD = 128;
+  uint32_t sum = 0;
+  size_t i = 0;
+  for (; i < len && reinterpret_cast<uintptr_t>(p + i) % sizeof(Word) != 0; ++i) sum += p[i];
+  while (len - i >= sizeof(Word)) {
+    const size_t words = std::min((len - i) / sizeof(Word), WORDS_PER_FOLD);
+    Word lanes = 0;
+    for (size_t k = 0; k < words; ++k, i += sizeof(Word)) {
+      Word w;
+      memcpy(&w, p + i, sizeof w);
+      lanes += (w & LOW_BYTES) + ((w >> 8) & LOW_BYTES);
+    }
+    for (unsigned shift = 0; shift < sizeof(Word) * 8; shift += 16)
+      sum += (lanes >> shift) & 0xFFFF;
+  }
+  for (; i < len; ++i) sum += p[i];
+  return sum;
+}
+
+#ifdef __SSE2__
+// Every x86-64 processor has SSE2, whose psadbw adds 16 bytes into two
+// 64-bit lanes in one instruction: with its load and the 64-bit add after
+// it, under 0.25 instructions per byte, where a byte at a time takes 2.
+// Processors with AVX2 (most since 2013) do 32 bytes per instruction, and
+// take unaligned memory operands, for about 0.07 per byte.
+uint32_t byteSumSse2(const unsigned char* p, size_t len) {
+  uint32_t sum = 0;
+  size_t i = 0;
+  for (; i < len && reinterpret_cast<uintptr_t>(p + i) % 16 != 0; ++i) sum += p[i];
+  const __m128i zero = _mm_setzero_si128();
+  __m128i acc = zero;
+  const __m128i* v = reinterpret_cast<const __m128i*>(p + i);
+  const __m128i* const end = v + (len - i) / 128 * 8;
+  for (; v != end; v += 8) {
+    const __m128i a = _mm_add_epi64(_mm_sad_epu8(v[0], zero), _mm_sad_epu8(v[1], zero));
+    const __m128i b = _mm_add_epi64(_mm_sad_epu8(v[2], zero), _mm_sad_epu8(v[3], zero));
+    const __m128i c = _mm_add_epi64(_mm_sad_epu8(v[4], zero), _mm_sad_epu8(v[5], zero));
+    const __m128i d = _mm_add_epi64(_mm_sad_epu8(v[6], zero), _mm_sad_epu8(v[7], zero));
+    acc = _mm_add_epi64(acc, _mm_add_epi64(_mm_add_epi64(a, b), _mm_add_epi64(c, d)));
+  }
+  i = static_cast<size_t>(reinterpret_cast<const unsigned char*>(end) - p);
+  uint64_t lanes[2];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), acc);
+  sum += static_cast<uint32_t>(lanes[0] + lanes[1]);
+  return sum + byteSumByWords(p + i, len - i);
+}
+
+__attribute__((target("avx2"))) uint32_t byteSumAvx2(const unsigned char* p, size_t len) {
+  const __m256i zero = _mm256_setzero_si256();
+  __m256i acc = zero;
+  size_t i = 0;
+  for (; len - i >= 128; i += 128) {
+    const __m256i* v = reinterpret_cast<const __m256i*>(p + i);
+    const __m256i a = _mm256_add_epi64(_mm256_sad_epu8(_mm256_loadu_si256(v), zero),
+                                       _mm256_sad_epu8(_mm256_loadu_si256(v + 1), zero));
+    const __m256i b = _mm256_add_epi64(_mm256_sad_epu8(_mm256_loadu_si256(v + 2), zero),
+                                       _mm256_sad_epu8(_mm256_loadu_si256(v + 3), zero));
+    acc = _mm256_add_epi64(acc, _mm256_add_epi64(a, b));
+  }
+  uint64_t lanes[4];
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), acc);
+  const uint32_t sum = static_cast<uint32_t>(lanes[0] + lanes[1] + lanes[2] + lanes[3]);
+  return sum + byteSumByWords(p + i, len - i);
+}
+
+bool hasAvx2() {
+  static const bool avx2 = __builtin_cpu_supports("avx2");
+  return avx2;
+}
+
+uint32_t byteSum(const unsigned char* p, size_t len) {
+  return hasAvx2() ? byteSumAvx2(p, len) : byteSumSse2(p, len);
+}
+#else
+uint32_t byteSum(const unsigned char* p, size_t len) {
+  return byteSumByWords(p, len);
+}
+#endif
+
+}  // namespace
+
+std::vector<ByteSum> byteSumVariants() {
+  std::vector<ByteSum> all{byteSumByWords};
+#ifdef __SSE2__
+  all.push_back(byteSumSse2);
+  if (hasAvx2()) all.push_back(byteSumAvx2);
+#endif
+  return all;
+}
+
 uint16_t bodyChecksum(const char* body, size_t len) {
-  // A 16-bit sum that simply wraps is the checksum's own arithmetic, and it
-  // lets the compiler add many bytes per step in 16-bit lanes. This is the
-  // worker's hottest loop: every byte of every READ reply passes here.
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(body);
-  uint16_t sum = 0;
-  for (size_t i = 0; i < len; ++i) sum = static_cast<uint16_t>(sum + p[i]);
+  const uint32_t sum = byteSum(reinterpret_cast<const unsigned char*>(body), len);
   return static_cast<uint16_t>(~sum);
 }
 

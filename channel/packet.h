@@ -51,6 +51,13 @@ static const size_t COUNTED_PREFIX_LEN = 4;  // 0x00, L high, L low, 0x00
 // Sum of the body bytes modulo 65536, all bits inverted.
 uint16_t bodyChecksum(const char* body, size_t len);
 
+// Every way of taking the byte sum behind it (modulo 2^32) that this
+// processor can run: a machine word at a time, the portable one used where
+// the build may assume no vector unit (armhf), and the vector ones. The
+// checksum uses the fastest; all are listed so that each is tested.
+typedef uint32_t (*ByteSum)(const unsigned char* p, size_t len);
+std::vector<ByteSum> byteSumVariants();
+
 // The prefix that makes `length` data bytes behind it a counted field, written
 // to the 4 bytes at `at`.
 void putCountedPrefix(char* at, uint16_t length);

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "mms/cpu_budget.h"
+#include "mms/read_batch.h"
 #include "mms/transport.h"
 
 boost::shared_ptr<WrapperMms> g_wrapperMms;
@@ -67,6 +68,7 @@ ResultCode WrapperMms::read(char* buffer, int length, int& count) {
   int got;
   {
     CpuBudget budget;
+    ReadBatch batch(length);
     got = t->read(*this, buffer, length);
   }
   // Whatever the library returns that is not 0 is passed on as the count.

@@ -9,9 +9,11 @@
 # --quick: a tiny run (a few MiB, one round) that only shows everything
 # works; its output stays in the build tree and docs/ is left alone.
 # BUILD_DIR (default build-bench) is where it builds. BEFORE (default
-# ab9a91a, the last commit whose socket callbacks tried a transfer before
-# every wait) is the commit whose worker the system-call counts show beside
-# today's; it is built under BUILD_DIR. Counting system calls takes perf,
+# 87a39b1, the last commit whose read callback woke at every TCP segment) is
+# the commit whose worker the system-call counts show beside today's; it is
+# built from `git archive` in a scratch directory outside the tree
+# (SCRATCH_DIR, default ${TMPDIR:-/var/tmp}/halvarine-bench-before), which
+# later runs reuse. Counting system calls takes perf,
 # and shaping a link takes root: without them the bench says so and leaves
 # that part out. The timings are only as quiet as the machine: see the load
 # averages printed with the tables.
@@ -47,19 +49,32 @@ mkdir -p "$OUT"
 rm -f "$OUT"/table.md "$OUT"/syscalls.md "$OUT"/throughput.dat "$OUT"/callgrind.*.out
 
 if ((!QUICK)); then
-  BEFORE=${BEFORE:-ab9a91a}
-  OLD="$BUILD/worker-$BEFORE"
+  BEFORE=${BEFORE:-87a39b1}
+  SCRATCH=${SCRATCH_DIR:-${TMPDIR:-/var/tmp}/halvarine-bench-before}
+  OLD="$SCRATCH/worker-$(git rev-parse --short "$BEFORE")"
   if [ ! -x "$OLD/build/halvarine" ]; then
-    rm -rf "$OLD" && mkdir -p "$OLD/src"
+    # Only a directory this script made (it holds the mark) is ever removed.
+    if [ -e "$OLD" ] && [ ! -e "$OLD/.halvarine-bench" ]; then
+      echo "bench.sh: $OLD is in the way; move it or set SCRATCH_DIR" >&2
+      exit 1
+    fi
+    rm -rf "$OLD" && mkdir -p "$OLD/src" && touch "$OLD/.halvarine-bench"
     git archive "$BEFORE" | tar -x -C "$OLD/src"
     cmake -S "$OLD/src" -B "$OLD/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
       -DHALVARINE_TESTS=OFF >/dev/null
     cmake --build "$OLD/build" -j"$(nproc)" --target halvarine >/dev/null
   fi
-  # Named from here, so that the tables show no directory of this machine.
-  ARGS+=(--before "${OLD#"$ROOT"/}/build/halvarine")
+  ARGS+=(--before "$OLD/build/halvarine")
 fi
-"$BUILD/bench/halvarine-bench" --out "$OUT" "${ARGS[@]}"
+# The controller socket's path in /tmp is fixed: as root the run gets a /tmp
+# of its own, so that its workers meet no other controller on the machine
+# (the benchmark makes its own network namespace).
+RUN=("$BUILD/bench/halvarine-bench" --out "$OUT" "${ARGS[@]}")
+if [ "$(id -u)" = 0 ]; then
+  unshare --mount --propagation private sh -c 'mount -t tmpfs tmpfs /tmp && exec "$0" "$@"' "${RUN[@]}"
+else
+  "${RUN[@]}"
+fi
 
 # Where the worker's extra instructions go: the top of each profile, with
 # this machine's directories taken out of the file names.

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <tuple>
+#include <vector>
 
 #include "channel/control_socket.h"
 #include "channel/packet.h"
@@ -33,6 +34,34 @@ TEST(MakePacket, RefusesShortListsAndOverlongBodiesLeavingOutAlone) {
   big.back().pop_back();  // exactly 65,535: fits
   ASSERT_EQ(0u, makePacket(big, out));
   EXPECT_EQ(FRAME_MAX_LEN, out.size());
+}
+
+// The checksum adds many bytes per step, in every way this processor can:
+// against a byte-by-byte sum at every start alignment and at lengths around
+// the step sizes, and over a whole frame's worth of 0xFF, where a lane that
+// overflowed would show.
+TEST(BodyChecksum, EqualsTheByteSumAtEveryAlignmentAndLength) {
+  std::string data(FRAME_MAX_BODY + 64, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 131 + (i >> 7));
+  const std::string ones(FRAME_MAX_BODY + 64, '\xFF');
+  for (const std::string* source : std::vector<const std::string*>{&data, &ones}) {
+    std::vector<size_t> lengths;
+    for (size_t n = 0; n < 300; ++n) lengths.push_back(n);
+    for (size_t n : {1023u, 1024u, 1025u, 8191u, 8192u, 8200u, 65535u}) lengths.push_back(n);
+    for (size_t start = 0; start < 32; ++start) {
+      for (size_t len : lengths) {
+        const char* p = source->data() + start;
+        uint16_t sum = 0;
+        for (size_t i = 0; i < len; ++i) sum = static_cast<uint16_t>(sum + (p[i] & 0xFF));
+        ASSERT_EQ(static_cast<uint16_t>(~sum), bodyChecksum(p, len)) << start << " " << len;
+        for (ByteSum variant : byteSumVariants()) {
+          ASSERT_EQ(sum,
+                    static_cast<uint16_t>(variant(reinterpret_cast<const unsigned char*>(p), len)))
+              << start << " " << len;
+        }
+      }
+    }
+  }
 }
 
 // Faults of the start, the end mark or the size are logged and leave the

@@ -5,7 +5,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -14,6 +18,9 @@
 #include <thread>
 #include <tuple>
 
+#include "base/clock.h"
+#include "core/termination.h"
+#include "mms/read_batch.h"
 #include "mms/wrapper_mms.h"
 #include "tests/support/support.h"
 
@@ -138,6 +145,121 @@ TEST_F(IoTransfer, SlowReadTimesOutAfterSevenQuietSeconds) {
   EXPECT_EQ(-1, WrapperMms::io_read(nullptr, ours.get(), buf, 20));
   EXPECT_EQ("[WrapperMms::io_read()] select timeout!\n[WrapperMms::io_read()] select timeout!\n",
             testing::internal::GetCapturedStderr());
+}
+
+// ---- Reads that gather a READ's bytes before waking
+
+// A connected loopback TCP pair, which honours the receive low-water mark
+// (a Unix socket pair does not): the callbacks read from `ours`, the test
+// sends from `peer`, a segment per send.
+class BatchedRead : public testing::Test {
+ protected:
+  void SetUp() override {
+    support::RefusingPort server;
+    ASSERT_EQ(0, listen(server.fd(), 1));
+    testing::internal::CaptureStderr();  // its entry line
+    const int fd = WrapperMms::io_tcp_connect(nullptr, "127.0.0.1", server.port());
+    testing::internal::GetCapturedStderr();
+    ASSERT_GE(fd, 0);
+    ours.reset(fd);
+    peer.reset(accept(server.fd(), nullptr, nullptr));
+    ASSERT_TRUE(peer.valid());
+    const int one = 1;
+    setsockopt(peer.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  }
+  void sendBytes(size_t n) {
+    ASSERT_EQ(ssize_t(n), send(peer.get(), std::string(n, 's').data(), n, 0));
+  }
+  // The times this thread has gone to sleep in the kernel.
+  static long sleeps() {
+    for (const std::string& line :
+         halvarine::splitLines(support::readFile("/proc/thread-self/status"))) {
+      if (line.compare(0, 24, "voluntary_ctxt_switches:") == 0) return atol(line.c_str() + 24);
+    }
+    return -1;
+  }
+  halvarine::UniqueFd ours, peer;
+};
+
+// A READ of 20 packets that arrive 20 ms apart, read by the library one
+// packet at a time, as it does: one wake-up gathers them all, and every
+// later library read finds its packet queued.
+TEST_F(BatchedRead, OneWakeUpForAReadOfManyPacketsArrivingApart) {
+  const int PACKETS = 20, SIZE = 600;
+  std::thread sender([&] {
+    for (int i = 0; i < PACKETS; ++i) {
+      usleep(20000);
+      sendBytes(SIZE);
+    }
+  });
+  char buf[SIZE];
+  const long before = sleeps();
+  {
+    ReadBatch batch(PACKETS * SIZE);
+    for (int i = 0; i < PACKETS; ++i)
+      ASSERT_EQ(SIZE, WrapperMms::io_read(nullptr, ours.get(), buf, SIZE));
+  }
+  const long wakeUps = sleeps() - before;
+  sender.join();
+  std::cout << "[ observed ] " << wakeUps << " sleeps for " << PACKETS << " packets" << std::endl;
+  EXPECT_LE(wakeUps, 3);
+}
+
+// SIGTERM while the read waits for a batch that has only begun to arrive
+// (the READ's 65,511 bytes less the 100 that came):
+// the wait is a safe point like any other, so the worker ends at once with
+// its clean-up (the exit handler runs), not through the grace timer.
+TEST_F(BatchedRead, SigtermEndsTheWorkerAtOnceFromTheWait) {
+  sendBytes(100);
+  EXPECT_EXIT(
+      {
+        installTerminationHandler();
+        atexit([] { fputs("clean exit\n", stderr); });
+        const pthread_t reader = pthread_self();
+        std::thread([&] {
+          usleep(300000);
+          int lowWater = 0;
+          socklen_t len = sizeof lowWater;
+          getsockopt(ours.get(), SOL_SOCKET, SO_RCVLOWAT, &lowWater, &len);
+          fprintf(stderr, "waiting for %d\n", lowWater);
+          pthread_kill(reader, SIGTERM);
+        }).detach();
+        char buf[8192];
+        ReadBatch batch(65511);
+        WrapperMms::io_read(nullptr, ours.get(), buf, sizeof buf);
+        _exit(3);
+      },
+      testing::ExitedWithCode(0),
+      "^waiting for 65411\n\n\\*\\*\\*\\* SIGINT \\*\\*\\*\\*\nclean exit\n$");
+}
+
+// Bytes that trickle in, 10 every 3 s, far below the batch the read waits
+// for: each slice of the wait takes what came, so the read is never cut off
+// though the piece takes 9 s. Then the peer stalls in the middle of the
+// piece: the time-out comes 7 to 8 s after its last byte, with what came.
+TEST_F(BatchedRead, SlowTrickleGoesOnAndAStallMidPacketEndsIt7To8sAfterTheLastByte) {
+  int64_t lastByteMs = 0;
+  std::thread sender([&] {
+    for (int i = 0; i < 4; ++i) {
+      if (i > 0) sleep(3);
+      sendBytes(10);
+      lastByteMs = nowMs();
+    }
+  });
+  char buf[100];
+  testing::internal::CaptureStderr();
+  mms_off_t got;
+  {
+    ReadBatch batch(65511);
+    got = WrapperMms::io_read(nullptr, ours.get(), buf, sizeof buf);
+  }
+  const int64_t stallMs = msSince(lastByteMs);
+  sender.join();
+  EXPECT_EQ(40, got);
+  EXPECT_EQ("[WrapperMms::io_read()] select timeout!\n", testing::internal::GetCapturedStderr());
+  std::cout << "[ observed ] stall reported " << stallMs << " ms after the last byte" << std::endl;
+  EXPECT_GE(stallMs, 7000);
+  EXPECT_LE(stallMs, 8100);  // a loaded machine's scheduling on top of 8 s
 }
 
 }  // namespace
