@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <iostream>
 
+#include "base/clock.h"
 #include "base/wait.h"
 #include "mms/read_batch.h"
 #include "mms/wrapper_mms.h"
@@ -153,7 +154,8 @@ bool tryAddress(int fd, const sockaddr_in& addr) {
 // be all the library asked for; MEDIA_TIMEOUT_S or more, and it is a stall.
 // The kernel's clock runs across the library's reads, so a stall is
 // reported 7 to 8 s after the last byte wherever it falls, and a stream
-// that trickles however slowly is never cut off. (A socket that is not TCP
+// that trickles however slowly is never cut off; a read that begins after
+// the last byte counts its 7 s from its own start, as a fresh wait would. (A socket that is not TCP
 // counts slices in which its queue did not grow instead.) Where a READ
 // fills within a slice (above about 0.5 Mbit/s), slices never end unready.
 
@@ -235,6 +237,9 @@ bool mustWait(ssize_t n) {
 struct Quiet {
   int slices = 0;
   int queued = 0;
+  // When the library's read began: a read that starts on a socket already
+  // silent still waits MEDIA_TIMEOUT_S of its own before it calls it a stall.
+  int64_t startedMs = nowMs();
 };
 
 // Milliseconds since the socket last received data, as TCP keeps it across
@@ -263,7 +268,9 @@ WaitResult waitBeforeTransfer(const Transfer& t, int fd, mms_off_t left, Quiet& 
     const long sinceData = msSinceData(fd);
     if (sinceData >= 0) {
       if (sinceData < READ_SLICE_S * 1000) continue;  // still coming
-      if (sinceData >= MEDIA_TIMEOUT_S * 1000) return WAIT_TIMEOUT;
+      if (std::min<int64_t>(sinceData, msSince(quiet.startedMs)) >= MEDIA_TIMEOUT_S * 1000) {
+        return WAIT_TIMEOUT;
+      }
       return WAIT_READY;  // paused: take what came
     }
     int queued = 0;
