@@ -13,7 +13,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 TARGETS=unit_checks bash scripts/cross-build.sh --tests
-ctest --test-dir build-armhf -L unit --output-on-failure -j2 --timeout 300
+# The controller library's own unit tests are left to the native run: under
+# qemu-user a failed exec in posix_spawn's child cannot be told apart from a
+# started program, which those tests check.
+ctest --test-dir build-armhf -L unit -E '^controller_parts$' --output-on-failure -j2 --timeout 300
 
 bash scripts/setup.sh
 

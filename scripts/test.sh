@@ -14,4 +14,6 @@ if [ -f tests/serial-reason.txt ]; then cat tests/serial-reason.txt; fi
 if (($# == 0)); then
   set -- -LE 'soak|bench'
 fi
-ctest --output-on-failure -j3 --timeout 600 "$@"
+# Most tests sit out waits (the worker's 7- and 60-second ones, servers'
+# pauses), so six run at once even on two cores.
+ctest --output-on-failure -j6 --timeout 600 "$@"
