@@ -190,17 +190,8 @@ TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
 // as a failure to connect.
 TEST_F(ServerAnswers, ThroughAProxyTheServersErrorAndTheProxysOwnAreToldApart) {
   if (halvarine::findOnPath("tinyproxy").empty()) GTEST_SKIP() << "tinyproxy";
-  const std::string conf =
-      "User nobody\nGroup nogroup\nListen 127.0.0.1\nAllow 127.0.0.1\nLogLevel Info\nPort ";
-  std::unique_ptr<support::Child> proxy;
   uint16_t port = 0;
-  // The port is picked before tinyproxy binds it: another may take it first.
-  for (int attempt = 0; attempt < 3 && proxy == nullptr; ++attempt) {
-    port = support::freeTcpPort("127.0.0.1");
-    ASSERT_TRUE(support::writeFile(dir.file("conf"), conf + std::to_string(port) + "\n"));
-    proxy.reset(new support::Child({"tinyproxy", "-d", "-c", dir.file("conf")}));
-    if (!proxy->waitForOutput("Accepting connections", 5000)) proxy.reset();
-  }
+  const std::unique_ptr<support::Child> proxy = support::startTinyproxy(dir, port);
   ASSERT_NE(nullptr, proxy) << "tinyproxy did not come up";
   ServerOptions o;
   o.transport = Transport::MMSH;

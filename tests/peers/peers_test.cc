@@ -42,17 +42,8 @@ TEST_F(Peers, WholeStreamThroughTinyproxyInBothUrlFormsEqualsTheDirectRead) {
   MmsTestServer& server = startServer(Transport::MMSH, Faults(), "127.0.0.2");
   const std::string reference = referenceFor(server.url());
   const support::TempDir dir;
-  const std::string conf =
-      "User nobody\nGroup nogroup\nListen 127.0.0.1\nAllow 127.0.0.1\nLogLevel Info\nPort ";
-  std::unique_ptr<support::Child> proxy;
   uint16_t port = 0;
-  // The port is picked before tinyproxy binds it: another may take it first.
-  for (int attempt = 0; attempt < 3 && proxy == nullptr; ++attempt) {
-    port = support::freeTcpPort("127.0.0.1");
-    ASSERT_TRUE(support::writeFile(dir.file("conf"), conf + std::to_string(port) + "\n"));
-    proxy.reset(new support::Child({"tinyproxy", "-d", "-c", dir.file("conf")}));
-    if (!proxy->waitForOutput("Accepting connections", 5000)) proxy.reset();
-  }
+  const std::unique_ptr<support::Child> proxy = support::startTinyproxy(dir, port);
   ASSERT_NE(nullptr, proxy) << "tinyproxy did not come up";
   const std::string proxyUrl = "http://127.0.0.1:" + std::to_string(port);
 

@@ -231,6 +231,20 @@ uint16_t freeTcpPort(const std::string& address) {
   return port;
 }
 
+std::unique_ptr<Child> startTinyproxy(const TempDir& dir, uint16_t& port) {
+  const std::string conf =
+      "User nobody\nGroup nogroup\nListen 127.0.0.1\nAllow 127.0.0.1\nLogLevel Info\nPort ";
+  std::unique_ptr<Child> proxy;
+  // The port is picked before tinyproxy binds it: another may take it first.
+  for (int attempt = 0; attempt < 3 && proxy == nullptr; ++attempt) {
+    port = freeTcpPort("127.0.0.1");
+    if (!writeFile(dir.file("conf"), conf + std::to_string(port) + "\n")) return nullptr;
+    proxy.reset(new Child({"tinyproxy", "-d", "-c", dir.file("conf")}));
+    if (!proxy->waitForOutput("Accepting connections", 5000)) proxy.reset();
+  }
+  return proxy;
+}
+
 // In the body: port_'s own initializer would undo what boundToAnyPort wrote.
 RefusingPort::RefusingPort() {
   fd_ = boundToAnyPort("127.0.0.1", port_);

@@ -118,6 +118,10 @@ void expectNothingLeft(pid_t pid);
 const std::string UNRESOLVABLE_HOST = std::string(64, 'x') + ".invalid";
 uint16_t freeTcpPort(const std::string& address);
 
+// tinyproxy on 127.0.0.1, its configuration in `dir`, serving (it said so)
+// on `port`; null when it did not come up in three tries.
+std::unique_ptr<Child> startTinyproxy(const TempDir& dir, uint16_t& port);
+
 // A loopback TCP port that refuses: bound, never listening, while it lives.
 class RefusingPort {
  public:
