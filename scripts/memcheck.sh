@@ -12,7 +12,9 @@ ensure_packages valgrind
 BUILD=build
 SERVER=$BUILD/tools/mmsserver/halvarine-mms-server
 FETCH=$BUILD/halvarine-fetch
-OUT=$(mktemp -d "${TMPDIR:-/tmp}/halvarine-memcheck-XXXXXX")
+# Not under /tmp: the worker, and valgrind writing its log, see a private
+# /tmp of their own (the controller socket's directory).
+OUT=$(mktemp -d "$PWD/$BUILD/memcheck-XXXXXX")
 
 . scripts/lib/server.sh
 trap 'stop_servers; rm -rf "$OUT"' EXIT
