@@ -131,6 +131,33 @@ def splice(text, name, path, fence=False):
     begin, end = "<!-- %s:begin -->" % name, "<!-- %s:end -->" % name
     a, b = text.index(begin) + len(begin), text.index(end)
     return text[:a] + "\n" + body + "\n" + text[b:]
+# A run of some parts (--only) brings some of the tables: those replace
+# their namesakes (a table is named by its heading up to the first comma),
+# the others stay, and the load line says which tables were measured alone.
+def sections(block):
+    head, *parts = block.split("\n### ")
+    return head, ["### " + p for p in parts]
+def name(section):
+    return section.split("\n", 1)[0].split(",", 1)[0]
+def without_end(section):
+    return section.split("\nLoad average at the end:")[0].rstrip()
+if os.path.exists(table) and os.path.getsize(table) > 0:
+    begin, end = "<!-- results:begin -->", "<!-- results:end -->"
+    old_head, old_parts = sections(text[text.index(begin) + len(begin):text.index(end)].strip())
+    new_head, new_parts = sections(open(table).read().strip())
+    fresh = {name(p): p.rstrip() for p in new_parts}
+    if old_parts and not set(name(p) for p in old_parts) <= set(fresh):
+        load = new_head.strip().split("load average at the start: ")[-1]
+        end_line = "Load average at the end:" + old_parts[-1].split("Load average at the end:")[-1]
+        fresh = {n: without_end(p) for n, p in fresh.items()}
+        merged = [fresh.pop(name(p), without_end(p)) for p in old_parts] + list(fresh.values())
+        merged[-1] += "\n\n" + end_line.strip()
+        note = "; measured alone later (load average %s): %s" % (
+            load, ", ".join(n[4:] for n in (name(p) for p in new_parts)))
+        lines = old_head.strip().split("\n")
+        lines[0] = lines[0].split("; measured alone later")[0] + note
+        body = "\n".join(lines) + "\n\n" + "\n\n".join(m.rstrip() for m in merged) + "\n"
+        open(table, "w").write(body)
 text = splice(text, "results", table)
 text = splice(text, "syscalls", syscalls)
 text = splice(text, "profile", profile, fence=True)
