@@ -18,6 +18,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "tools/common/file.h"
 #include "tools/common/table.h"
 
 using halvarine::Reply;
@@ -76,10 +77,9 @@ TempDir::~TempDir() {
 }
 
 std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
+  std::string bytes, ignored;
+  tools::readWholeFile(path, bytes, ignored);
+  return bytes;
 }
 
 bool writeFile(const std::string& path, const std::string& bytes) {

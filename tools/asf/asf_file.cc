@@ -1,8 +1,8 @@
 #include "tools/asf/asf_file.h"
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
+
+#include "tools/common/file.h"
 
 Guid guid(uint32_t d1, uint16_t d2, uint16_t d3, uint64_t d4) {
   Guid g{};
@@ -151,18 +151,9 @@ bool parseAsf(const std::string& bytes, AsfFile& out, std::string& error) {
 }
 
 bool loadAsfFile(const std::string& path, AsfFile& out, std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = "cannot open " + path;
-    return false;
-  }
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  if (in.bad()) {
-    error = "cannot read " + path;
-    return false;
-  }
-  if (!parseAsf(bytes.str(), out, error)) {
+  std::string bytes;
+  if (!tools::readWholeFile(path, bytes, error)) return false;
+  if (!parseAsf(bytes, out, error)) {
     error = path + ": " + error;
     return false;
   }

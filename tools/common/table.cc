@@ -1,7 +1,8 @@
 #include "tools/common/table.h"
 
-#include <fstream>
 #include <sstream>
+
+#include "tools/common/file.h"
 
 namespace tools {
 
@@ -22,14 +23,12 @@ std::vector<TableRow> tableRows(const std::string& text) {
 }
 
 bool readTable(const std::string& path, std::vector<TableRow>& rows, std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  std::string text;
+  if (!readWholeFile(path, text, error)) {
     error = "cannot read " + path;
     return false;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  rows = tableRows(text.str());
+  rows = tableRows(text);
   if (rows.empty()) error = "no rows in " + path;
   return !rows.empty();
 }
