@@ -1,14 +1,8 @@
 #include "tools/libmms-fetch/libmms_stream.h"
 
+#include "base/text.h"
+
 namespace libmmsfetch {
-
-namespace {
-
-bool startsWith(const std::string& s, const char* prefix) {
-  return s.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
-}
-
-}  // namespace
 
 LibmmsStream::~LibmmsStream() {
   if (mms_ != nullptr) mms_close(mms_);
