@@ -77,6 +77,8 @@ bool fetchWithFfmpeg(const std::string& url, FetchRun& out, std::string& error);
 // read and write as the worker does; ends after PEND's reply. It bounds
 // what a round trip through the worker can cost. Returns the exit status.
 int serveRawPeer();
+// Set in the environment of the benchmark started as the raw peer.
+extern const char RAW_PEER_VAR[];
 
 // Starts `worker` through the controller library, with `env` added to its
 // environment, makes `calls` CCHECK round trips, and ends it with PEND.

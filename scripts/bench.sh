@@ -22,9 +22,11 @@ cd "$(dirname "$0")/.."
 ROOT=$(pwd)
 
 QUICK=0
+HELP=0
 ARGS=()
 for a in "$@"; do
   if [ "$a" = "--quick" ]; then QUICK=1; fi
+  if [ "$a" = "--help" ] || [ "$a" = "-h" ]; then HELP=1; fi
   ARGS+=("$a")
 done
 
@@ -37,6 +39,12 @@ BUILD=${BUILD_DIR:-build-bench}
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHALVARINE_TESTS=ON >/dev/null
 cmake --build "$BUILD" -j"$(nproc)" --target halvarine halvarine-bench libmms-fetch >/dev/null
 BUILD=$(cd "$BUILD" && pwd)
+
+if ((HELP)); then
+  sed -n '7p' "$0" | sed 's/^# *//'
+  "$BUILD/bench/halvarine-bench" --help
+  exit 0
+fi
 
 if ((QUICK)); then
   OUT="$BUILD/bench/quick"

@@ -204,7 +204,7 @@ class Contract : public support::StreamTest {};
 // A word so long that the reply would not fit a frame is refused before
 // anything is done; one byte shorter, the reply fills the frame exactly.
 TEST_F(Contract, RequestsWhoseReplyCouldNotFitAreRefusedBeforeActing) {
-  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(StreamProtocol::MMSH));
   expectNext(1000);
   const size_t mark = session.worker().output().size();
   struct Refused {
@@ -253,7 +253,7 @@ TEST_F(Contract, LongGsizeWordsAreRefusedOnlyWhenTheirOwnReplyCannotFit) {
     check(row);
   }
   EXPECT_EQ(std::vector<std::string>{}, outputLines());
-  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(StreamProtocol::MMSH));
   newLines();
   for (const Row& row : {Row{65512, "OK_", 2}, Row{65513, "", 0}}) check(row);
   // The library was asked once: for the reply that fits.
@@ -267,7 +267,7 @@ TEST_F(Contract, PendEndsTheWorkerEvenWhenItsReplyCannotFit) {
   for (const size_t wordLength : {65529u, 65530u}) {
     SCOPED_TRACE(wordLength);
     startWorker();
-    ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
+    ASSERT_EQ("OK_", connect(startServer(StreamProtocol::MMSH).url()).status());
     const size_t mark = session.worker().output().size();
     const std::string word = "PEND" + std::string(wordLength - 4, 'X');
     const Request pend = request(word);
@@ -302,7 +302,7 @@ TEST_F(Contract, WholeStreamsWithMoreThanAThousandInheritedDescriptors) {
   leaked.clear();
   if (HasFatalFailure()) return;
   EXPECT_GT(support::openFds(session.worker().pid()), 1030);
-  for (Transport t : {Transport::MMST, Transport::MMSH}) {
+  for (StreamProtocol t : {StreamProtocol::MMST, StreamProtocol::MMSH}) {
     url = startServer(t).url();
     reference = referenceFor(url);
     ASSERT_EQ("OK_", connect(url).status());
@@ -326,7 +326,7 @@ TEST_F(Contract, ReplyToAControllerThatHasGoneEndsTheWorkerBySigpipe) {
 // Thousands of requests in flight while the controller reads slowly: the
 // worker waits for room before each reply, and every reply arrives whole.
 TEST_F(Contract, PipelinedRequestsWithAReaderThatFallsBehind) {
-  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMST));
+  ASSERT_NO_FATAL_FAILURE(openStream(StreamProtocol::MMST));
   std::vector<Request> sent;
   for (int i = 0; i < 3000; ++i) {
     sent.push_back(i % 25 == 0 ? request("READ", {countDigits(1000)}) : request("CCHECK"));
@@ -350,7 +350,7 @@ TEST_F(Contract, PipelinedRequestsWithAReaderThatFallsBehind) {
 // write wait loses that reply whole: the next frame it reads is whole, and
 // its echo byte says which reply went missing.
 TEST_F(Contract, SlowReplyUnreadForLongerThanTheWriteWaitIsLostWhole) {
-  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(StreamProtocol::MMSH));
   std::vector<Request> sent;
   for (int i = 0; i < 12; ++i) sent.push_back(request("READ", {countDigits(65511)}));
   for (const Request& req : sent) ASSERT_TRUE(session.send(req));
@@ -381,7 +381,7 @@ TEST_F(Contract, SlowReplyUnreadOnASmallDefaultSendBufferIsLostWhole) {
   options.env = {std::string("LD_PRELOAD=") + SMALL_SEND_BUFFER_LIBRARY};
   if (!options.launcher.empty()) GTEST_SKIP() << "the preloaded library is built for this host";
   ASSERT_TRUE(session.start(options)) << session.error();
-  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(StreamProtocol::MMSH));
   std::vector<Request> sent;
   for (int i = 0; i < 8; ++i) sent.push_back(request("READ", {countDigits(65511)}));
   for (const Request& req : sent) ASSERT_TRUE(session.send(req));
@@ -406,7 +406,7 @@ TEST_F(Contract, SlowWritesNeverBlockPastTheirWaitOnASmallSendBuffer) {
                  "HALVARINE_SNDBUF_CAPPED=1"};
   if (!options.launcher.empty()) GTEST_SKIP() << "the preloaded library is built for this host";
   ASSERT_TRUE(session.start(options)) << session.error();
-  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(StreamProtocol::MMSH));
   ASSERT_TRUE(session.send(request("READ", {countDigits(65511)})));
   sleep(6);  // past the write wait: the worker is back in its read wait
   const auto start = nowMs();

@@ -30,13 +30,13 @@ const std::string READ_TIMEOUT = "[WrapperMms::io_read()] select timeout!";
 const std::string CONNECT_OK = "[commandConnect()] MMS connect server!! : 0";
 const std::string CONNECT_FAILED = "[commandConnect()] MMS connect server!! : 2";
 
-std::string closeLine(Transport t) {
+std::string closeLine(StreamProtocol t) {
   return "[WrapperMms::close()] close " + testing::PrintToString(t) + " stream! ";
 }
 
 class Stream : public support::StreamTest {};
 
-class BothTransports : public Stream, public ::testing::WithParamInterface<Transport> {
+class BothTransports : public Stream, public ::testing::WithParamInterface<StreamProtocol> {
  protected:
   // The stream from a server that goes silent after 100,000 bytes, read up
   // to its first READ.
@@ -134,12 +134,12 @@ TEST_P(BothTransports, SlowStallMidReadAnswersAfterSevenSeconds) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, BothTransports,
-                         ::testing::Values(Transport::MMST, Transport::MMSH),
+                         ::testing::Values(StreamProtocol::MMST, StreamProtocol::MMSH),
                          ::testing::PrintToStringParamName());
 
 // The reply's layout is the same code whatever the transport: MMSH here.
 TEST_F(Stream, ReplyLayoutAndCountsNoReplyCanCarry) {
-  ASSERT_NO_FATAL_FAILURE(openStream(Transport::MMSH));
+  ASSERT_NO_FATAL_FAILURE(openStream(StreamProtocol::MMSH));
   expectReply("READ", {"abcdefgh"}, "EOF");  // no digits: count 0, no bytes
   expectNext("12ab5678");                    // the digits up to the first other byte
   const Reply r = expectNext(4660);          // 0x1234
@@ -168,8 +168,8 @@ class UrlForms : public Stream, public ::testing::WithParamInterface<support::Ur
 TEST_P(UrlForms, OpenWithTheTransportAndProxyTheFormCallsFor) {
   support::RefusingPort refusing;
   const std::map<std::string, std::string> values = {
-      {"{H}", std::to_string(startServer(Transport::MMSH).port())},
-      {"{T}", std::to_string(startServer(Transport::MMST).port())},
+      {"{H}", std::to_string(startServer(StreamProtocol::MMSH).port())},
+      {"{T}", std::to_string(startServer(StreamProtocol::MMST).port())},
       {"{R}", std::to_string(refusing.port())},
       {"{BAD}", support::UNRESOLVABLE_HOST}};
   const auto fill = [&](std::string text) {
@@ -195,13 +195,13 @@ INSTANTIATE_TEST_SUITE_P(Rows, UrlForms, ::testing::ValuesIn(support::urlForms()
                          ::testing::PrintToStringParamName());
 
 TEST_F(Stream, NewConnectClosesTheOldStreamFirstAndAFailedOneLeavesNothingOpen) {
-  const std::string mmsh = startServer(Transport::MMSH).url(),
-                    mmst = startServer(Transport::MMST).url();
+  const std::string mmsh = startServer(StreamProtocol::MMSH).url(),
+                    mmst = startServer(StreamProtocol::MMST).url();
   expectReply("CONNECT", {mmst}, "OK_");
   newLines();
   expectReply("CONNECT", {mmsh}, "OK_");
-  Lines expected = openLines(mmsh, Transport::MMSH);
-  expected.insert(expected.begin() + 1, closeLine(Transport::MMST));
+  Lines expected = openLines(mmsh, StreamProtocol::MMSH);
+  expected.insert(expected.begin() + 1, closeLine(StreamProtocol::MMST));
   EXPECT_EQ(expected, newLines());
   expectNext(1000);
 
@@ -210,33 +210,34 @@ TEST_F(Stream, NewConnectClosesTheOldStreamFirstAndAFailedOneLeavesNothingOpen) 
   expectReply("CONNECT", {bad}, "ERR");
   const Lines lines = newLines();
   ASSERT_GE(lines.size(), 2u);
-  EXPECT_EQ(closeLine(Transport::MMSH), lines[1]);
+  EXPECT_EQ(closeLine(StreamProtocol::MMSH), lines[1]);
   // The unopened object answers without the library and without a line.
   expectReply("GSIZE", {}, "ERR");
   expectReply("CLOSE", {}, "OK_");
   expectReply("READ", {countDigits(1000)}, "ERR");
   EXPECT_EQ(Lines{}, newLines());
   expectReply("CONNECT", {mmst}, "OK_");
-  EXPECT_EQ(openLines(mmst, Transport::MMST), newLines()) << "replacing it closes nothing";
+  EXPECT_EQ(openLines(mmst, StreamProtocol::MMST), newLines()) << "replacing it closes nothing";
 
   Request empty = request("CONNECT");
   empty.fields.push_back(Field::countedField(""));
   EXPECT_EQ("ERR", call(empty).status());
-  EXPECT_EQ((Lines{"[commandConnect()] command size : 7", closeLine(Transport::MMST), C + "call! ",
-                   C + "url=", C + "open MMST stream!", C + "open MMST stream failed!",
-                   C + "open MMSH stream!", C + "open MMSH stream failed! ", CONNECT_FAILED}),
-            newLines());
+  EXPECT_EQ(
+      (Lines{"[commandConnect()] command size : 7", closeLine(StreamProtocol::MMST), C + "call! ",
+             C + "url=", C + "open MMST stream!", C + "open MMST stream failed!",
+             C + "open MMSH stream!", C + "open MMSH stream failed! ", CONNECT_FAILED}),
+      newLines());
 }
 
 // An MMSH-only server never answers the MMST opening: after the 7-second
 // wait MMSH takes over with the same URL.
 TEST_F(Stream, SlowMmsUrlFallsBackToMmshAfterTheMmstTimeout) {
-  const std::string port = std::to_string(startServer(Transport::MMSH).port());
+  const std::string port = std::to_string(startServer(StreamProtocol::MMSH).port());
   const std::string url = "mms://127.0.0.1:" + port + "/x";
   const auto start = nowMs();
   expectReply("CONNECT", {url}, "OK_");
   EXPECT_GE(secondsSince(start), 6.5);
-  Lines expected = openLines(url, Transport::MMSH);
+  Lines expected = openLines(url, StreamProtocol::MMSH);
   expected.insert(expected.begin() + 3,
                   {C + "open MMST stream!", TCP, READ_TIMEOUT, C + "open MMST stream failed!"});
   EXPECT_EQ(expected, newLines());

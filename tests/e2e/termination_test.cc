@@ -122,7 +122,7 @@ class Termination : public support::StreamTest {
 };
 
 TEST_F(Termination, WaitingForTheControllerReleasesTheStream) {
-  ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
+  ASSERT_EQ("OK_", connect(startServer(StreamProtocol::MMSH).url()).status());
   EXPECT_EQ(NOTICE + CLOSE_MMSH, terminate("waiting for the controller"));
   EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
 }
@@ -130,7 +130,7 @@ TEST_F(Termination, WaitingForTheControllerReleasesTheStream) {
 TEST_F(Termination, WaitingForTheServerReleasesTheStreamAndSendsNoReply) {
   Faults stall;
   stall.stallAfter = 100000;
-  ASSERT_EQ("OK_", connect(startServer(Transport::MMST, stall).url()).status());
+  ASSERT_EQ("OK_", connect(startServer(StreamProtocol::MMST, stall).url()).status());
   ASSERT_EQ("OK_", read(65511).status());
   ASSERT_TRUE(session.send(request("READ", {countDigits(65511)})));
   usleep(300000);  // the READ waits for bytes that do not come
@@ -143,7 +143,7 @@ TEST_F(Termination, WaitingForTheServerReleasesTheStreamAndSendsNoReply) {
 TEST_F(Termination, SpinningInsideTheLibrary) {
   Faults zero;
   zero.zeroSizeObject = true;
-  ASSERT_TRUE(session.send(request("CONNECT", {startServer(Transport::MMST, zero).url()})));
+  ASSERT_TRUE(session.send(request("CONNECT", {startServer(StreamProtocol::MMST, zero).url()})));
   waitForLine("[WrapperMms::connect()] open MMST stream!");
   usleep(300000);
   EXPECT_EQ(NOTICE, terminate("spinning in the library"));
@@ -174,8 +174,8 @@ TEST_F(Termination, LookingUpAHostWhoseServerNeverAnswers) {
 // Full speed: READs in flight, the signal at a random moment, mostly while
 // the worker works between its waits.
 TEST_F(Termination, AtRandomMomentsOfAStreamAtFullSpeed) {
-  const std::string urls[] = {startServer(Transport::MMSH).url(),
-                              startServer(Transport::MMST).url()};
+  const std::string urls[] = {startServer(StreamProtocol::MMSH).url(),
+                              startServer(StreamProtocol::MMST).url()};
   std::mt19937 random(7);
   int cleanups = 0;
   const char* wanted = getenv("HALVARINE_TERM_TRIALS");  // 24 unless told
@@ -210,7 +210,7 @@ TEST_F(Termination, WhileWorkingTheSignalWaitsForTheNextSafePoint) {
     std::string text;
     for (int attempt = 0; attempt < 3 && text.find(CLOSE_MMSH) == std::string::npos; ++attempt) {
       text = blockedLine(
-          [this] { ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status()); },
+          [this] { ASSERT_EQ("OK_", connect(startServer(StreamProtocol::MMSH).url()).status()); },
           request("GSIZE"), 0, drainAfterMs);
     }
     ASSERT_EQ(0u, text.find(first + "[WrapperMms::getLength()] get MMSH length")) << text;
@@ -242,7 +242,7 @@ TEST_F(Termination, DuringTheShutdownNoFurtherLineFollows) {
 TEST_F(Termination, JustAfterAFrameArrivesTheFrameIsNotServed) {
   if (!startSignalledAfter("CLOSE\n"))
     GTEST_SKIP() << "the preloaded library is built for this host";
-  ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
+  ASSERT_EQ("OK_", connect(startServer(StreamProtocol::MMSH).url()).status());
   size_t mark = session.worker().output().size();
   ASSERT_TRUE(session.send(request("CLOSE")));
   EXPECT_EQ(NOTICE + CLOSE_MMSH, endedOutput(mark)) << "CLOSE";
@@ -276,7 +276,7 @@ TEST_F(Termination, SigalrmKeepsTheDispositionTheWorkerInherited) {
   ASSERT_EQ(0, sigaction(SIGALRM, &inherited, nullptr));
   startWorker();
   sigaction(SIGALRM, &saved, nullptr);
-  ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
+  ASSERT_EQ("OK_", connect(startServer(StreamProtocol::MMSH).url()).status());
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(session.worker().sendSignal(SIGALRM));
   usleep(100000);
   expectOnlyCcheckReply(nextEcho());

@@ -26,7 +26,7 @@ class Mutation : public ::testing::TestWithParam<support::FaultRow> {};
 // How the worker of one trial ended.
 std::string trial(const support::FaultRow& row, int64_t seed) {
   ServerOptions options;
-  options.transport = row.transport;
+  options.protocol = row.transport;
   options.faults = row.faults;
   options.faults.mutateSeed = seed;
   MmsTestServer server(support::sampleAsf(), options);

@@ -20,8 +20,8 @@ class Soak : public support::StreamTest {};
 TEST_F(Soak, CyclesLeakNeitherMemoryNorDescriptors) {
   const char* text = getenv("HALVARINE_SOAK_CYCLES");
   const int cycles = text != nullptr && atoi(text) > WARM_UP ? atoi(text) : 300;
-  const std::string urls[] = {startServer(Transport::MMST).url(),
-                              startServer(Transport::MMSH).url()};
+  const std::string urls[] = {startServer(StreamProtocol::MMST).url(),
+                              startServer(StreamProtocol::MMSH).url()};
   const int count = halvarine::maxReadCount();
   const std::string head = asfStreamBytes(support::sampleAsf()).substr(0, count);
   const pid_t pid = session.worker().pid();

@@ -80,7 +80,7 @@ class ServerAnswers : public ::testing::Test {
 // first, after the last whole packet of the first connection.
 TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
   ServerOptions o;
-  o.transport = Transport::MMST;
+  o.protocol = StreamProtocol::MMST;
   o.live = true;
   o.rate = 100000;
   o.faults.liveUnmarked = true;
@@ -117,7 +117,7 @@ TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
 // reads the stream again, checks what the file holds and completes it.
 TEST_F(ServerAnswers, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
   ServerOptions cutting;
-  cutting.transport = Transport::MMST;
+  cutting.protocol = StreamProtocol::MMST;
   cutting.faults.resetAfter = 100000;
   {
     Server server(sample(), cutting);
@@ -130,7 +130,7 @@ TEST_F(ServerAnswers, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
   ASSERT_GT(partial.size(), sample().header.size());
 
   ServerOptions plain;
-  plain.transport = Transport::MMST;
+  plain.protocol = StreamProtocol::MMST;
   Server server(sample(), plain);
   const Ran ran = runFetch({server.url(), "-C", "-o", out});
   EXPECT_EQ(0, ran.status) << ran.said;
@@ -171,7 +171,7 @@ TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
     SCOPED_TRACE(c.name);
     ASSERT_TRUE(support::writeFile(out + ".partial", c.partial));
     ServerOptions o;
-    o.transport = Transport::MMSH;
+    o.protocol = StreamProtocol::MMSH;
     o.live = c.live;
     o.faults.liveUnmarked = c.unmarked;
     o.rate = c.live ? 40000 : 0;
@@ -194,7 +194,7 @@ TEST_F(ServerAnswers, ThroughAProxyTheServersErrorAndTheProxysOwnAreToldApart) {
   const std::unique_ptr<support::Child> proxy = support::startTinyproxy(dir, port);
   ASSERT_NE(nullptr, proxy) << "tinyproxy did not come up";
   ServerOptions o;
-  o.transport = Transport::MMSH;
+  o.protocol = StreamProtocol::MMSH;
   o.address = "127.0.0.2";
   o.faults.httpStatus = 404;
   Server server(sample(), o);

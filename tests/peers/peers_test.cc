@@ -39,7 +39,7 @@ class Peers : public support::StreamTest {};
 // tinyproxy in front of the MMSH server on 127.0.0.2 (it will not relay to
 // the address it listens on); libmms takes http://host:port as the proxy.
 TEST_F(Peers, WholeStreamThroughTinyproxyInBothUrlFormsEqualsTheDirectRead) {
-  MmsTestServer& server = startServer(Transport::MMSH, Faults(), "127.0.0.2");
+  MmsTestServer& server = startServer(StreamProtocol::MMSH, Faults(), "127.0.0.2");
   const std::string reference = referenceFor(server.url());
   const support::TempDir dir;
   uint16_t port = 0;

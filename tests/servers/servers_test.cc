@@ -17,7 +17,7 @@ namespace {
 
 struct Row {
   const char* name;
-  Transport transport;
+  StreamProtocol transport;
   uint64_t bytes;       // a generated file of about this size; 0: the sample
   uint32_t packetSize;  // of the generated file
 };
@@ -27,22 +27,22 @@ void PrintTo(const Row& row, std::ostream* os) {
 
 // The sample rows first. Then packets so small that the MMST header takes
 // three of them, flagged "more follows", then "last".
-const Row ROWS[] = {{"MmstSample", Transport::MMST, 0, 0},
-                    {"MmshSample", Transport::MMSH, 0, 0},
-                    {"MmstTinyPackets", Transport::MMST, 200 * 1024, 128},
-                    {"MmshTinyPackets", Transport::MMSH, 200 * 1024, 128}};
+const Row ROWS[] = {{"MmstSample", StreamProtocol::MMST, 0, 0},
+                    {"MmshSample", StreamProtocol::MMSH, 0, 0},
+                    {"MmstTinyPackets", StreamProtocol::MMST, 200 * 1024, 128},
+                    {"MmshTinyPackets", StreamProtocol::MMSH, 200 * 1024, 128}};
 
 class Served : public ::testing::TestWithParam<Row> {
  protected:
   void start(const AsfFile& file) {
     ServerOptions options;
-    options.transport = GetParam().transport;
+    options.protocol = GetParam().transport;
     server.reset(new MmsTestServer(file, options));
     std::string error;
     ASSERT_TRUE(server->start(error)) << error;
   }
   std::string ffmpegUrl() const {
-    return (GetParam().transport == Transport::MMST ? "mmst" : "mmsh") +
+    return (GetParam().transport == StreamProtocol::MMST ? "mmst" : "mmsh") +
            server->url().substr(server->url().find(':'));
   }
 
@@ -70,7 +70,7 @@ TEST_P(Served, LibmmsGetsTheBytesAndFfmpegThePacketsOnEveryConnection) {
     EXPECT_TRUE(LibmmsStream::readAll(server->url(), 0, got));
     EXPECT_EQ(-1, support::firstDifference(got, asfStreamBytes(file))) << "libmms fetch " << i;
   }
-  const int connections = GetParam().transport == Transport::MMSH ? 6 : 3;  // describe, play
+  const int connections = GetParam().transport == StreamProtocol::MMSH ? 6 : 3;  // describe, play
   for (int i = 0; i < 500 && server->connectionsServed() < connections; ++i) usleep(10000);
   EXPECT_EQ(connections, server->connectionsServed());
 }

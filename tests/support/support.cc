@@ -139,7 +139,7 @@ std::vector<FaultRow> faultRows(const std::vector<std::string>& outcomes) {
       rows.push_back(r);
     }
     if (both || c.transport == "mmsh") {
-      r.transport = Transport::MMSH;
+      r.transport = StreamProtocol::MMSH;
       r.name = c.id + "Mmsh";
       rows.push_back(r);
     }
@@ -446,10 +446,10 @@ void StreamTest::SetUp() {
   WorkerTest::SetUp();
 }
 
-MmsTestServer& StreamTest::startServer(Transport transport, const Faults& faults,
+MmsTestServer& StreamTest::startServer(StreamProtocol transport, const Faults& faults,
                                        const std::string& address, int64_t declaredPackets) {
   ServerOptions options;
-  options.transport = transport;
+  options.protocol = transport;
   options.faults = faults;
   options.address = address;
   options.declaredPackets = declaredPackets;
@@ -467,7 +467,7 @@ void StreamTest::expectReply(const std::string& word, const std::vector<std::str
       << word;
 }
 
-void StreamTest::openStream(Transport transport, const Faults& faults) {
+void StreamTest::openStream(StreamProtocol transport, const Faults& faults) {
   referenceFor(startServer(transport).url());
   ASSERT_FALSE(HasFailure());
   url = startServer(transport, faults).url();
@@ -538,12 +538,12 @@ std::vector<std::string> StreamTest::newLines() {
   return fresh;
 }
 
-std::vector<std::string> StreamTest::openLines(const std::string& url, Transport transport) {
+std::vector<std::string> StreamTest::openLines(const std::string& url, StreamProtocol transport) {
   std::vector<std::string> lines = {"[commandConnect()] command size : 7",
                                     "[WrapperMms::connect()] call! ",
                                     "[WrapperMms::connect()] url=" + url};
   for (const UrlForm& f : urlForms()) {
-    if (f.name == (transport == Transport::MMST ? "mms" : "mmsh"))
+    if (f.name == (transport == StreamProtocol::MMST ? "mms" : "mmsh"))
       lines.insert(lines.end(), f.lines.begin(), f.lines.end());
   }
   return lines;

@@ -23,8 +23,8 @@
 #include "tools/mmsserver/server.h"
 
 namespace mmsserver {
-inline void PrintTo(Transport t, std::ostream* os) {
-  *os << (t == Transport::MMST ? "MMST" : "MMSH");
+inline void PrintTo(StreamProtocol t, std::ostream* os) {
+  *os << (t == StreamProtocol::MMST ? "MMST" : "MMSH");
 }
 }  // namespace mmsserver
 
@@ -33,6 +33,9 @@ inline void PrintTo(Transport t, std::ostream* os) {
 using libmmsfetch::LibmmsStream;
 using mmsserver::FaultCase;
 using mmsserver::Faults;
+using mmsserver::MmsTestServer;
+using mmsserver::ServerOptions;
+using mmsserver::StreamProtocol;
 
 namespace support {
 
@@ -88,9 +91,9 @@ std::string framemd5(const std::string& input, const TempDir& dir);
 // A case row of the fault table as a test runs it: one per transport.
 struct FaultRow {
   FaultCase row;
-  Transport transport = Transport::MMST;  // MMST too for a row without one
-  std::string name;                       // the id, with Mmst or Mmsh for a transport
-  Faults faults;                          // from the row's arguments
+  StreamProtocol transport = StreamProtocol::MMST;  // MMST too for a row without one
+  std::string name;                                 // the id, with Mmst or Mmsh for a transport
+  Faults faults;                                    // from the row's arguments
 };
 inline void PrintTo(const FaultRow& r, std::ostream* os) {
   *os << r.name;
@@ -212,7 +215,7 @@ class StreamTest : public WorkerTest {
   void SetUp() override;
 
   // A server of the sample; `declaredPackets` as ServerOptions has it.
-  MmsTestServer& startServer(Transport transport, const Faults& faults = Faults(),
+  MmsTestServer& startServer(StreamProtocol transport, const Faults& faults = Faults(),
                              const std::string& address = "127.0.0.1",
                              int64_t declaredPackets = -1);
   // What libmms reads from `url`: every byte the server cut from the file.
@@ -231,7 +234,7 @@ class StreamTest : public WorkerTest {
   // The sample over `transport` from a server with `faults` opened as `url`,
   // after libmms has read it whole from a clean twin (connections are
   // served one at a time: the reference comes before the worker holds one).
-  void openStream(Transport transport, const Faults& faults = Faults());
+  void openStream(StreamProtocol transport, const Faults& faults = Faults());
   // `word` with `countField`: the reply carries the next bytes of the stream
   // (`reference` from `pos`), byte for byte.
   halvarine::Reply expectNext(const std::string& countField, const std::string& word = "READ");
@@ -252,7 +255,7 @@ class StreamTest : public WorkerTest {
   // Worker lines since the previous call.
   std::vector<std::string> newLines();
   // The lines of a CONNECT of `url` that opens at once over `transport`.
-  static std::vector<std::string> openLines(const std::string& url, Transport transport);
+  static std::vector<std::string> openLines(const std::string& url, StreamProtocol transport);
 
   std::vector<std::unique_ptr<MmsTestServer>> servers;
 

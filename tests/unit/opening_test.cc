@@ -49,13 +49,13 @@ TEST(OpeningPlan, EachUrlFormGetsItsProxyTransportsAndTargets) {
 // empty one too, is checked end to end).
 TEST(WrapperMms, ReadsPositionLengthThenClosedRefusesAll) {
   const std::string stream = asfStreamBytes(support::sampleAsf());
-  for (Transport t : {Transport::MMST, Transport::MMSH}) {
+  for (StreamProtocol t : {StreamProtocol::MMST, StreamProtocol::MMSH}) {
     ServerOptions options;
-    options.transport = t;
+    options.protocol = t;
     MmsTestServer server(support::sampleAsf(), options);
     std::string error;
     ASSERT_TRUE(server.start(error)) << error;
-    const std::string name = t == Transport::MMST ? "MMST" : "MMSH";
+    const std::string name = t == StreamProtocol::MMST ? "MMST" : "MMSH";
     WrapperMms w(server.url());
     setenv("http_proxy", "127.0.0.1:1", 1);
     testing::internal::CaptureStderr();

@@ -67,7 +67,7 @@ int run(int argc, char** argv) {
       return false;
     };
     if (arg == "--transport" && (value == "mmsh" || value == "mmst")) {
-      options.transport = value == "mmsh" ? Transport::MMSH : Transport::MMST;
+      options.protocol = value == "mmsh" ? StreamProtocol::MMSH : StreamProtocol::MMST;
     } else if (arg == "--address") {
       options.address = value;
     } else if (arg == "--file") {

@@ -85,7 +85,7 @@ uint16_t MmsTestServer::port() const {
 }
 
 std::string MmsTestServer::url(const std::string& name) const {
-  const char* scheme = impl_->options.transport == Transport::MMSH ? "mmsh" : "mms";
+  const char* scheme = impl_->options.protocol == StreamProtocol::MMSH ? "mmsh" : "mms";
   return std::string(scheme) + "://" + impl_->options.address + ":" + std::to_string(impl_->port) +
          "/" + name;
 }
@@ -108,7 +108,7 @@ void MmsTestServer::Impl::serveOne(UniqueFd fd) {
   Connection conn(std::move(fd), stopRead.get());
   Link link(conn, faultsForConnection(options.faults, index), options.rate, index);
   if (link.refused()) return;
-  if (options.transport == Transport::MMSH) {
+  if (options.protocol == StreamProtocol::MMSH) {
     serveMmshConnection(link, file, options);
   } else {
     serveMmstConnection(link, file, options);

@@ -18,10 +18,10 @@
 
 namespace mmsserver {
 
-enum class Transport { MMSH, MMST };
+enum class StreamProtocol { MMSH, MMST };
 
 struct ServerOptions {
-  Transport transport = Transport::MMSH;
+  StreamProtocol protocol = StreamProtocol::MMSH;
   std::string address = "127.0.0.1";
   uint16_t port = 0;  // 0: pick a free port
   Faults faults;
@@ -68,11 +68,5 @@ class MmsTestServer {
 };
 
 }  // namespace mmsserver
-
-// bench/main.cc names these unqualified; the declarations go when it names
-// them from their namespace.
-using mmsserver::MmsTestServer;
-using mmsserver::ServerOptions;
-using mmsserver::Transport;
 
 #endif
