@@ -12,6 +12,7 @@
 #include <string>
 
 #include "base/clock.h"
+#include "tools/mmsserver/mmst_reports.h"
 #include "tools/mmsserver/mmst_wire.h"
 #include "tools/mmsserver/sessions.h"
 
@@ -26,19 +27,6 @@ using mmst::Command;
 // arithmetic wraps.
 constexpr uint32_t ABSURD_HEADER_BYTES = 0x10000000;
 
-// Reported in replies outside a play run; neither client reads it.
-constexpr uint32_t PLAY_INCARNATION_IDLE = 0xF0F0F0EF;
-constexpr uint32_t OPEN_FILE_ID = 1;
-// The result a server reports for a file it does not have.
-constexpr uint32_t RESULT_NO_SUCH_FILE = 0x80070002;
-// A stored file can seek and stride; a live one is a broadcast, which is
-// what libmms looks for in these attributes.
-constexpr uint32_t FILE_CAN_SEEK_CAN_STRIDE = 0x01800000;
-constexpr uint32_t FILE_BROADCAST = 0x02000000;
-
-const char SERVER_VERSION[] = "9.0.0.0";
-const char FUNNEL_NAME[] = "Funnel Of The Gods";
-
 void logLine(const std::string& text) {
   fprintf(stderr, "mmst: %s\n", text.c_str());
 }
@@ -47,23 +35,6 @@ std::string hex16(uint16_t v) {
   char buf[8];
   snprintf(buf, sizeof buf, "0x%02x", v);
   return buf;
-}
-
-// Strings in replies are UTF-16LE with a terminating zero; ours are ASCII.
-void putUtf16(std::string& out, const char* ascii) {
-  for (const char* p = ascii; *p; ++p) putLe16(out, static_cast<uint8_t>(*p));
-  putLe16(out, 0);
-}
-
-uint32_t utf16Units(const char* ascii) {
-  return static_cast<uint32_t>(std::char_traits<char>::length(ascii) + 1);
-}
-
-void putDouble(std::string& out, double v) {
-  uint64_t bits = 0;
-  static_assert(sizeof bits == sizeof v, "IEEE double expected");
-  memcpy(&bits, &v, sizeof bits);
-  putLe64(out, bits);
 }
 
 class MmstSession {
@@ -94,7 +65,6 @@ class MmstSession {
   bool reply(uint16_t id, const std::string& body);
   bool sendNextPacket();
   static HeaderFraming headerFraming(uint32_t packetSize);
-  std::string replyPrefix(uint32_t playIncarnation) const;
 
   Next onConnect(const Command& cmd);
   Next onFunnelInfo(const Command& cmd);
@@ -182,33 +152,13 @@ bool MmstSession::reply(uint16_t id, const std::string& body) {
   return link_.send(mmst::makeCommand(mmst::TO_CLIENT, id, sequence_++, time100ns, body));
 }
 
-// Every report starts with a result (0: success) and a play incarnation.
-std::string MmstSession::replyPrefix(uint32_t playIncarnation) const {
-  std::string body;
-  putLe32(body, 0);
-  putLe32(body, playIncarnation);
-  return body;
-}
-
 MmstSession::Next MmstSession::onConnect(const Command&) {
   if (connected_) {
     logLine("second connect on one session");
     return Next::END;
   }
   connected_ = true;
-  std::string body = replyPrefix(PLAY_INCARNATION_IDLE);
-  putLe32(body, 0x0004000B);  // our protocol revision
-  putLe32(body, 0x0003001C);  // the client revision we speak
-  putDouble(body, 1.0);       // block group play time
-  putLe32(body, 1);           // blocks per group
-  putLe32(body, 1);           // open files at once
-  putLe32(body, 0x8000);      // largest block
-  putLe32(body, 0x00989680);  // largest bit rate
-  putLe32(body, utf16Units(SERVER_VERSION));
-  putLe32(body, 0);  // no version info
-  putLe32(body, 0);  // no version URL
-  putLe32(body, 0);  // no authentication package
-  putUtf16(body, SERVER_VERSION);
+  const std::string body = mmst::connectedReport();
   return reply(mmst::sc::REPORT_CONNECTED, body) ? Next::GO_ON : Next::END;
 }
 
@@ -217,15 +167,7 @@ MmstSession::Next MmstSession::onFunnelInfo(const Command&) {
     logLine("funnel info before connect");
     return Next::END;
   }
-  std::string body = replyPrefix(PLAY_INCARNATION_IDLE);
-  putLe32(body, 0);  // transport mask
-  putLe32(body, 1);  // block fragments
-  putLe32(body, 0);  // fragment bytes
-  putLe32(body, 1);  // cubs
-  putLe32(body, 0);  // failed cubs
-  putLe32(body, 1);  // disks
-  putLe32(body, 0);  // decluster
-  putLe32(body, 0);  // datagram size
+  const std::string body = mmst::funnelInfoReport();
   return reply(mmst::sc::REPORT_FUNNEL_INFO, body) ? Next::GO_ON : Next::END;
 }
 
@@ -236,9 +178,7 @@ MmstSession::Next MmstSession::onConnectFunnel(const Command&) {
     logLine("protocol select before connect");
     return Next::END;
   }
-  std::string body = replyPrefix(PLAY_INCARNATION_IDLE);
-  putLe32(body, 0x00040000);  // packet payload size
-  putUtf16(body, FUNNEL_NAME);
+  const std::string body = mmst::connectedFunnelReport();
   return reply(mmst::sc::REPORT_CONNECTED_FUNNEL, body) ? Next::GO_ON : Next::END;
 }
 
@@ -249,39 +189,22 @@ MmstSession::Next MmstSession::onOpenFile(const Command&) {
     return Next::END;
   }
   opened_ = true;
-  const auto headerBytes =
-      static_cast<uint32_t>(link_.declaredHeaderSize(header_.size(), framing_));
-  const uint32_t packetBytes = link_.declaredPacketSize(file_.packetSize);
-  // As the header announces them: a broadcast has no duration and no count.
-  const double fileSeconds = static_cast<double>(file_.playDuration100ns) / 1e7;
-  const double seconds = options_.live ? 0 : fileSeconds;
-  const uint64_t packets = options_.declaredPackets >= 0
-                               ? static_cast<uint64_t>(options_.declaredPackets)
-                               : (options_.live ? 0 : file_.packets.size());
-  const uint64_t dataBytes = static_cast<uint64_t>(file_.packets.size()) * file_.packetSize;
-  const uint32_t bitRate = fileSeconds > 0 ? static_cast<uint32_t>(dataBytes * 8 / fileSeconds) : 0;
-
   if (link_.noSuchFile()) {
-    std::string refusal;
-    putLe32(refusal, RESULT_NO_SUCH_FILE);
-    putLe32(refusal, PLAY_INCARNATION_IDLE);
-    refusal.append(88, '\0');
-    reply(mmst::sc::REPORT_OPEN_FILE, refusal);
+    reply(mmst::sc::REPORT_OPEN_FILE, mmst::noSuchFileReport());
     return Next::END;
   }
-  std::string body = replyPrefix(PLAY_INCARNATION_IDLE);
-  putLe32(body, OPEN_FILE_ID);
-  putLe32(body, 0);  // padding
-  putLe32(body, 0);  // file name (unused)
-  putLe32(body, options_.live ? FILE_BROADCAST : FILE_CAN_SEEK_CAN_STRIDE);
-  putDouble(body, seconds);
-  putLe32(body, static_cast<uint32_t>(packets));  // blocks
-  body.append(16, '\0');
-  putLe32(body, packetBytes);
-  putLe64(body, packets);
-  putLe32(body, bitRate);
-  putLe32(body, headerBytes);
-  body.append(36, '\0');
+  mmst::OpenFile facts;
+  facts.headerBytes = static_cast<uint32_t>(link_.declaredHeaderSize(header_.size(), framing_));
+  facts.packetBytes = link_.declaredPacketSize(file_.packetSize);
+  facts.live = options_.live;
+  // As the header announces them: a broadcast has no duration and no count.
+  const double fileSeconds = static_cast<double>(file_.playDuration100ns) / 1e7;
+  facts.seconds = options_.live ? 0 : fileSeconds;
+  facts.packets = options_.declaredPackets >= 0 ? static_cast<uint64_t>(options_.declaredPackets)
+                                                : (options_.live ? 0 : file_.packets.size());
+  const uint64_t dataBytes = static_cast<uint64_t>(file_.packets.size()) * file_.packetSize;
+  facts.bitRate = fileSeconds > 0 ? static_cast<uint32_t>(dataBytes * 8 / fileSeconds) : 0;
+  const std::string body = mmst::openFileReport(facts);
   return reply(mmst::sc::REPORT_OPEN_FILE, body) ? Next::GO_ON : Next::END;
 }
 
@@ -299,7 +222,7 @@ MmstSession::Next MmstSession::onReadBlock(const Command& cmd) {
     logLine("header request without a usable packet incarnation");
     return Next::END;
   }
-  std::string body = replyPrefix(incarnation);
+  std::string body = mmst::reportPrefix(incarnation);
   putLe32(body, 0);  // play sequence
   if (!reply(mmst::sc::REPORT_READ_BLOCK, body)) return Next::END;
   HeaderFraming framing = framing_;
@@ -339,8 +262,9 @@ MmstSession::Next MmstSession::onStreamSwitch(const Command& cmd) {
   // Every stream of the file is served whatever the selection says: libmms
   // picks the best audio and the best video stream and ffmpeg asks for all,
   // which for our files (one of each at most) is every stream.
-  return reply(mmst::sc::REPORT_STREAM_SWITCH, replyPrefix(PLAY_INCARNATION_IDLE)) ? Next::GO_ON
-                                                                                   : Next::END;
+  return reply(mmst::sc::REPORT_STREAM_SWITCH, mmst::reportPrefix(mmst::PLAY_INCARNATION_IDLE))
+             ? Next::GO_ON
+             : Next::END;
 }
 
 MmstSession::Next MmstSession::onStartPlaying(const Command& cmd) {
@@ -364,10 +288,9 @@ MmstSession::Next MmstSession::onStartPlaying(const Command& cmd) {
   nextPacket_ = location == 0xFFFFFFFFu ? 0 : std::min<size_t>(location, file_.packets.size());
   mediaIncarnation_ = static_cast<uint8_t>(incarnation);
   playing_ = true;
-  std::string body = replyPrefix(incarnation);
-  putLe32(body, OPEN_FILE_ID);  // file id
-  body.append(16, '\0');
-  return reply(mmst::sc::REPORT_STARTED_PLAYING, body) ? Next::GO_ON : Next::END;
+  return reply(mmst::sc::REPORT_STARTED_PLAYING, mmst::startedPlayingReport(incarnation))
+             ? Next::GO_ON
+             : Next::END;
 }
 
 bool MmstSession::sendNextPacket() {
@@ -379,7 +302,7 @@ bool MmstSession::sendNextPacket() {
     return link_.sendPacket(index, prefix, payload);
   }
   playing_ = false;
-  const bool sent = reply(mmst::sc::REPORT_END_OF_STREAM, replyPrefix(mediaIncarnation_));
+  const bool sent = reply(mmst::sc::REPORT_END_OF_STREAM, mmst::reportPrefix(mediaIncarnation_));
   link_.streamEnded();
   return sent;
 }
