@@ -89,8 +89,7 @@ bool fetchThroughWorker(const std::string& worker, const std::string& url, int c
 
   const int64_t started = monotonicMs();
   halvarine::Reply reply;
-  const bool answered =
-      pipeline.call(halvarine::WORD_CONNECT, {url}, reply) == halvarine::FetchStatus::DONE;
+  const bool answered = pipeline.call(halvarine::WORD_CONNECT, {url}, reply);
   if (!answered || reply.status() != halvarine::STATUS_OK) {
     error = "CONNECT " + (answered ? "answered " + reply.status() : pipeline.error()) +
             "; worker: " + session.worker().output();

@@ -130,20 +130,20 @@ RequestPipeline::Received RequestPipeline::receive(Reply& out, std::string& word
   return Received::NOT_YET;
 }
 
-FetchStatus RequestPipeline::call(const std::string& word, const std::vector<std::string>& params,
-                                  Reply& out) {
-  if (!send(word, params)) return failure_;
+bool RequestPipeline::call(const std::string& word, const std::vector<std::string>& params,
+                           Reply& out) {
+  if (!send(word, params)) return false;
   const unsigned char echo = inFlight_.back().echo;
   for (;;) {
     std::string replied;
     switch (receive(out, replied)) {
       case Received::REPLY:
-        if (out.echo == echo) return FetchStatus::DONE;
+        if (out.echo == echo) return true;
         break;
       case Received::NOT_YET:
         break;
       case Received::FAILED:
-        return failure_;
+        return false;
     }
   }
 }

@@ -1,16 +1,16 @@
-// The READ loop: a window of READs in flight, the bytes kept or skipped in
-// stream order, and an output that is never waited on while replies wait.
+// The READ loop: a window of READs in flight, each reply judged and its
+// bytes handed on in stream order (what becomes of them is the fetch
+// policy's), and an output that is never waited on while replies wait.
 
-#include <halvarine/pipeline.h>
+#include <halvarine/stream_fetch.h>
 
 #include <algorithm>
+#include <deque>
 
-#include "base/clock.h"
+#include "controller/fetch_policy.h"
 #include "controller/output_queue.h"
 
 namespace halvarine {
-
-// ---- the READ loop
 
 StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOptions& options,
                               int outFd) {
@@ -23,7 +23,6 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
   const size_t backlogLimit = static_cast<size_t>(window) * static_cast<size_t>(count);
   std::deque<int64_t> asked;  // counts of the READs in flight, oldest first
   int64_t askedTotal = 0;     // the sum of `asked`
-  uint64_t received = 0;
 
   auto end = [&](FetchStatus status, const std::string& why) {
     result.status = status;
@@ -31,42 +30,20 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
     result.bytes = output.written();
     return result;
   };
-  // The bytes kept, past those skipped, go out in whole units; what is left
-  // of an incomplete unit waits in result.tail.
-  std::string& held = result.tail;
-  auto keep = [&](std::string data) {
-    if (options.unit == 0) {
-      if (options.witness != nullptr) options.witness->kept(data);
-      output.add(std::move(data));
-      return;
-    }
-    if (!held.empty()) {
-      held += data;
-      data.swap(held);
-      held.clear();
-    }
-    const size_t whole = data.size() - data.size() % options.unit;
-    held.assign(data, whole, std::string::npos);
-    data.resize(whole);
-    if (options.witness != nullptr) options.witness->kept(data);
-    output.add(std::move(data));
-  };
-  auto wanted = [&]() -> int64_t {
-    if (options.maxBytes < 0) return count;
-    return std::min<int64_t>(count, options.maxBytes - static_cast<int64_t>(received) - askedTotal);
-  };
+  FetchPolicy policy(options, count, result.tail);
 
   for (;;) {
     while (!result.endOfStream && asked.size() < static_cast<size_t>(window) &&
-           output.pending() < backlogLimit && wanted() > 0) {
-      const int64_t n = wanted();
+           output.pending() < backlogLimit && policy.wanted(askedTotal) > 0) {
+      const int64_t n = policy.wanted(askedTotal);
       if (!pipeline.send(WORD_READ, {formatCount(static_cast<int>(n))}))
         return end(pipeline.failure(), pipeline.error());
       asked.push_back(n);
       askedTotal += n;
     }
     if (!output.flush()) return end(FetchStatus::OUTPUT_FAILED, output.error());
-    if (asked.empty() && output.pending() == 0 && (result.endOfStream || wanted() <= 0)) {
+    if (asked.empty() && output.pending() == 0 &&
+        (result.endOfStream || policy.wanted(askedTotal) <= 0)) {
       return end(FetchStatus::DONE, "");
     }
 
@@ -120,19 +97,11 @@ StreamFetchResult fetchStream(RequestPipeline& pipeline, const StreamFetchOption
                                              " answered with count \"" + reply.fields[2].bytes +
                                              "\" and " + std::to_string(data.size()) + " bytes");
     }
-    const uint64_t before = received;
-    received += data.size();
     ++result.reads;
-    if (before < options.skip && options.witness != nullptr &&
-        !options.witness->skipped(data.substr(
-            0, static_cast<size_t>(std::min<uint64_t>(options.skip - before, data.size()))))) {
+    if (!policy.take(std::move(data), output)) {
       return end(FetchStatus::STOPPED, "the bytes read again differ from those written");
     }
-    if (received > options.skip) {
-      if (before < options.skip) data.erase(0, static_cast<size_t>(options.skip - before));
-      keep(std::move(data));
-    }
-    if (observer) observer->bytesReceived(received);
+    if (observer) observer->bytesReceived(policy.received());
   }
 }
 

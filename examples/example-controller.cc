@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
   finish.exitGraceMs = 2000;
   finish.termGraceMs = 1000;
   halvarine::Reply reply;
-  if (pipeline.call(halvarine::WORD_CONNECT, {argv[1]}, reply) != halvarine::FetchStatus::DONE) {
+  if (!pipeline.call(halvarine::WORD_CONNECT, {argv[1]}, reply)) {
     fprintf(stderr, "CONNECT: %s\n", pipeline.error().c_str());
     return 1;
   }

@@ -41,13 +41,18 @@ std::string trial(const support::FaultRow& row, int64_t seed) {
   timing.deadlineMs = halvarine::monotonicMs() + 60000;
   halvarine::RequestPipeline pipeline(session.connection(), timing);
   halvarine::Reply reply;
-  FetchStatus status = pipeline.call("CONNECT", {server.url()}, reply);
+  FetchStatus status =
+      pipeline.call("CONNECT", {server.url()}, reply) ? FetchStatus::DONE : pipeline.failure();
   if (status == FetchStatus::DONE && reply.status() == "OK_") {
     const halvarine::UniqueFd sink(open("/dev/null", O_WRONLY | O_CLOEXEC));
     halvarine::StreamFetchOptions reads;  // READ counts that cut packets in various places
     reads.count = seed % 3 == 0 ? halvarine::maxReadCount() : seed % 3 == 1 ? 3000 : 700;
     const FetchStatus read = fetchStream(pipeline, reads, sink.get()).status;
-    status = read == FetchStatus::DONE ? pipeline.call("CLOSE", {}, reply) : read;
+    if (read != FetchStatus::DONE) {
+      status = read;
+    } else if (!pipeline.call("CLOSE", {}, reply)) {
+      status = pipeline.failure();
+    }
   }
   const bool pend = status == FetchStatus::DONE || status == FetchStatus::REFUSED;
   EXPECT_TRUE(pend ? pipeline.finish(5000) : status == FetchStatus::LOST) << pipeline.error();

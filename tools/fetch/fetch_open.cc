@@ -38,9 +38,8 @@ Fetch::Opened Fetch::open(bool first) {
   const size_t mark = session_.worker().output().size();
   opened.result = Opened::Result::ENDED;
   halvarine::Reply reply;
-  FetchStatus st = pipeline_->call(halvarine::WORD_CONNECT, {url_.url}, reply);
-  if (st != FetchStatus::DONE) {
-    opened.outcome = fail(st, pipeline_->error(), "CONNECT");
+  if (!pipeline_->call(halvarine::WORD_CONNECT, {url_.url}, reply)) {
+    opened.outcome = fail(pipeline_->failure(), pipeline_->error(), "CONNECT");
     return opened;
   }
   if (reply.status() != halvarine::STATUS_OK) {
@@ -56,9 +55,8 @@ Fetch::Opened Fetch::open(bool first) {
     opened.outcome = {ending};
     return opened;
   }
-  st = pipeline_->call(halvarine::WORD_GSIZE, {}, reply);
-  if (st != FetchStatus::DONE) {
-    opened.outcome = fail(st, pipeline_->error(), "GSIZE");
+  if (!pipeline_->call(halvarine::WORD_GSIZE, {}, reply)) {
+    opened.outcome = fail(pipeline_->failure(), pipeline_->error(), "GSIZE");
     return opened;
   }
   if (first && options_.durationMs > 0) {
@@ -119,11 +117,9 @@ Fetch::Opened Fetch::readHeader(std::string& header) {
     halvarine::Reply reply;
     const int count = static_cast<int>(
         std::min<uint64_t>(need - header.size(), static_cast<uint64_t>(halvarine::maxReadCount())));
-    const FetchStatus st =
-        pipeline_->call(halvarine::WORD_READ, {halvarine::formatCount(count)}, reply);
-    if (st != FetchStatus::DONE) {
+    if (!pipeline_->call(halvarine::WORD_READ, {halvarine::formatCount(count)}, reply)) {
       opened.result = Opened::Result::ENDED;
-      opened.outcome = fail(st, pipeline_->error(), "READ");
+      opened.outcome = fail(pipeline_->failure(), pipeline_->error(), "READ");
       return opened;
     }
     if (reply.status() == halvarine::STATUS_OK && reply.fields.size() == 4) {

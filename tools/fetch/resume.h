@@ -11,7 +11,7 @@
 //
 // The same check lets --continue take up an earlier fetch's FILE.partial.
 
-#include <halvarine/pipeline.h>
+#include <halvarine/stream_fetch.h>
 #include <stdint.h>
 
 #include <string>

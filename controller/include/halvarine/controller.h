@@ -9,7 +9,8 @@
 //   protocol.h       frames, fields, command and status words
 //   connection.h     the listener and the accepted connection
 //   session.h        one worker run: listener, child process, connection
-//   pipeline.h       requests in flight, keep-alive, the READ loop
+//   pipeline.h       requests in flight, their replies, keep-alive
+//   stream_fetch.h   the READ loop: a whole stream to an output
 //   diagnosis.h      why a CONNECT failed, from the worker's lines
 //   runtime.h        deadline waits on a descriptor, the allocator setting
 //   url.h            the proxy form PROXY/URL as the worker splits it
@@ -27,6 +28,7 @@
 #include <halvarine/protocol.h>
 #include <halvarine/runtime.h>
 #include <halvarine/session.h>
+#include <halvarine/stream_fetch.h>
 #include <halvarine/url.h>
 
 #endif
