@@ -6,13 +6,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
+. scripts/lib/build.sh
 ensure_packages "${TEST_PACKAGES[@]}"
-
-WERROR=OFF
-[ "${CI:-}" = "true" ] && WERROR=ON
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DHALVARINE_SANITIZE=ON -DHALVARINE_WERROR="$WERROR" >/dev/null
-cmake --build build-asan -j"$(nproc)"
+build_tree build-asan -DHALVARINE_SANITIZE=ON
 
 # Any report fails the test that caused it (leaks at exit included); an
 # undefined-behaviour report comes with its whole stack.

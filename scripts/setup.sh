@@ -5,9 +5,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 . scripts/lib/packages.sh
+. scripts/lib/build.sh
 ensure_packages "${TEST_PACKAGES[@]}"
-
-WERROR=OFF
-[ "${CI:-}" = "true" ] && WERROR=ON
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHALVARINE_TESTS=ON -DHALVARINE_WERROR="$WERROR" >/dev/null
-cmake --build build -j"$(nproc)"
+build_tree build -DHALVARINE_TESTS=ON
