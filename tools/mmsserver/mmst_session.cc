@@ -63,6 +63,15 @@ class MmstSession {
   bool readCommand(Command& cmd);
   Next dispatch(const Command& cmd);
   bool reply(uint16_t id, const std::string& body);
+  // A handler's ends: the report sent (END when it could not be), or the
+  // session ended with the reason logged.
+  Next answer(uint16_t id, const std::string& body) {
+    return reply(id, body) ? Next::GO_ON : Next::END;
+  }
+  static Next refuse(const std::string& why) {
+    logLine(why);
+    return Next::END;
+  }
   bool sendNextPacket();
   static HeaderFraming headerFraming(uint32_t packetSize);
 
@@ -153,41 +162,26 @@ bool MmstSession::reply(uint16_t id, const std::string& body) {
 }
 
 MmstSession::Next MmstSession::onConnect(const Command&) {
-  if (connected_) {
-    logLine("second connect on one session");
-    return Next::END;
-  }
+  if (connected_) return refuse("second connect on one session");
   connected_ = true;
-  const std::string body = mmst::connectedReport();
-  return reply(mmst::sc::REPORT_CONNECTED, body) ? Next::GO_ON : Next::END;
+  return answer(mmst::sc::REPORT_CONNECTED, mmst::connectedReport());
 }
 
 MmstSession::Next MmstSession::onFunnelInfo(const Command&) {
-  if (!connected_) {
-    logLine("funnel info before connect");
-    return Next::END;
-  }
-  const std::string body = mmst::funnelInfoReport();
-  return reply(mmst::sc::REPORT_FUNNEL_INFO, body) ? Next::GO_ON : Next::END;
+  if (!connected_) return refuse("funnel info before connect");
+  return answer(mmst::sc::REPORT_FUNNEL_INFO, mmst::funnelInfoReport());
 }
 
 // The client names a transport (always TCP from our clients); the data will
 // flow on this connection whatever it names.
 MmstSession::Next MmstSession::onConnectFunnel(const Command&) {
-  if (!connected_) {
-    logLine("protocol select before connect");
-    return Next::END;
-  }
-  const std::string body = mmst::connectedFunnelReport();
-  return reply(mmst::sc::REPORT_CONNECTED_FUNNEL, body) ? Next::GO_ON : Next::END;
+  if (!connected_) return refuse("protocol select before connect");
+  return answer(mmst::sc::REPORT_CONNECTED_FUNNEL, mmst::connectedFunnelReport());
 }
 
 // Any file name opens the one file this server has.
 MmstSession::Next MmstSession::onOpenFile(const Command&) {
-  if (!connected_ || opened_) {
-    logLine("open file out of order");
-    return Next::END;
-  }
+  if (!connected_ || opened_) return refuse("open file out of order");
   opened_ = true;
   if (link_.noSuchFile()) {
     reply(mmst::sc::REPORT_OPEN_FILE, mmst::noSuchFileReport());
@@ -205,23 +199,17 @@ MmstSession::Next MmstSession::onOpenFile(const Command&) {
   const uint64_t dataBytes = static_cast<uint64_t>(file_.packets.size()) * file_.packetSize;
   facts.bitRate = fileSeconds > 0 ? static_cast<uint32_t>(dataBytes * 8 / fileSeconds) : 0;
   const std::string body = mmst::openFileReport(facts);
-  return reply(mmst::sc::REPORT_OPEN_FILE, body) ? Next::GO_ON : Next::END;
+  return answer(mmst::sc::REPORT_OPEN_FILE, body);
 }
 
 MmstSession::Next MmstSession::onReadBlock(const Command& cmd) {
   // The client names the incarnation it wants on header packets.
   constexpr size_t OFF_HEADER_INCARNATION = 40;
-  if (!opened_) {
-    logLine("header request before open file");
-    return Next::END;
-  }
+  if (!opened_) return refuse("header request before open file");
   const uint32_t incarnation = mmst::fits(cmd.body, OFF_HEADER_INCARNATION, 4)
                                    ? getLe32(cmd.body, OFF_HEADER_INCARNATION)
                                    : 0x100;
-  if (incarnation > 0xFF) {
-    logLine("header request without a usable packet incarnation");
-    return Next::END;
-  }
+  if (incarnation > 0xFF) return refuse("header request without a usable packet incarnation");
   std::string body = mmst::reportPrefix(incarnation);
   putLe32(body, 0);  // play sequence
   if (!reply(mmst::sc::REPORT_READ_BLOCK, body)) return Next::END;
@@ -250,15 +238,10 @@ HeaderFraming MmstSession::headerFraming(uint32_t packetSize) {
 MmstSession::Next MmstSession::onStreamSwitch(const Command& cmd) {
   // A count, then one 6-byte entry (flags, stream id, selection) per stream.
   constexpr size_t ENTRY_BYTES = 6;
-  if (!opened_) {
-    logLine("stream selection before open file");
-    return Next::END;
-  }
+  if (!opened_) return refuse("stream selection before open file");
   const uint32_t count = mmst::fits(cmd.body, 0, 4) ? getLe32(cmd.body, 0) : 0;
-  if (count == 0 || count > (cmd.body.size() - 4) / ENTRY_BYTES) {
-    logLine("stream selection count does not match its entries");
-    return Next::END;
-  }
+  if (count == 0 || count > (cmd.body.size() - 4) / ENTRY_BYTES)
+    return refuse("stream selection count does not match its entries");
   // Every stream of the file is served whatever the selection says: libmms
   // picks the best audio and the best video stream and ffmpeg asks for all,
   // which for our files (one of each at most) is every stream.
@@ -270,20 +253,13 @@ MmstSession::Next MmstSession::onStreamSwitch(const Command& cmd) {
 MmstSession::Next MmstSession::onStartPlaying(const Command& cmd) {
   constexpr size_t OFF_LOCATION = 20;     // first packet wanted, ~0 for "from the start"
   constexpr size_t OFF_INCARNATION = 28;  // to mark this run's data packets
-  if (!opened_) {
-    logLine("start playing before open file");
-    return Next::END;
-  }
-  if (!mmst::fits(cmd.body, OFF_INCARNATION, 4) || getLe32(cmd.body, OFF_INCARNATION) > 0xFF) {
-    logLine("start playing request too short or with a bad incarnation");
-    return Next::END;
-  }
+  if (!opened_) return refuse("start playing before open file");
+  if (!mmst::fits(cmd.body, OFF_INCARNATION, 4) || getLe32(cmd.body, OFF_INCARNATION) > 0xFF)
+    return refuse("start playing request too short or with a bad incarnation");
   const uint32_t location = getLe32(cmd.body, OFF_LOCATION);
   const uint32_t incarnation = getLe32(cmd.body, OFF_INCARNATION);
-  if (file_.packetSize > mmst::MAX_DATA_PAYLOAD) {
-    logLine("ASF packets too large for MMS over TCP");
-    return Next::END;
-  }
+  if (file_.packetSize > mmst::MAX_DATA_PAYLOAD)
+    return refuse("ASF packets too large for MMS over TCP");
   // A time position is not honoured: without an index, play from the start.
   nextPacket_ = location == 0xFFFFFFFFu ? 0 : std::min<size_t>(location, file_.packets.size());
   mediaIncarnation_ = static_cast<uint8_t>(incarnation);
