@@ -206,7 +206,8 @@ TEST_F(BatchedRead, OneWakeUpForAReadOfManyPacketsArrivingApart) {
 }
 
 // SIGTERM while the read waits for a batch that has only begun to arrive
-// (the READ's 65,511 bytes less the 100 that came):
+// (the READ's 65,511 bytes, of which 100 came; the READ's first read waits
+// before it takes them):
 // the wait is a safe point like any other, so the worker ends at once with
 // its clean-up (the exit handler runs), not through the grace timer.
 TEST_F(BatchedRead, SigtermEndsTheWorkerAtOnceFromTheWait) {
@@ -230,7 +231,7 @@ TEST_F(BatchedRead, SigtermEndsTheWorkerAtOnceFromTheWait) {
         _exit(3);
       },
       testing::ExitedWithCode(0),
-      "^waiting for 65411\n\n\\*\\*\\*\\* SIGINT \\*\\*\\*\\*\nclean exit\n$");
+      "^waiting for 65511\n\n\\*\\*\\*\\* SIGINT \\*\\*\\*\\*\nclean exit\n$");
 }
 
 // Bytes that trickle in, 10 every 3 s, far below the batch the read waits
@@ -260,6 +261,37 @@ TEST_F(BatchedRead, SlowTrickleGoesOnAndAStallMidPacketEndsIt7To8sAfterTheLastBy
   std::cout << "[ observed ] stall reported " << stallMs << " ms after the last byte" << std::endl;
   EXPECT_GE(stallMs, 7000);
   EXPECT_LE(stallMs, 8100);  // a loaded machine's scheduling on top of 8 s
+}
+
+// A READ whose bytes come after it began: a piece and the first byte of
+// the next, then a pause. The READ's wait holds them until the pause shows
+// (a second or two), so the library's read of the next piece begins well
+// after that byte; the stall must still come 7 to 8 s after the byte, not
+// 7 s after that read began.
+TEST_F(BatchedRead, AStallAfterTheBatchHeldTheLastByteEnds7To8sAfterIt) {
+  const int PIECE = 600;
+  int64_t lastByteMs = 0;
+  std::thread sender([&] {
+    usleep(500000);
+    sendBytes(PIECE + 1);
+    lastByteMs = nowMs();
+  });
+  char buf[PIECE];
+  testing::internal::CaptureStderr();
+  mms_off_t first, second;
+  {
+    ReadBatch batch(65511);
+    first = WrapperMms::io_read(nullptr, ours.get(), buf, PIECE);
+    second = WrapperMms::io_read(nullptr, ours.get(), buf, PIECE);
+  }
+  const int64_t stallMs = msSince(lastByteMs);
+  sender.join();
+  EXPECT_EQ(PIECE, first);
+  EXPECT_EQ(1, second);
+  EXPECT_EQ("[WrapperMms::io_read()] select timeout!\n", testing::internal::GetCapturedStderr());
+  std::cout << "[ observed ] stall reported " << stallMs << " ms after the last byte" << std::endl;
+  EXPECT_GE(stallMs, 7000);
+  EXPECT_LE(stallMs, 8100);
 }
 
 }  // namespace
