@@ -36,7 +36,7 @@
 // and then, and slept until a whole READ was queued where it could have
 // been copying the first packets while the server sent the rest, a tenth of
 // the full-speed throughput. So the waits watch how they go. A batch of at
-// least FAST_BATCH_BYTES met within FAST_WAIT_US (a rate of 80 MB/s or more,
+// least FAST_BATCH_BYTES met within FAST_WAIT_US (a rate of 20 MB/s or more,
 // or bytes that were there already) marks the link fast: later waits wake
 // at the first byte, as without a batch, and every library read transfers
 // first. A wait that lasts FAST_WAIT_US or more marks it slow again: on a
@@ -64,7 +64,9 @@ const int STALL_SLICES = MEDIA_TIMEOUT_S / READ_SLICE_S;
 // Far above a READ (65,511 bytes at most) and its packets' framing.
 const long MAX_BATCH_BYTES = 1L << 18;
 
-const long FAST_BATCH_BYTES = 16 * 1024;
+// Two or three segments: a batch a slow link cannot bring within FAST_WAIT_US
+// (4 ms at 8 Mbit/s), and no more than the smallest READs ask for.
+const long FAST_BATCH_BYTES = 4096;
 const int64_t FAST_WAIT_US = 200;
 
 // Bytes the current READ may still take from the socket; 0 outside a READ.
