@@ -25,8 +25,8 @@
 // not each library read within it, which may begin a second or two after
 // the last byte because the READ's wait held that byte until the pause
 // showed (the stall then came 9 s after it). (A socket that is not TCP
-// counts slices in which its queue did not grow instead.) Where a READ fills within a slice (above
-// about 0.5 Mbit/s), slices never end unready.
+// counts slices in which its queue did not grow instead.) Where a READ
+// fills within a slice (above about 0.5 Mbit/s), slices never end unready.
 //
 // ---- Fast links
 //
