@@ -8,6 +8,9 @@
 
 int64_t nowMs();
 
+// The same clock in microseconds, for durations too short for milliseconds.
+int64_t nowUs();
+
 // Milliseconds since `startMs`, a reading of nowMs().
 inline int64_t msSince(int64_t startMs) {
   return nowMs() - startMs;

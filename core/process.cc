@@ -15,6 +15,7 @@
 #include "channel/control_socket.h"
 #include "channel/protocol.h"
 #include "core/termination.h"
+#include "mms/cpu_budget.h"
 #include "mms/wrapper_mms.h"
 
 int runProcess() {
@@ -47,6 +48,7 @@ int runProcess() {
     ParamList request;
     for (;;) {
       if (readPacket(frame) != RESULT_OK) break;
+      armCommandCpuBudget();
       // A SIGTERM that came after the wait ended, while the frame was being
       // read or cut out, ends the worker here, before the frame is acted on:
       // no line, no stream closed or opened, no connection to a media

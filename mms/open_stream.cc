@@ -8,7 +8,7 @@
 
 #include "mms/cpu_budget.h"
 #include "mms/opening_plan.h"
-#include "mms/transport.h"
+#include "mms/protocol_ops.h"
 #include "mms/wrapper_mms.h"
 
 ResultCode WrapperMms::connect() {
@@ -37,24 +37,24 @@ ResultCode WrapperMms::connect() {
   }
 
   for (const OpeningAttempt& attempt : plan.attempts) {
-    const Transport& t = *transportFor(attempt.transport);
-    std::cerr << "[WrapperMms::connect()] open " << t.name << " stream!" << std::endl;
+    const ProtocolOps& ops = *opsFor(attempt.transport);
+    std::cerr << "[WrapperMms::connect()] open " << ops.name << " stream!" << std::endl;
     bool opened;
     {
       CpuBudget budget;
-      opened = t.open(*this, attempt.target);
+      opened = ops.open(*this, attempt.target);
     }
     if (opened) {
-      std::cerr << "[WrapperMms::connect()] open " << t.name << " stream success!" << std::endl;
-      m_streamType = t.type;
+      std::cerr << "[WrapperMms::connect()] open " << ops.name << " stream success!" << std::endl;
+      m_streamType = ops.type;
       m_connected = true;
       return RESULT_OK;
     }
-    std::cerr << "[WrapperMms::connect()] open " << t.name << " stream failed!";
-    if (t.failureNamesTarget) std::cerr << " " << attempt.target;
+    std::cerr << "[WrapperMms::connect()] open " << ops.name << " stream failed!";
+    if (ops.failureNamesTarget) std::cerr << " " << attempt.target;
     std::cerr << std::endl;
   }
   // Still closed, as close() above or the object's invariant left it: no
-  // transport touched the state, only the handles.
+  // protocol touched the state, only the handles.
   return MMS_OPEN_FAILED;
 }

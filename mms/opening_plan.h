@@ -2,7 +2,7 @@
 #define HALVARINE_MMS_OPENING_PLAN_H
 
 // How a URL is opened, worked out from the URL alone: whether the stream is
-// reached through an HTTP proxy, and which transports are tried in which
+// reached through an HTTP proxy, and which protocols are tried in which
 // order with which target. Pure: no environment, no library, no log line.
 
 #include <string>
@@ -11,7 +11,7 @@
 #include "mms/stream_type.h"
 
 struct OpeningAttempt {
-  StreamType transport;  // STREAM_MMST or STREAM_MMSH
+  StreamType transport;  // the protocol: STREAM_MMST or STREAM_MMSH
   std::string target;    // the URL handed to the library
 };
 

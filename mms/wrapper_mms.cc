@@ -2,14 +2,13 @@
 
 #include <iostream>
 
-#include "mms/cpu_budget.h"
+#include "mms/protocol_ops.h"
 #include "mms/read_batch.h"
-#include "mms/transport.h"
 
 boost::shared_ptr<WrapperMms> g_wrapperMms;
 
 // The position is a 64-bit offset in libmms; its low 32 bits are kept.
-const WrapperMms::Transport WrapperMms::TRANSPORTS[] = {
+const WrapperMms::ProtocolOps WrapperMms::PROTOCOL_OPS[] = {
     {STREAM_MMST, "MMST", false,
      [](WrapperMms& w, const std::string& target) {
        w.m_mms = mms_connect(w.m_io, nullptr, target.c_str(), 0);
@@ -40,9 +39,9 @@ const WrapperMms::Transport WrapperMms::TRANSPORTS[] = {
      }},
 };
 
-const WrapperMms::Transport* WrapperMms::transportFor(StreamType type) {
-  for (const Transport& t : TRANSPORTS) {
-    if (t.type == type) return &t;
+const WrapperMms::ProtocolOps* WrapperMms::opsFor(StreamType type) {
+  for (const ProtocolOps& ops : PROTOCOL_OPS) {
+    if (ops.type == type) return &ops;
   }
   return nullptr;
 }
@@ -63,13 +62,13 @@ ResultCode WrapperMms::read(char* buffer, int length, int& count) {
   count = 0;
   if (buffer == nullptr) return MMS_NULL_BUFFER;
   if (!m_connected) return MMS_NOT_CONNECTED;
-  const Transport* t = transportFor(m_streamType);
-  if (t == nullptr) return MMS_BAD_READ_TYPE;
+  const ProtocolOps* ops = opsFor(m_streamType);
+  if (ops == nullptr) return MMS_BAD_READ_TYPE;
   int got;
   {
-    CpuBudget budget;
+    // The CPU budget is the command's (armCommandCpuBudget).
     ReadBatch batch(length);
-    got = t->read(*this, buffer, length);
+    got = ops->read(*this, buffer, length);
   }
   // Whatever the library returns that is not 0 is passed on as the count.
   count = got;
@@ -79,10 +78,10 @@ ResultCode WrapperMms::read(char* buffer, int length, int& count) {
 ResultCode WrapperMms::getLength(uint32_t& length) {
   std::cerr << "[WrapperMms::getLength()] call! " << std::endl;
   if (!m_connected) return MMS_NOT_CONNECTED;
-  const Transport* t = transportFor(m_streamType);
-  if (t == nullptr) return MMS_BAD_STREAM_TYPE;
-  length = t->length(*this);
-  std::cerr << "[WrapperMms::getLength()] get " << t->name << " length : " << length << std::endl;
+  const ProtocolOps* ops = opsFor(m_streamType);
+  if (ops == nullptr) return MMS_BAD_STREAM_TYPE;
+  length = ops->length(*this);
+  std::cerr << "[WrapperMms::getLength()] get " << ops->name << " length : " << length << std::endl;
   return RESULT_OK;
 }
 
@@ -91,20 +90,20 @@ ResultCode WrapperMms::getCurrentPos(uint32_t& position) {
   // as it is.
   std::cerr << "WrapperMms::getCurrentPos()] call! " << std::endl;
   if (!m_connected) return MMS_NOT_CONNECTED;
-  const Transport* t = transportFor(m_streamType);
-  if (t == nullptr) return MMS_BAD_STREAM_TYPE;
-  position = t->position(*this);
-  std::cerr << "[WrapperMms::getCurrentPos()] get " << t->name << " pos! offset=" << position
+  const ProtocolOps* ops = opsFor(m_streamType);
+  if (ops == nullptr) return MMS_BAD_STREAM_TYPE;
+  position = ops->position(*this);
+  std::cerr << "[WrapperMms::getCurrentPos()] get " << ops->name << " pos! offset=" << position
             << std::endl;
   return RESULT_OK;
 }
 
 ResultCode WrapperMms::close() {
   if (m_connected) {
-    const Transport* t = transportFor(m_streamType);
-    if (t == nullptr) return MMS_BAD_STREAM_TYPE;
-    std::cerr << "[WrapperMms::close()] close " << t->name << " stream! " << std::endl;
-    t->close(*this);
+    const ProtocolOps* ops = opsFor(m_streamType);
+    if (ops == nullptr) return MMS_BAD_STREAM_TYPE;
+    std::cerr << "[WrapperMms::close()] close " << ops->name << " stream! " << std::endl;
+    ops->close(*this);
   }
   m_streamType = STREAM_NONE;
   m_connected = false;

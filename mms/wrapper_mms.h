@@ -16,7 +16,7 @@
 
 // Result codes of the stream operations.
 static const ResultCode MMS_NULL_BUFFER = 1;           // read: buffer is null
-static const ResultCode MMS_OPEN_FAILED = 2;           // connect: no transport opened it
+static const ResultCode MMS_OPEN_FAILED = 2;           // connect: no protocol opened it
 static const ResultCode MMS_BAD_READ_TYPE = 3;         // read: connected, unknown stream type
 static const ResultCode MMS_NO_DATA = 4;               // read: the library delivered no bytes
 static const ResultCode MMS_NOT_CONNECTED = 5;         // read, getLength, getCurrentPos
@@ -30,7 +30,7 @@ class WrapperMms {
   virtual ~WrapperMms();  // closes an open stream
 
   // Opens the stream named by the URL given at construction, closing an
-  // open one first. 0 open; 2 no transport could open it.
+  // open one first. 0 open; 2 no protocol could open it.
   ResultCode connect();
 
   // One library read of up to `length` bytes into `buffer`; `count` gets the
@@ -61,10 +61,10 @@ class WrapperMms {
 
   // The library's calls for one protocol: every operation goes through the
   // entry of its stream type, so none branches on the type itself.
-  struct Transport;
-  static const Transport TRANSPORTS[];
-  // The entry for m_streamType (or `type`); null for an unknown type.
-  static const Transport* transportFor(StreamType type);
+  struct ProtocolOps;
+  static const ProtocolOps PROTOCOL_OPS[];
+  // The entry for `type`; null for an unknown type.
+  static const ProtocolOps* opsFor(StreamType type);
 
   std::string m_url;
   mms_io_t* m_io;

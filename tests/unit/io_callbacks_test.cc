@@ -17,6 +17,7 @@
 
 #include <thread>
 #include <tuple>
+#include <vector>
 
 #include "base/clock.h"
 #include "core/termination.h"
@@ -206,7 +207,8 @@ TEST_F(BatchedRead, OneWakeUpForAReadOfManyPacketsArrivingApart) {
 }
 
 // SIGTERM while the read waits for a batch that has only begun to arrive
-// (the READ's 65,511 bytes less the 100 that came):
+// (the READ's 65,511 bytes, of which 100 came; the READ's first read waits
+// before it takes them):
 // the wait is a safe point like any other, so the worker ends at once with
 // its clean-up (the exit handler runs), not through the grace timer.
 TEST_F(BatchedRead, SigtermEndsTheWorkerAtOnceFromTheWait) {
@@ -230,7 +232,7 @@ TEST_F(BatchedRead, SigtermEndsTheWorkerAtOnceFromTheWait) {
         _exit(3);
       },
       testing::ExitedWithCode(0),
-      "^waiting for 65411\n\n\\*\\*\\*\\* SIGINT \\*\\*\\*\\*\nclean exit\n$");
+      "^waiting for 65511\n\n\\*\\*\\*\\* SIGINT \\*\\*\\*\\*\nclean exit\n$");
 }
 
 // Bytes that trickle in, 10 every 3 s, far below the batch the read waits
@@ -260,6 +262,80 @@ TEST_F(BatchedRead, SlowTrickleGoesOnAndAStallMidPacketEndsIt7To8sAfterTheLastBy
   std::cout << "[ observed ] stall reported " << stallMs << " ms after the last byte" << std::endl;
   EXPECT_GE(stallMs, 7000);
   EXPECT_LE(stallMs, 8100);  // a loaded machine's scheduling on top of 8 s
+}
+
+// The mark the last wait on `ours` left: how far that wait gathered.
+// A link whose READ was queued before the wait began is fast: the next wait
+// wakes at the first byte (mark 1), so the worker copies while the server
+// sends. A wait that then takes milliseconds marks it slow again, and the
+// next READ gathers its count.
+TEST_F(BatchedRead, AFastLinkWakesAtTheFirstByteASlowOneGathersTheRead) {
+  const int COUNT = 65511;
+  std::vector<char> buf(COUNT);
+  auto lowWater = [&] {
+    int mark = 0;
+    socklen_t len = sizeof mark;
+    getsockopt(ours.get(), SOL_SOCKET, SO_RCVLOWAT, &mark, &len);
+    return mark;
+  };
+  // A READ of 1,000 bytes whose first `piece` come 20 ms after it began.
+  auto readLate = [&](int piece) {
+    std::thread sender([&] {
+      usleep(20000);
+      sendBytes(static_cast<size_t>(piece));
+    });
+    ReadBatch batch(1000);
+    EXPECT_EQ(piece, WrapperMms::io_read(nullptr, ours.get(), buf.data(), piece));
+    sender.join();
+  };
+  // A scheduler that parks the reader for 200 us can hide a fast link; a
+  // few tries find it.
+  int fastMark = 0;
+  for (int attempt = 0; attempt < 3 && fastMark != 1; ++attempt) {
+    sendBytes(COUNT);
+    usleep(20000);
+    {
+      ReadBatch batch(COUNT);
+      ASSERT_EQ(COUNT, WrapperMms::io_read(nullptr, ours.get(), buf.data(), COUNT));
+    }
+    readLate(1);
+    fastMark = lowWater();
+  }
+  EXPECT_EQ(1, fastMark) << "a READ queued before it began did not mark the link fast";
+  // That wait for the late byte took 20 ms: the next READ gathers.
+  readLate(1000);
+  EXPECT_EQ(1000, lowWater()) << "the READ after a slow wait did not gather its count";
+}
+
+// A READ whose bytes come after it began: a piece and the first byte of
+// the next, then a pause. The READ's wait holds them until the pause shows
+// (a second or two), so the library's read of the next piece begins well
+// after that byte; the stall must still come 7 to 8 s after the byte, not
+// 7 s after that read began.
+TEST_F(BatchedRead, AStallAfterTheBatchHeldTheLastByteEnds7To8sAfterIt) {
+  const int PIECE = 600;
+  int64_t lastByteMs = 0;
+  std::thread sender([&] {
+    usleep(500000);
+    sendBytes(PIECE + 1);
+    lastByteMs = nowMs();
+  });
+  char buf[PIECE];
+  testing::internal::CaptureStderr();
+  mms_off_t first, second;
+  {
+    ReadBatch batch(65511);
+    first = WrapperMms::io_read(nullptr, ours.get(), buf, PIECE);
+    second = WrapperMms::io_read(nullptr, ours.get(), buf, PIECE);
+  }
+  const int64_t stallMs = msSince(lastByteMs);
+  sender.join();
+  EXPECT_EQ(PIECE, first);
+  EXPECT_EQ(1, second);
+  EXPECT_EQ("[WrapperMms::io_read()] select timeout!\n", testing::internal::GetCapturedStderr());
+  std::cout << "[ observed ] stall reported " << stallMs << " ms after the last byte" << std::endl;
+  EXPECT_GE(stallMs, 7000);
+  EXPECT_LE(stallMs, 8100);
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
-#ifndef HALVARINE_MMS_TRANSPORT_H
-#define HALVARINE_MMS_TRANSPORT_H
+#ifndef HALVARINE_MMS_PROTOCOL_OPS_H
+#define HALVARINE_MMS_PROTOCOL_OPS_H
 
 // The library's calls for one protocol, private to the stream object: its
 // operations and its opening go through the entry of the stream type.
 
 #include "mms/wrapper_mms.h"
 
-struct WrapperMms::Transport {
+struct WrapperMms::ProtocolOps {
   StreamType type;
   const char* name;  // "MMST" or "MMSH", as the log lines name it
   // The failed-open line ends with the target (MMSH) or without it (MMST).
