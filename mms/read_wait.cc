@@ -24,8 +24,8 @@
 // the last byte counts its 7 s from its own start, as a fresh wait would;
 // not each library read within it, which may begin a second or two after
 // the last byte because the READ's wait held that byte until the pause
-// showed (the stall then came 9 s after it). (A socket that is not TCP
-// counts slices in which its queue did not grow instead.) Where a READ
+// showed (the stall then came 9 s after it). (Where TCP does not say, the
+// waits note when they saw the queue grow.) Where a READ
 // fills within a slice (above about 0.5 Mbit/s), slices never end unready.
 //
 // ---- Fast links
@@ -53,13 +53,13 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <climits>
 
 #include "mms/read_batch.h"
 
 namespace {
 
 const int READ_SLICE_S = 1;
-const int STALL_SLICES = MEDIA_TIMEOUT_S / READ_SLICE_S;
 
 // Far above a READ (65,511 bytes at most) and its packets' framing.
 const long MAX_BATCH_BYTES = 1L << 18;
@@ -109,16 +109,30 @@ long wakeWhenQueued(int fd, long bytes) {
   return g_lowWater;
 }
 
+// When a wait last saw bytes come: it woke readable, or more was queued
+// after a slice than before. It stands in for the kernel's clock where the
+// kernel does not keep one (a socket that is not TCP, or qemu-user, which
+// passes only the first word of TCP_INFO), up to a slice late, so a stall is
+// still reported 7 to 8 s after the last byte. -1: none seen yet.
+int64_t g_bytesSeenMs = -1;
+
 // Milliseconds since the socket last received data, as TCP keeps it across
-// the library's reads; -1 when the socket is not TCP.
-long msSinceData(int fd) {
+// the library's reads, or as the waits saw it. `queued` is what is queued
+// for the taking where the waits had to look (-1: not known).
+long msSinceData(int fd, ReadWaits& waits, int& queued) {
+  queued = -1;
   tcp_info info;
   socklen_t len = sizeof info;
-  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) != 0 ||
-      len < offsetof(tcp_info, tcpi_last_data_recv) + sizeof info.tcpi_last_data_recv) {
-    return -1;
+  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0 &&
+      len >= offsetof(tcp_info, tcpi_last_data_recv) + sizeof info.tcpi_last_data_recv) {
+    return static_cast<long>(info.tcpi_last_data_recv);
   }
-  return static_cast<long>(info.tcpi_last_data_recv);
+  if (ioctl(fd, FIONREAD, &queued) != 0) queued = -1;  // not known: try a transfer
+  if (queued > waits.queued) {
+    waits.queued = queued;
+    g_bytesSeenMs = nowMs();
+  }
+  return g_bytesSeenMs < 0 ? LONG_MAX : static_cast<long>(msSince(g_bytesSeenMs));
 }
 
 }  // namespace
@@ -145,27 +159,17 @@ WaitResult waitToRead(int fd, long left, ReadWaits& waits) {
       } else if (ready == WAIT_READY && mark >= FAST_BATCH_BYTES) {
         g_fastLink = true;
       }
-      waits.slices = 0;
+      if (ready == WAIT_READY) g_bytesSeenMs = nowMs();
       return ready;
     }
     g_fastLink = false;
-    const long sinceData = msSinceData(fd);
-    if (sinceData >= 0) {
-      if (sinceData < READ_SLICE_S * 1000) continue;  // still coming
-      if (std::min<int64_t>(sinceData, msSince(waits.startedMs)) >= MEDIA_TIMEOUT_S * 1000) {
-        return WAIT_TIMEOUT;
-      }
-      return WAIT_READY;  // paused: take what came
+    int queued = -1;
+    const long sinceData = msSinceData(fd, waits, queued);
+    if (sinceData < READ_SLICE_S * 1000) continue;  // still coming
+    if (std::min<int64_t>(sinceData, msSince(waits.startedMs)) >= MEDIA_TIMEOUT_S * 1000) {
+      return WAIT_TIMEOUT;
     }
-    int queued = 0;
-    if (ioctl(fd, FIONREAD, &queued) != 0) queued = -1;  // not known: try a transfer
-    if (queued > waits.queued) {
-      waits.queued = queued;
-      waits.slices = 0;
-      continue;
-    }
-    if (++waits.slices >= STALL_SLICES) return WAIT_TIMEOUT;
-    if (queued != 0) return WAIT_READY;
+    if (queued != 0) return WAIT_READY;  // paused: take what came
   }
 }
 

@@ -19,13 +19,11 @@ const int MEDIA_TIMEOUT_S = 7;
 // READ's wait took its bytes); outside a READ, now.
 int64_t readWaitsSinceMs();
 
-// How one library read's waits have gone, where the kernel does not say
-// when the last byte came: the slices in a row in which nothing arrived,
-// and the bytes queued at the end of the last one. A wait begins after a
-// transfer that found the queue empty or emptied it, or, at the start of a
-// READ on a slow link, before the first transfer.
+// How one library read's waits have gone: the bytes queued at the end of
+// the last slice, where the kernel does not say when the last byte came. A
+// wait begins after a transfer that found the queue empty or emptied it,
+// or, at the start of a READ on a slow link, before the first transfer.
 struct ReadWaits {
-  int slices = 0;
   int queued = 0;
   // Since when the worker has waited for these bytes: a read that starts on
   // a socket already silent still waits MEDIA_TIMEOUT_S of its own before it
