@@ -89,20 +89,9 @@ class Termination : public support::StreamTest {
   }
 
   // A worker with a library that sends it SIGTERM the moment a read from
-  // the controller socket brings `word`. False where the library, built for
-  // this host, cannot be loaded into the worker.
+  // the controller socket brings `word`.
   bool startSignalledAfter(const std::string& word) {
-    session = halvarine::WorkerSession();
-    halvarine::WorkerSession::Options options;
-    options.worker = support::workerPath();
-    if (!options.launcher.empty()) return false;
-    // A sanitized worker must be told that its runtime need not be first.
-    const char* asan = getenv("ASAN_OPTIONS");
-    options.env = {std::string("LD_PRELOAD=") + SIGNAL_AFTER_READ_LIBRARY,
-                   "HALVARINE_TERM_AFTER=" + word,
-                   std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0"};
-    EXPECT_TRUE(session.start(options)) << session.error();
-    return true;
+    return startPreloaded(SIGNAL_AFTER_READ_LIBRARY, {"HALVARINE_TERM_AFTER=" + word});
   }
 
   // The worker ends by itself with status 0; what it wrote from `mark` on.
@@ -154,7 +143,6 @@ TEST_F(Termination, SpinningInsideTheLibrary) {
 // name server in a network namespace of the test's own.
 TEST_F(Termination, LookingUpAHostWhoseServerNeverAnswers) {
   if (geteuid() != 0) GTEST_SKIP() << "network namespaces need root";
-  session = halvarine::WorkerSession();
   support::NetNamespace ns;
   std::string out;
   if (!ns.create("127.0.0.1 localhost\n", "nameserver 127.0.0.53\noptions timeout:5 attempts:2\n",

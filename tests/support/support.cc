@@ -46,21 +46,24 @@ Child::Child(const std::vector<std::string>& argv) {
   start(argv, options);
 }
 
-bool Child::wait(int timeoutMs) {
-  halvarine::ExitStatus st;
-  return waitExit(timeoutMs, st);
-}
-
-int Child::exitCode() {
-  halvarine::ExitStatus st;
-  return waitExit(0, st) && st.exited ? st.code : -1;
-}
-
 std::string workerPath() {
   const std::string named = halvarine::workerFromEnvironment();
   if (!named.empty()) return named;
   const char* built = getenv("HALVARINE_BUILT_WORKER");
   return built != nullptr ? built : "";
+}
+
+std::vector<std::string> preloadEnv(const std::string& library) {
+  const char* asan = getenv("ASAN_OPTIONS");
+  return {"LD_PRELOAD=" + library,
+          std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0"};
+}
+
+std::unique_ptr<MmsTestServer> startMmsServer(const AsfFile& file, const ServerOptions& options) {
+  std::unique_ptr<MmsTestServer> server(new MmsTestServer(file, options));
+  std::string error;
+  EXPECT_TRUE(server->start(error)) << error;
+  return server;
 }
 
 // ---- Files
@@ -110,16 +113,6 @@ long long firstDifference(const std::string& a, const std::string& b) {
 
 size_t countLines(const std::vector<std::string>& lines, const std::string& line) {
   return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
-}
-
-std::string framemd5(const std::string& input, const TempDir& dir) {
-  const std::string out = dir.file("framemd5.txt");
-  unlink(out.c_str());
-  const halvarine::ProgramRun r =
-      halvarine::runProgram({"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y", "-i",
-                             input, "-map", "0", "-c", "copy", "-f", "framemd5", out},
-                            30000);
-  return r.succeeded() ? readFile(out) : "";
 }
 
 // ---- The fault matrix
@@ -248,22 +241,6 @@ std::unique_ptr<Child> startTinyproxy(const TempDir& dir, uint16_t& port) {
 // In the body: port_'s own initializer would undo what boundToAnyPort wrote.
 RefusingPort::RefusingPort() {
   fd_ = boundToAnyPort("127.0.0.1", port_);
-}
-
-std::string rawExchange(uint16_t port, const std::string& request) {
-  std::string received;
-  UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in addr = inetAddress("127.0.0.1", port);
-  if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      write(fd.get(), request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
-    return received;
-  }
-  timeval tv{10, 0};
-  setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  char buf[65536];
-  for (ssize_t n; (n = read(fd.get(), buf, sizeof buf)) > 0;)
-    received.append(buf, static_cast<size_t>(n));
-  return received;
 }
 
 // ---- Network namespaces
@@ -403,12 +380,25 @@ void WorkerTest::SetUp() {
   startWorker();
 }
 
-void WorkerTest::startWorker(const std::vector<std::string>& prefix) {
+void WorkerTest::startWorker(const std::vector<std::string>& prefix,
+                             const std::vector<std::string>& env) {
+  session = halvarine::WorkerSession();
+  linesSeen_ = 0;
   halvarine::WorkerSession::Options options;
   options.worker = workerPath();
   ASSERT_FALSE(options.worker.empty()) << "neither HALVARINE_WORKER nor HALVARINE_BUILT_WORKER";
   options.launcher.insert(options.launcher.begin(), prefix.begin(), prefix.end());
+  options.env = env;
   ASSERT_TRUE(session.start(options)) << session.error();
+}
+
+bool WorkerTest::startPreloaded(const std::string& library, const std::vector<std::string>& env) {
+  session = halvarine::WorkerSession();
+  if (!halvarine::launcherFromEnvironment().empty()) return false;
+  std::vector<std::string> all = preloadEnv(library);
+  all.insert(all.end(), env.begin(), env.end());
+  startWorker({}, all);
+  return true;
 }
 
 void WorkerTest::TearDown() {
@@ -453,9 +443,7 @@ MmsTestServer& StreamTest::startServer(Transport transport, const Faults& faults
   options.faults = faults;
   options.address = address;
   options.declaredPackets = declaredPackets;
-  servers.emplace_back(new MmsTestServer(sampleAsf(), options));
-  std::string error;
-  EXPECT_TRUE(servers.back()->start(error)) << error;
+  servers.push_back(startMmsServer(sampleAsf(), options));
   return *servers.back();
 }
 
