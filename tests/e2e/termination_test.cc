@@ -110,12 +110,6 @@ class Termination : public support::StreamTest {
   }
 };
 
-TEST_F(Termination, WaitingForTheControllerReleasesTheStream) {
-  ASSERT_EQ("OK_", connect(startServer(Transport::MMSH).url()).status());
-  EXPECT_EQ(NOTICE + CLOSE_MMSH, terminate("waiting for the controller"));
-  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
-}
-
 TEST_F(Termination, WaitingForTheServerReleasesTheStreamAndSendsNoReply) {
   Faults stall;
   stall.stallAfter = 100000;
@@ -247,7 +241,9 @@ TEST_F(Termination, JustAfterAFrameArrivesTheFrameIsNotServed) {
 }
 
 // The grace timer's signal is the worker's own; SIGALRM is not: it does
-// what the disposition the worker inherited says, with no notice.
+// what the disposition the worker inherited says, with no notice. Ignored,
+// it leaves the worker waiting for the controller, where SIGTERM releases
+// the stream.
 TEST_F(Termination, SigalrmKeepsTheDispositionTheWorkerInherited) {
   struct sigaction inherited = {}, saved;
   inherited.sa_handler = SIG_DFL;
@@ -268,7 +264,8 @@ TEST_F(Termination, SigalrmKeepsTheDispositionTheWorkerInherited) {
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(session.worker().sendSignal(SIGALRM));
   usleep(100000);
   expectOnlyCcheckReply(nextEcho());
-  EXPECT_EQ(NOTICE + CLOSE_MMSH, terminate("ignoring SIGALRM"));
+  EXPECT_EQ(NOTICE + CLOSE_MMSH, terminate("waiting for the controller, ignoring SIGALRM"));
+  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
 }
 
 }  // namespace
