@@ -31,6 +31,9 @@ TEST(Diagnosis, TheFurthestAttemptNamesTheFailure) {
   const std::string unresolved = "[WrapperMms::io_tcp_connect] unable to resolve host: ";
   const std::string quiet = "[WrapperMms::io_read()] select timeout!";
   const std::string refused = " errno = 111 / msg = Connection refused";
+  const std::string noSocket = "[WrapperMms::io_tcp_connect] failed to create socket: 24";
+  const std::string unreachable = " errno = 101 / msg = Network is unreachable";
+  const std::string proxy = "[WrapperMms::connect()] set proxy! : http://proxy:3128";
   const struct Row {
     std::vector<std::string> lines;
     F failure;
@@ -46,17 +49,9 @@ TEST(Diagnosis, TheFurthestAttemptNamesTheFailure) {
       {{mmst, connected, quiet}, F::NO_ANSWER, "", 0, false},
       {{mmst, connected, "[WrapperMms::io_write()] select timeout!"}, F::NOT_MMS, "", 0, false},
       {{mmst, unresolved + "nowhere.invalid"}, F::UNRESOLVED, "nowhere.invalid", 0, false},
-      {{mmst, "[WrapperMms::io_tcp_connect] failed to create socket: 24"},
-       F::UNREACHABLE,
-       "",
-       24,
-       false},
+      {{mmst, noSocket}, F::UNREACHABLE, "", 24, false},
       {{mmst, "ERR - connect", refused}, F::REFUSED, "", 111, false},
-      {{mmst, "ERR - connect", " errno = 101 / msg = Network is unreachable"},
-       F::UNREACHABLE,
-       "",
-       101,
-       false},
+      {{mmst, "ERR - connect", unreachable}, F::UNREACHABLE, "", 101, false},
       {{mmst, "ERR - connect"}, F::UNREACHABLE, "", 0, false},
       {{mmst, "ERR - connect with select : 110"}, F::CONNECT_TIMED_OUT, "", 110, false},
       {{mmst, "ERR - connect with select : 111"}, F::REFUSED, "", 111, false},
@@ -65,11 +60,7 @@ TEST(Diagnosis, TheFurthestAttemptNamesTheFailure) {
       {{mmst, "ERR - connect", refused, mmsh, connected}, F::NOT_MMS, "", 0, false},
       {{mmst, connected, mmsh, "ERR - connect", refused}, F::NOT_MMS, "", 0, false},
       {{mmst, unresolved + "a", mmsh, unresolved + "b"}, F::UNRESOLVED, "a", 0, false},
-      {{"[WrapperMms::connect()] set proxy! : http://proxy:3128", mmsh, unresolved + "proxy"},
-       F::UNRESOLVED,
-       "proxy",
-       0,
-       true},
+      {{proxy, mmsh, unresolved + "proxy"}, F::UNRESOLVED, "proxy", 0, true},
       {{"set proxy! : http://proxy:3128", mmsh}, F::URL_REFUSED, "", 0, false},
   };
   for (const Row& row : rows) {

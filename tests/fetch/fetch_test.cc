@@ -153,10 +153,9 @@ TEST_P(Fetch, EndsAsItsRowSays) {
     ASSERT_TRUE(target > 0 && kill(has(row.signal, "group") ? -target : target, sig) == 0)
         << tool.output();
   }
-  ASSERT_TRUE(tool.wait(60000)) << tool.output();
-  const std::string& said = tool.output();
   halvarine::ExitStatus ended;
-  ASSERT_TRUE(tool.waitExit(0, ended));
+  ASSERT_TRUE(tool.waitExit(60000, ended)) << tool.output();
+  const std::string& said = tool.output();
   if (ended.exited && ended.code == 125 &&
       has(row.command, "{allow}") + has(row.command, "{forbid}")) {
     GTEST_SKIP() << "no user namespace of the test's own here: " << said;

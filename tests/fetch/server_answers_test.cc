@@ -28,11 +28,9 @@ Ran runFetch(const std::vector<std::string>& args) {
   argv.insert(argv.end(), args.begin(), args.end());
   support::Child tool(argv);
   Ran ran;
-  if (!tool.wait(60000)) {
-    ADD_FAILURE() << "still running after 60 s:\n" << tool.output();
-    return ran;
-  }
-  ran.status = tool.exitCode();
+  halvarine::ExitStatus st;
+  EXPECT_TRUE(tool.waitExit(60000, st)) << "still running after 60 s:\n" << tool.output();
+  ran.status = st.exited ? st.code : -1;
   ran.said = tool.output();
   return ran;
 }
@@ -41,26 +39,8 @@ bool says(const Ran& ran, const std::string& text) {
   return ran.said.find(text) != std::string::npos;
 }
 
-const AsfFile& sample() {
-  static AsfFile file;
-  if (file.packets.empty()) {
-    std::string error;
-    EXPECT_TRUE(loadAsfFile(HALVARINE_SAMPLE_ASF, file, error)) << error;
-  }
-  return file;
-}
-
-// A test server of `transport` serving `file` under `options`.
-struct Server {
-  Server(const AsfFile& file, ServerOptions options) : server(file, options) {
-    std::string error;
-    started = server.start(error);
-    EXPECT_TRUE(started) << error;
-  }
-  std::string url() const { return server.url(); }
-  MmsTestServer server;
-  bool started = false;
-};
+using support::sampleAsf;
+using support::startMmsServer;
 
 class ServerAnswers : public ::testing::Test {
  protected:
@@ -86,9 +66,9 @@ TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
   o.faults.liveUnmarked = true;
   o.faults.resetAfter = 150000;
   o.faults.firstConnections = 1;
-  Server server(sample(), o);
-  ASSERT_TRUE(server.started);
-  const Ran ran = runFetch({server.url(), "-o", out, "--duration", "3", "--retry-delay", "0.2"});
+  const auto server = startMmsServer(sampleAsf(), o);
+  ASSERT_FALSE(HasFailure());
+  const Ran ran = runFetch({server->url(), "-o", out, "--duration", "3", "--retry-delay", "0.2"});
   EXPECT_EQ(0, ran.status) << ran.said;
   EXPECT_TRUE(says(ran, "announces this stream as live")) << ran.said;
   EXPECT_TRUE(says(ran, "recorded for --duration")) << ran.said;
@@ -96,7 +76,7 @@ TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
   AsfFile rec;
   std::string error;
   ASSERT_TRUE(loadAsfFile(out, rec, error)) << error;
-  const std::vector<std::string>& source = sample().packets;
+  const std::vector<std::string>& source = sampleAsf().packets;
   // The second connection begins where the first packet of the first did.
   size_t cut = 0;
   for (size_t i = 1; i < rec.packets.size() && cut == 0; ++i) {
@@ -120,23 +100,23 @@ TEST_F(ServerAnswers, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
   cutting.protocol = StreamProtocol::MMST;
   cutting.faults.resetAfter = 100000;
   {
-    Server server(sample(), cutting);
+    const auto server = startMmsServer(sampleAsf(), cutting);
     const Ran cut = runFetch(
-        {server.url(), "-o", out, "--retry", "1", "--retry-delay", "0.1", "--keep-partial"});
+        {server->url(), "-o", out, "--retry", "1", "--retry-delay", "0.1", "--keep-partial"});
     EXPECT_EQ(18, cut.status) << cut.said;
   }
   ASSERT_TRUE(support::fileExists(out + ".partial"));
   const std::string partial = support::readFile(out + ".partial");
-  ASSERT_GT(partial.size(), sample().header.size());
+  ASSERT_GT(partial.size(), sampleAsf().header.size());
 
   ServerOptions plain;
   plain.protocol = StreamProtocol::MMST;
-  Server server(sample(), plain);
-  const Ran ran = runFetch({server.url(), "-C", "-o", out});
+  const auto server = startMmsServer(sampleAsf(), plain);
+  const Ran ran = runFetch({server->url(), "-C", "-o", out});
   EXPECT_EQ(0, ran.status) << ran.said;
   EXPECT_TRUE(says(ran, "continuing " + out + ".partial")) << ran.said;
   std::string expected;
-  ASSERT_TRUE(LibmmsStream::readAll(server.url(), 0, expected));
+  ASSERT_TRUE(LibmmsStream::readAll(server->url(), 0, expected));
   EXPECT_EQ(-1, support::firstDifference(expected, support::readFile(out)));
   EXPECT_FALSE(support::fileExists(out + ".partial"));
 }
@@ -145,7 +125,7 @@ TEST_F(ServerAnswers, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
 // as it was: another stream's header, the same header over other data, a
 // live stream.
 TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
-  const AsfFile& file = sample();
+  const AsfFile& file = sampleAsf();
   std::string start = file.header;
   for (size_t i = 0; i < 20; ++i) start += file.packets[i];
   std::string otherData = start;
@@ -175,8 +155,8 @@ TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
     o.live = c.live;
     o.faults.liveUnmarked = c.unmarked;
     o.rate = c.live ? 40000 : 0;
-    Server server(c.served, o);
-    const Ran ran = runFetch({server.url(), "--continue", "-o", out});
+    const auto server = startMmsServer(c.served, o);
+    const Ran ran = runFetch({server->url(), "--continue", "-o", out});
     EXPECT_EQ(33, ran.status) << ran.said;
     EXPECT_TRUE(says(ran, c.reason)) << ran.said;
     EXPECT_EQ(c.partial, support::readFile(out + ".partial"));
@@ -197,12 +177,12 @@ TEST_F(ServerAnswers, ThroughAProxyTheServersErrorAndTheProxysOwnAreToldApart) {
   o.protocol = StreamProtocol::MMSH;
   o.address = "127.0.0.2";
   o.faults.httpStatus = 404;
-  Server server(sample(), o);
-  ASSERT_TRUE(server.started);
+  const auto server = startMmsServer(sampleAsf(), o);
+  ASSERT_FALSE(HasFailure());
   const std::string unreachable =
       "mmsh://127.0.0.2:" + std::to_string(support::freeTcpPort("127.0.0.2")) + "/x";
   setenv("http_proxy", ("127.0.0.1:" + std::to_string(port)).c_str(), 1);
-  const Ran missing = runFetch({server.url(), "-o", out});
+  const Ran missing = runFetch({server->url(), "-o", out});
   const Ran refused = runFetch({unreachable, "-o", out});
   unsetenv("http_proxy");
   EXPECT_EQ(22, missing.status) << missing.said;

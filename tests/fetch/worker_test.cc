@@ -9,33 +9,27 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <utility>
 
 #include "tests/support/support.h"
 
 namespace {
 
-// HALVARINE_WORKER and PATH as a case sets them, restored after it.
+// HALVARINE_WORKER and PATH as a case sets them ("": unset), restored after it.
 class Environment {
  public:
-  Environment() : worker_(get("HALVARINE_WORKER")), path_(get("PATH")) {}
+  Environment() {
+    for (auto& [name, value] : saved_) value = getenv(name) != nullptr ? getenv(name) : "";
+  }
   ~Environment() {
-    put("HALVARINE_WORKER", worker_);
-    put("PATH", path_);
+    for (const auto& [name, value] : saved_) put(name, value);
   }
   static void put(const char* name, const std::string& value) {
-    if (value.empty()) {
-      unsetenv(name);
-    } else {
-      setenv(name, value.c_str(), 1);
-    }
+    value.empty() ? unsetenv(name) : setenv(name, value.c_str(), 1);
   }
 
  private:
-  static std::string get(const char* name) {
-    const char* v = getenv(name);
-    return v != nullptr ? v : "";
-  }
-  const std::string worker_, path_;
+  std::pair<const char*, std::string> saved_[2] = {{"HALVARINE_WORKER", ""}, {"PATH", ""}};
 };
 
 TEST(FetchWorker, NamedThenEnvironmentThenInstalled) {

@@ -2,6 +2,9 @@
 // proxy, VLC's MMSH streaming output as a real server, and the system's
 // resolver and packet filter inside a network namespace of the test's own.
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,6 +29,25 @@ std::vector<std::string> asNobody(std::vector<std::string> argv) {
     argv.insert(argv.begin(), {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"});
   }
   return argv;
+}
+
+// Sends `request` to 127.0.0.1:port and reads until the server closes.
+std::string rawExchange(uint16_t port, const std::string& request) {
+  halvarine::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string received;
+  if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      write(fd.get(), request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
+    return received;
+  }
+  const timeval tv{10, 0};
+  setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  char buf[65536];
+  for (ssize_t n; (n = read(fd.get(), buf, sizeof buf)) > 0;) received.append(buf, n);
+  return received;
 }
 
 void expectCounts(const std::vector<std::string>& lines,
@@ -91,8 +113,7 @@ TEST_F(Peers, WorkerReadsVlcMmshOutputInBothUrlForms) {
     bool serving = false;
     for (int i = 0; i < 300 && !serving && vlc.running(); ++i) {
       usleep(50000);
-      serving = support::rawExchange(port, "GET / HTTP/1.0\r\n\r\n").find(headerGuid) !=
-                std::string::npos;
+      serving = rawExchange(port, "GET / HTTP/1.0\r\n\r\n").find(headerGuid) != std::string::npos;
     }
     ASSERT_TRUE(serving) << "VLC did not serve: " << vlc.output();
 

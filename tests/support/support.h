@@ -50,13 +50,17 @@ const AsfFile& sampleAsf();
 class Child : public halvarine::ChildProcess {
  public:
   explicit Child(const std::vector<std::string>& argv);
-  bool wait(int timeoutMs);  // true once ended
-  int exitCode();            // -1 when it ended by a signal or still runs
 };
 
 // The worker under test: HALVARINE_WORKER (a cross-built one, say), else
 // HALVARINE_BUILT_WORKER, which the build passes to its tests.
 std::string workerPath();
+// The environment that preloads `library` (built for this host) into a
+// program, a sanitized one included: its runtime need not come first.
+std::vector<std::string> preloadEnv(const std::string& library);
+
+// A test server of `file`, started; a failure to start is the test's.
+std::unique_ptr<MmsTestServer> startMmsServer(const AsfFile& file, const ServerOptions& options);
 
 // A private directory, removed with its files by the destructor.
 class TempDir {
@@ -81,10 +85,6 @@ std::vector<std::vector<std::string>> tableRows(const std::string& path);
 // Offset of the first difference, -1 when equal: readable for big strings.
 long long firstDifference(const std::string& a, const std::string& b);
 size_t countLines(const std::vector<std::string>& lines, const std::string& line);
-
-// ffmpeg's per-packet digest (stream, timestamps, size, payload MD5) of a
-// URL or file, stream copied; "" when ffmpeg fails.
-std::string framemd5(const std::string& input, const TempDir& dir);
 
 // ---- The fault matrix (tools/mmsserver/faults.tsv)
 
@@ -136,9 +136,6 @@ class RefusingPort {
   halvarine::UniqueFd fd_;
   uint16_t port_ = 0;
 };
-
-// Sends `request` to 127.0.0.1:port and reads until the server closes.
-std::string rawExchange(uint16_t port, const std::string& request);
 
 // A network namespace of the test's own, deleted with its files on
 // destruction: only loopback, up; /etc/hosts and (when not empty)
@@ -197,7 +194,12 @@ class WorkerTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
-  void startWorker(const std::vector<std::string>& prefix = {});
+  // A new worker in place of the session's, behind `prefix`, with `env`.
+  void startWorker(const std::vector<std::string>& prefix = {},
+                   const std::vector<std::string>& env = {});
+  // A new worker with `library` preloaded and `env`; false where the
+  // library, built for this host, cannot be loaded into it (a launcher).
+  bool startPreloaded(const std::string& library, const std::vector<std::string>& env = {});
 
   halvarine::Reply call(const halvarine::Request& req, int timeoutS = REPLY_TIMEOUT_S);
   halvarine::Reply receive(unsigned char echo);
@@ -207,6 +209,7 @@ class WorkerTest : public ::testing::Test {
   std::vector<std::string> outputLines() { return session.worker().outputLines(); }
 
   halvarine::WorkerSession session;
+  size_t linesSeen_ = 0;  // of the worker's lines, by StreamTest::newLines
 };
 
 // The worker plus test servers of the sample; no http_proxy reaches it.
@@ -260,7 +263,6 @@ class StreamTest : public WorkerTest {
   std::vector<std::unique_ptr<MmsTestServer>> servers;
 
  private:
-  size_t linesSeen_ = 0;
   unsigned char echo_ = 0x20;
 };
 

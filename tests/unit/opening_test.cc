@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <sys/time.h>
 
+#include <memory>
+
 #include "mms/cpu_budget.h"
 #include "mms/opening_plan.h"
 #include "mms/wrapper_mms.h"
@@ -52,11 +54,11 @@ TEST(WrapperMms, ReadsPositionLengthThenClosedRefusesAll) {
   for (StreamProtocol t : {StreamProtocol::MMST, StreamProtocol::MMSH}) {
     ServerOptions options;
     options.protocol = t;
-    MmsTestServer server(support::sampleAsf(), options);
-    std::string error;
-    ASSERT_TRUE(server.start(error)) << error;
+    const std::unique_ptr<MmsTestServer> server =
+        support::startMmsServer(support::sampleAsf(), options);
+    ASSERT_FALSE(HasFailure());
     const std::string name = t == StreamProtocol::MMST ? "MMST" : "MMSH";
-    WrapperMms w(server.url());
+    WrapperMms w(server->url());
     setenv("http_proxy", "127.0.0.1:1", 1);
     testing::internal::CaptureStderr();
     EXPECT_EQ(0u, w.connect());
