@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/support/support.h"
@@ -16,7 +15,6 @@ using halvarine::hex;
 using halvarine::Reply;
 using halvarine::Request;
 using support::countDigits;
-using support::expectedReadReply;
 using support::expectedReply;
 using Lines = std::vector<std::string>;
 
@@ -24,7 +22,6 @@ namespace {
 
 const int MAX_READ = 65511;  // a body of n + 24 bytes in 16 bits
 const std::string C = "[WrapperMms::connect()] ";
-const std::string TCP = "[WrapperMms::io_tcp_connect]";
 const std::string READ_EOF = "[WrapperMms::io_read()] EOF";
 const std::string READ_TIMEOUT = "[WrapperMms::io_read()] select timeout!";
 const std::string CONNECT_OK = "[commandConnect()] MMS connect server!! : 0";
@@ -36,17 +33,7 @@ std::string closeLine(StreamProtocol t) {
 
 class Stream : public support::StreamTest {};
 
-class BothTransports : public Stream, public ::testing::WithParamInterface<StreamProtocol> {
- protected:
-  // The stream from a server that goes silent after 100,000 bytes, read up
-  // to its first READ.
-  void openStalled() {
-    Faults stall;
-    stall.stallAfter = 100000;
-    ASSERT_NO_FATAL_FAILURE(openStream(GetParam(), stall));
-    expectNext(MAX_READ);
-  }
-};
+class BothTransports : public Stream, public ::testing::WithParamInterface<StreamProtocol> {};
 
 TEST_P(BothTransports, WholeStreamIsWhatLibmmsReadsThenEofForGood) {
   expectReply("READ", {countDigits(1000)}, "ERR");  // no stream yet
@@ -67,7 +54,8 @@ TEST_P(BothTransports, WholeStreamIsWhatLibmmsReadsThenEofForGood) {
 
 // The length libmms derives from the header, declared here as 2 GiB and
 // more: the reply's field takes it as signed, the log line as unsigned.
-TEST_P(BothTransports, GsizeIsTheLibrarysLengthAndPendClosesTheStreamAfterItsReply) {
+// (PEND's closing of the stream: the process tests.)
+TEST_P(BothTransports, GsizeIsTheLibrarysLengthSignedInTheReply) {
   const AsfFile& f = support::sampleAsf();
   const int64_t packets = ((1LL << 31) + f.packetSize - 1) / f.packetSize;
   url = startServer(GetParam(), Faults(), "127.0.0.1", packets).url();
@@ -83,12 +71,6 @@ TEST_P(BothTransports, GsizeIsTheLibrarysLengthAndPendClosesTheStreamAfterItsRep
                    "[WrapperMms::getLength()] get " + testing::PrintToString(GetParam()) +
                        " length : " + std::to_string(length),
                    "[commandGsize()] MMS get size!! : 0"}),
-            newLines());
-  expectReply("PEND", {}, "OK_");
-  EXPECT_TRUE(session.receiveEof(support::REPLY_TIMEOUT_MS)) << session.error();
-  expectExit(0);
-  EXPECT_EQ((Lines{"[Halvarine] recv PEND command!", closeLine(GetParam()),
-                   "[Halvarine] MMS close!! : 0", "[Halvarine] application finished !!"}),
             newLines());
 }
 
@@ -106,24 +88,13 @@ TEST_P(BothTransports, ResetMidStreamEndsItAfterTheBytesBeforeIt) {
   EXPECT_EQ(0u, support::countLines(newLines(), READ_TIMEOUT));
 }
 
-// A server that closes while the worker waits for its bytes: seen at once.
-TEST_P(BothTransports, ServerClosingDuringAWaitEndsTheReadAtOnce) {
-  ASSERT_NO_FATAL_FAILURE(openStalled());
-  const Request req = request("READ", {countDigits(MAX_READ)});
-  ASSERT_TRUE(session.send(req));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  const auto start = nowMs();
-  servers.back().reset();
-  const Reply r = receive(req.echo);
-  EXPECT_LT(secondsSince(start), 2.0);
-  EXPECT_TRUE(r.status() == "OK_" || r.status() == "EOF") << r.status();
-  EXPECT_EQ(1u, support::countLines(newLines(), READ_EOF));
-}
-
 // Silence mid-READ: after 7 s the callback gives up and the library makes
 // what it can of the bytes it has; the worker goes on serving.
 TEST_P(BothTransports, SlowStallMidReadAnswersAfterSevenSeconds) {
-  ASSERT_NO_FATAL_FAILURE(openStalled());
+  Faults stall;
+  stall.stallAfter = 100000;  // silent from there on
+  ASSERT_NO_FATAL_FAILURE(openStream(GetParam(), stall));
+  expectNext(MAX_READ);
   const auto start = nowMs();
   const Reply r = call(request("READ", {countDigits(MAX_READ)}), 15);
   EXPECT_GE(secondsSince(start), 6.5);
@@ -219,29 +190,10 @@ TEST_F(Stream, NewConnectClosesTheOldStreamFirstAndAFailedOneLeavesNothingOpen) 
   expectReply("CONNECT", {mmst}, "OK_");
   EXPECT_EQ(openLines(mmst, StreamProtocol::MMST), newLines()) << "replacing it closes nothing";
 
-  Request empty = request("CONNECT");
+  Request empty = request("CONNECT");  // tried over both transports: the opening plan's test
   empty.fields.push_back(Field::countedField(""));
   EXPECT_EQ("ERR", call(empty).status());
-  EXPECT_EQ(
-      (Lines{"[commandConnect()] command size : 7", closeLine(StreamProtocol::MMST), C + "call! ",
-             C + "url=", C + "open MMST stream!", C + "open MMST stream failed!",
-             C + "open MMSH stream!", C + "open MMSH stream failed! ", CONNECT_FAILED}),
-      newLines());
-}
-
-// An MMSH-only server never answers the MMST opening: after the 7-second
-// wait MMSH takes over with the same URL.
-TEST_F(Stream, SlowMmsUrlFallsBackToMmshAfterTheMmstTimeout) {
-  const std::string port = std::to_string(startServer(StreamProtocol::MMSH).port());
-  const std::string url = "mms://127.0.0.1:" + port + "/x";
-  const auto start = nowMs();
-  expectReply("CONNECT", {url}, "OK_");
-  EXPECT_GE(secondsSince(start), 6.5);
-  Lines expected = openLines(url, StreamProtocol::MMSH);
-  expected.insert(expected.begin() + 3,
-                  {C + "open MMST stream!", TCP, READ_TIMEOUT, C + "open MMST stream failed!"});
-  EXPECT_EQ(expected, newLines());
-  expectNext(1000);
+  EXPECT_EQ(CONNECT_FAILED, newLines().back());
 }
 
 }  // namespace

@@ -136,23 +136,20 @@ bool succeeds(const std::vector<std::string>& argv, std::string& output) {
 NetNamespace::~NetNamespace() {
   if (name_.empty()) return;
   halvarine::runProgram({"ip", "netns", "delete", name_}, 10000);
-  for (const char* f : {"/hosts", "/resolv.conf"}) unlink((dir_ + f).c_str());
+  unlink((dir_ + "/hosts").c_str());
   rmdir(dir_.c_str());
   if (createdRoot_) rmdir("/etc/netns");
 }
 
-bool NetNamespace::create(const std::string& hosts, const std::string& resolvConf,
-                          std::string& error) {
+bool NetNamespace::create(const std::string& hosts, std::string& error) {
   const std::string name = "halvarine-test-" + std::to_string(getpid());
   if (!succeeds({"ip", "netns", "add", name}, error)) return false;
   name_ = name;
   struct stat st;
   createdRoot_ = stat("/etc/netns", &st) != 0 && mkdir("/etc/netns", 0755) == 0;
   dir_ = "/etc/netns/" + name_;
-  if (mkdir(dir_.c_str(), 0755) != 0 || !writeFile(dir_ + "/hosts", hosts) ||
-      (!resolvConf.empty() && !writeFile(dir_ + "/resolv.conf", resolvConf))) {
+  if (mkdir(dir_.c_str(), 0755) != 0 || !writeFile(dir_ + "/hosts", hosts))
     return error = "cannot write " + dir_, false;
-  }
   return exec({"ip", "link", "set", "lo", "up"}, error);
 }
 

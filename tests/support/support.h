@@ -138,12 +138,12 @@ class RefusingPort {
 };
 
 // A network namespace of the test's own, deleted with its files on
-// destruction: only loopback, up; /etc/hosts and (when not empty)
-// /etc/resolv.conf as given, for what runs in it through prefix(). Root only.
+// destruction: only loopback, up; /etc/hosts as given, for what runs in it
+// through prefix(). Root only.
 class NetNamespace {
  public:
   ~NetNamespace();
-  bool create(const std::string& hosts, const std::string& resolvConf, std::string& error);
+  bool create(const std::string& hosts, std::string& error);
   // Every packet to `address` silently dropped on arrival, so that senders
   // see no error and wait (nft).
   bool dropTo(const std::string& address, std::string& error);

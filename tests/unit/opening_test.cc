@@ -22,10 +22,7 @@ TEST(OpeningPlan, EachUrlFormGetsItsProxyTransportsAndTargets) {
     const char* plan;
   } rows[] = {
       {"", "- MMST: MMSH:"},
-      {"mms://h/l", "- MMST:mms://h/l MMSH:mms://h/l"},
       {"mmst://h/l", "- MMST:mmst://h/l MMSH:mmst://h/l"},
-      {"http://h/l", "- MMSH:mmsh://h/l"},
-      {"mmsh://h/l", "- MMSH:mmsh://h/l"},
       {"HTTP://h/l", "- MMST:HTTP://h/l MMSH:HTTP://h/l"},
       {"p:80/http://h/l", "p:80 MMSH:mmsh://h/l"},
       {"p:80/mms://h/l", "p:80 MMSH:mms://h/l"},
