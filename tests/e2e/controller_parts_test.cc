@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/wait.h"
+#include "base/write_all.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -236,6 +237,22 @@ TEST(Pipeline, KeepAlivesDeadlinesAndThePoliteEnd) {
   bench.worker.reset();
   EXPECT_FALSE(p.call("CCHECK", {}, r));
   EXPECT_EQ(halvarine::FetchStatus::LOST, p.failure());
+}
+
+// A pipe nobody reads: what fits goes, then the wait runs out, or a stop
+// ends it; the controller's sends and the test servers rely on both.
+TEST(WriteAll, AWaitRunsOutOrIsStopped) {
+  const std::string big(1 << 20, 'x');
+  size_t n = 0;
+  int p[2], stop[2];
+  ASSERT_EQ(0, pipe(p));
+  ASSERT_EQ(0, pipe(stop));
+  halvarine::UniqueFd readEnd(p[0]), writeEnd(p[1]), stopRead(stop[0]), stopWrite(stop[1]);
+  const int64_t began = halvarine::monotonicMs();
+  EXPECT_EQ(WAIT_TIMEOUT, writeAll(writeEnd.get(), big.data(), big.size(), 150, n));
+  EXPECT_GE(halvarine::monotonicMs() - began, 150);
+  ASSERT_EQ(1, write(stopWrite.get(), "s", 1));
+  EXPECT_EQ(WAIT_STOPPED, writeAll(writeEnd.get(), big.data(), big.size(), -1, n, stopRead.get()));
 }
 
 }  // namespace
