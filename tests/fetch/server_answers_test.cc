@@ -1,9 +1,8 @@
 // halvarine-fetch and what servers say, against the real worker and the
 // test servers: a stream the server announces as live is recorded on from
-// the new connection's first packet, never resumed by skipping; --continue
-// completes an earlier fetch to exactly the bytes libmms reads, and leaves
-// a file alone that is not the stream's start; through a real proxy
-// (tinyproxy) the server's HTTP error and the proxy's own are told apart.
+// the new connection's first packet, never resumed by skipping; through a
+// real proxy (tinyproxy) the server's HTTP error and the proxy's own are
+// told apart. --continue is run end to end (runs.tsv).
 
 #include <gtest/gtest.h>
 #include <halvarine/controller.h>
@@ -39,9 +38,6 @@ bool says(const Ran& ran, const std::string& text) {
   return ran.said.find(text) != std::string::npos;
 }
 
-using support::sampleAsf;
-using support::startMmsServer;
-
 class ServerAnswers : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -66,7 +62,7 @@ TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
   o.faults.liveUnmarked = true;
   o.faults.resetAfter = 150000;
   o.faults.firstConnections = 1;
-  const auto server = startMmsServer(sampleAsf(), o);
+  const auto server = support::startMmsServer(support::sampleAsf(), o);
   ASSERT_FALSE(HasFailure());
   const Ran ran = runFetch({server->url(), "-o", out, "--duration", "3", "--retry-delay", "0.2"});
   EXPECT_EQ(0, ran.status) << ran.said;
@@ -76,7 +72,7 @@ TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
   AsfFile rec;
   std::string error;
   ASSERT_TRUE(loadAsfFile(out, rec, error)) << error;
-  const std::vector<std::string>& source = sampleAsf().packets;
+  const std::vector<std::string>& source = support::sampleAsf().packets;
   // The second connection begins where the first packet of the first did.
   size_t cut = 0;
   for (size_t i = 1; i < rec.packets.size() && cut == 0; ++i) {
@@ -93,77 +89,6 @@ TEST_F(ServerAnswers, AStreamAnnouncedLiveAndCutOnceIsRecordedOnNotSpliced) {
   EXPECT_TRUE(probe.succeeded() && probe.output.empty()) << probe.output;
 }
 
-// Cut on every connection, the fetch keeps FILE.partial; --continue then
-// reads the stream again, checks what the file holds and completes it.
-TEST_F(ServerAnswers, ContinueCompletesACutFetchToTheBytesLibmmsReads) {
-  ServerOptions cutting;
-  cutting.protocol = StreamProtocol::MMST;
-  cutting.faults.resetAfter = 100000;
-  {
-    const auto server = startMmsServer(sampleAsf(), cutting);
-    const Ran cut = runFetch(
-        {server->url(), "-o", out, "--retry", "1", "--retry-delay", "0.1", "--keep-partial"});
-    EXPECT_EQ(18, cut.status) << cut.said;
-  }
-  ASSERT_TRUE(support::fileExists(out + ".partial"));
-  const std::string partial = support::readFile(out + ".partial");
-  ASSERT_GT(partial.size(), sampleAsf().header.size());
-
-  ServerOptions plain;
-  plain.protocol = StreamProtocol::MMST;
-  const auto server = startMmsServer(sampleAsf(), plain);
-  const Ran ran = runFetch({server->url(), "-C", "-o", out});
-  EXPECT_EQ(0, ran.status) << ran.said;
-  EXPECT_TRUE(says(ran, "continuing " + out + ".partial")) << ran.said;
-  std::string expected;
-  ASSERT_TRUE(LibmmsStream::readAll(server->url(), 0, expected));
-  EXPECT_EQ(-1, support::firstDifference(expected, support::readFile(out)));
-  EXPECT_FALSE(support::fileExists(out + ".partial"));
-}
-
-// What cannot be continued is refused with exit 33 and left byte for byte
-// as it was: another stream's header, the same header over other data, a
-// live stream.
-TEST_F(ServerAnswers, ContinueRefusesWhatIsNotTheStreamsStart) {
-  const AsfFile& file = sampleAsf();
-  std::string start = file.header;
-  for (size_t i = 0; i < 20; ++i) start += file.packets[i];
-  std::string otherData = start;
-  otherData[file.header.size() + 5 * file.packetSize + 100] ^= 0x01;
-  AsfFile other;
-  std::string error;
-  ASSERT_TRUE(parseAsf(generateAsf(300000), other, error)) << error;
-
-  struct Case {
-    const char* name;
-    const AsfFile& served;
-    bool live;
-    bool unmarked;  // the header does not say broadcast
-    std::string partial;
-    const char* reason;
-  } cases[] = {
-      {"another stream", other, false, false, start, "its header differs"},
-      {"other data", file, false, false, otherData, "bytes differ"},
-      {"a broadcast", file, true, false, start, "the stream is live"},
-      {"announced live", file, true, true, start, "the stream is live"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ASSERT_TRUE(support::writeFile(out + ".partial", c.partial));
-    ServerOptions o;
-    o.protocol = StreamProtocol::MMSH;
-    o.live = c.live;
-    o.faults.liveUnmarked = c.unmarked;
-    o.rate = c.live ? 40000 : 0;
-    const auto server = startMmsServer(c.served, o);
-    const Ran ran = runFetch({server->url(), "--continue", "-o", out});
-    EXPECT_EQ(33, ran.status) << ran.said;
-    EXPECT_TRUE(says(ran, c.reason)) << ran.said;
-    EXPECT_EQ(c.partial, support::readFile(out + ".partial"));
-    EXPECT_FALSE(support::fileExists(out));
-  }
-}
-
 // tinyproxy relays to the test server on 127.0.0.2 (not to the address it
 // listens on). The server's 404 comes through as the server's; a server
 // that cannot be reached is the proxy's refusal, which curl also reports
@@ -177,7 +102,7 @@ TEST_F(ServerAnswers, ThroughAProxyTheServersErrorAndTheProxysOwnAreToldApart) {
   o.protocol = StreamProtocol::MMSH;
   o.address = "127.0.0.2";
   o.faults.httpStatus = 404;
-  const auto server = startMmsServer(sampleAsf(), o);
+  const auto server = support::startMmsServer(support::sampleAsf(), o);
   ASSERT_FALSE(HasFailure());
   const std::string unreachable =
       "mmsh://127.0.0.2:" + std::to_string(support::freeTcpPort("127.0.0.2")) + "/x";
