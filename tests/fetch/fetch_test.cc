@@ -129,6 +129,14 @@ TEST_P(Fetch, EndsAsItsRowSays) {
     values["{url}"] = url;
     values["{host}"] = url.substr(url.find("://") + 3, url.rfind('/') - url.find("://") - 3);
   }
+  std::unique_ptr<support::Child> proxy;
+  if (has(row.command, "{proxy}")) {
+    if (halvarine::findOnPath("tinyproxy").empty()) GTEST_SKIP() << "no tinyproxy";
+    uint16_t port = 0;
+    proxy = support::startTinyproxy(dir, port);
+    ASSERT_NE(nullptr, proxy) << "tinyproxy did not come up";
+    values["{proxy}"] = "127.0.0.1:" + std::to_string(port);
+  }
   auto fill = [&](std::string text) {
     for (const auto& v : values) {
       for (size_t at; (at = text.find(v.first)) != std::string::npos;) {
