@@ -29,10 +29,6 @@ struct Row {
   std::vector<std::string> says;
 };
 
-void PrintTo(const Row& run, std::ostream* os) {
-  *os << run.name;
-}
-
 std::vector<Row> runs() {
   std::vector<Row> rows;
   for (std::vector<std::string> c : support::tableRows(HALVARINE_FETCH_RUNS)) {
@@ -123,7 +119,8 @@ TEST_P(Fetch, EndsAsItsRowSays) {
                                                {"{out}", out},
                                                {"{dir}", dir.path()},
                                                {"{refused}", std::to_string(refusing.port())},
-                                               {"{bad}", support::UNRESOLVABLE_HOST}};
+                                               {"{bad}", support::UNRESOLVABLE_HOST},
+                                               {"{sample}", HALVARINE_SAMPLE_ASF}};
   std::unique_ptr<support::Child> server;
   if (!row.server.empty()) {
     server.reset(new support::Child({"bash", "-c", "exec $0 " + row.server, HALVARINE_MMS_SERVER}));
@@ -131,6 +128,14 @@ TEST_P(Fetch, EndsAsItsRowSays) {
     const std::string url = server->output().substr(0, server->output().find('\n'));
     values["{url}"] = url;
     values["{host}"] = url.substr(url.find("://") + 3, url.rfind('/') - url.find("://") - 3);
+  }
+  std::unique_ptr<support::Child> proxy;
+  if (has(row.command, "{proxy}")) {
+    if (halvarine::findOnPath("tinyproxy").empty()) GTEST_SKIP() << "no tinyproxy";
+    uint16_t port = 0;
+    proxy = support::startTinyproxy(dir, port);
+    ASSERT_NE(nullptr, proxy) << "tinyproxy did not come up";
+    values["{proxy}"] = "127.0.0.1:" + std::to_string(port);
   }
   auto fill = [&](std::string text) {
     for (const auto& v : values) {
@@ -201,6 +206,6 @@ TEST_P(Fetch, EndsAsItsRowSays) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, Fetch, ::testing::ValuesIn(runs()),
-                         ::testing::PrintToStringParamName());
+                         [](const ::testing::TestParamInfo<Row>& row) { return row.param.name; });
 
 }  // namespace

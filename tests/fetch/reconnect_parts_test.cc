@@ -1,13 +1,11 @@
 // The pieces halvarine-fetch decides a new connection with, alone: the
-// retry plan's waits and bounds, the check of bytes read again, which
-// headers are one stream's, and what an HTTP answer says.
+// retry plan's waits and bounds, and the check of bytes read again. What
+// servers answer is run end to end (runs.tsv, server_answers_test.cc).
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "tools/asf/asf_file.h"
-#include "tools/fetch/probe.h"
 #include "tools/fetch/resume.h"
 #include "tools/fetch/retry.h"
 
@@ -97,50 +95,6 @@ TEST(ResumeCheck, OnlyTheBytesWrittenLetTheNewConnectionOnAndADifferenceStopsIts
     EXPECT_GE(taken, c.readBeforeStop);
     EXPECT_LT(taken, c.readBeforeStop + 10000);
   }
-}
-
-TEST(SameStreamHeader, AFinishedRecordingsHeaderIsTheStreamsAnotherStreamsIsNot) {
-  std::string error;
-  AsfFile a, b;
-  ASSERT_TRUE(parseAsf(generateAsf(100000), a, error)) << error;
-  ASSERT_TRUE(parseAsf(generateAsf(100000, 4096), b, error)) << error;
-  std::string finished = a.header;
-  ASSERT_TRUE(declarePackets(finished, 3, a.packetSize));
-  EXPECT_TRUE(fetch::sameStreamHeader(a.header, finished));
-  EXPECT_FALSE(fetch::sameStreamHeader(a.header, b.header));
-  std::string other = a.header;
-  other[other.size() - 1] ^= 0x40;  // the Data Object's last field, which no finish touches
-  EXPECT_FALSE(fetch::sameStreamHeader(a.header, other));
-}
-
-TEST(Probe, AnHttpHeadSaysItsStatusAndWhetherItIsLive) {
-  struct Case {
-    std::string head;
-    fetch::ProbeAnswer::Kind kind;
-    std::string status;
-    bool mms, live;
-  } cases[] = {
-      {"HTTP/1.0 404 Not Found\r\nServer: x", fetch::ProbeAnswer::HTTP, "HTTP 404 Not Found", false,
-       false},
-      {"HTTP/1.1 403\r\n", fetch::ProbeAnswer::HTTP, "HTTP 403", false, false},
-      {"HTTP/1.0 200 OK\r\nPragma: no-cache\r\npragma: Features=\"broadcast\"",
-       fetch::ProbeAnswer::HTTP, "HTTP 200 OK", true, true},
-      {"HTTP/1.0 200 OK\r\nPragma: features=\"seekable,stridx\"", fetch::ProbeAnswer::HTTP,
-       "HTTP 200 OK", true, false},
-      {"SSH-2.0-OpenSSH", fetch::ProbeAnswer::OTHER, "", false, false},
-      {"", fetch::ProbeAnswer::SILENT, "", false, false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.head);
-    const fetch::ProbeAnswer a = fetch::readHttpHead(c.head);
-    EXPECT_EQ(c.kind, a.kind);
-    if (a.kind == fetch::ProbeAnswer::HTTP) {
-      EXPECT_EQ(c.status, fetch::httpStatusText(a));
-    }
-    EXPECT_EQ(c.mms, a.mms);
-    EXPECT_EQ(c.live, a.live);
-  }
-  EXPECT_EQ("no such file (0x80070002)", fetch::mmsResultText(0x80070002));
 }
 
 }  // namespace
