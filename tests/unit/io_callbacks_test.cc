@@ -203,6 +203,10 @@ TEST_F(BatchedRead, OneWakeUpForAReadOfManyPacketsArrivingApart) {
   const long wakeUps = sleeps() - before;
   sender.join();
   std::cout << "[ observed ] " << wakeUps << " sleeps for " << PACKETS << " packets" << std::endl;
+  // Under an emulator (the armhf run's qemu-user) the thread also sleeps on
+  // the emulator's own locks, as the sender's code is translated: the count
+  // says nothing there, and the bytes above are what is checked.
+  if (!halvarine::launcherFromEnvironment().empty()) return;
   EXPECT_LE(wakeUps, 3);
 }
 
