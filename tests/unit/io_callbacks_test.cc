@@ -203,11 +203,11 @@ TEST_F(BatchedRead, OneWakeUpForAReadOfManyPacketsArrivingApart) {
   const long wakeUps = sleeps() - before;
   sender.join();
   std::cout << "[ observed ] " << wakeUps << " sleeps for " << PACKETS << " packets" << std::endl;
-  // Under an emulator (the armhf run's qemu-user) the thread also sleeps on
-  // the emulator's own locks, as the sender's code is translated: the count
-  // says nothing there, and the bytes above are what is checked.
-  if (!halvarine::launcherFromEnvironment().empty()) return;
+#ifndef HALVARINE_EMULATED_TESTS
+  // (Under an emulator the thread also sleeps on the emulator's own locks, as
+  // the sender's code is translated, and only the bytes above are checked.)
   EXPECT_LE(wakeUps, 3);
+#endif
 }
 
 // SIGTERM while the read waits for a batch that has only begun to arrive
