@@ -153,13 +153,13 @@ WaitResult waitToRead(int fd, long left, ReadWaits& waits) {
     const int64_t startUs = nowUs();
     const WaitResult ready = waitFd(fd, WAIT_READABLE, READ_SLICE_S);
     if (ready != WAIT_TIMEOUT) {
-      const bool quick = nowUs() - startUs < FAST_WAIT_US;
-      if (!quick) {
+      const int64_t endUs = nowUs();
+      if (endUs - startUs >= FAST_WAIT_US) {
         g_fastLink = false;
       } else if (ready == WAIT_READY && mark >= FAST_BATCH_BYTES) {
         g_fastLink = true;
       }
-      if (ready == WAIT_READY) g_bytesSeenMs = nowMs();
+      if (ready == WAIT_READY) g_bytesSeenMs = endUs / 1000;
       return ready;
     }
     g_fastLink = false;
