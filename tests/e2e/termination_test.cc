@@ -168,6 +168,12 @@ TEST_F(Termination, SigalrmKeepsTheDispositionTheWorkerInherited) {
   EXPECT_TRUE(how.signaled && how.signal == SIGALRM) << "default: " << how.toString();
   EXPECT_EQ("", session.worker().output()) << "default";
 
+  // User-mode qemu catches every default-fatal signal on the host, even one
+  // its guest ignores, so there the host poll fails with EINTR. A kernel
+  // never wakes a wait for an ignored signal.
+  if (!halvarine::launcherFromEnvironment().empty())
+    GTEST_SKIP() << "an emulator wakes the wait for a signal its guest ignores";
+
   inherited.sa_handler = SIG_IGN;
   ASSERT_EQ(0, sigaction(SIGALRM, &inherited, nullptr));
   startWorker();
